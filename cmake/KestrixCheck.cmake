@@ -1,0 +1,15 @@
+# `cmake --build build --target check` runs clang-format (dry) and clang-tidy over the project's own sources.
+file(GLOB_RECURSE KESTRIX_CHECKED CONFIGURE_DEPENDS
+  src/*.cpp src/*.h tools/*.cpp tools/*.h tests/*.cpp tests/*.h bench/*.cpp)
+set(KESTRIX_TIDIED ${KESTRIX_CHECKED})
+list(FILTER KESTRIX_TIDIED INCLUDE REGEX "\\.cpp$")
+find_program(CLANG_FORMAT NAMES clang-format clang-format-14)
+find_program(CLANG_TIDY NAMES clang-tidy clang-tidy-14)
+
+add_custom_target(check-format
+  COMMAND ${CLANG_FORMAT} --dry-run --Werror ${KESTRIX_CHECKED}
+  COMMENT "clang-format" VERBATIM)
+add_custom_target(check-tidy
+  COMMAND printf "%s\\n" ${KESTRIX_TIDIED} | xargs -P 2 -n 4 ${CLANG_TIDY} -p ${CMAKE_BINARY_DIR} --quiet
+  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy")
+add_custom_target(check DEPENDS check-format check-tidy)

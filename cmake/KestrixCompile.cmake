@@ -1,0 +1,56 @@
+# How the program's sources are compiled: language standard, floating point rules, warnings, sanitizers,
+# and the device (host or CUDA) that they are compiled for.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# No fused multiply-adds behind our back, so that bits agree between instruction sets and devices; traps and
+# errno are never looked at, and without them clamping loops vectorise.
+set(KESTRIX_FLAGS -fno-trapping-math -fno-math-errno -ffp-contract=off -Wall -Wextra -Wshadow)
+if(KESTRIX_SANITIZE)
+  list(APPEND KESTRIX_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+find_package(OpenMP REQUIRED COMPONENTS CXX)
+
+if(KESTRIX_CUDA)
+  if(NOT DEFINED CMAKE_CUDA_ARCHITECTURES)
+    set(CMAKE_CUDA_ARCHITECTURES "all-major" CACHE STRING "Compute capabilities to build for")
+  endif()
+  enable_language(CUDA)
+  find_package(CUDAToolkit REQUIRED)
+  set(CMAKE_CUDA_STANDARD 17)
+  set(CMAKE_CUDA_STANDARD_REQUIRED ON)
+else()
+  find_path(FFTW3_INCLUDE_DIR fftw3.h REQUIRED)
+  find_library(FFTW3F_LIBRARY fftw3f REQUIRED)
+  find_library(FFTW3F_OMP_LIBRARY fftw3f_omp REQUIRED)
+endif()
+
+# Compiles a target's sources for the chosen device.
+function(kestrix_compile_for_device target)
+  if(KESTRIX_CUDA)
+    get_target_property(sources ${target} SOURCES)
+    set_source_files_properties(${sources} PROPERTIES LANGUAGE CUDA)
+    list(JOIN KESTRIX_FLAGS "," flags)
+    target_compile_options(${target} PRIVATE
+      $<$<COMPILE_LANGUAGE:CUDA>:--fmad=false -Xcompiler=${flags} --expt-relaxed-constexpr>)
+  endif()
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${KESTRIX_FLAGS}>)
+endfunction()
+
+# Gives the library that holds the device layer its sources and libraries.
+function(kestrix_use_device target)
+  if(KESTRIX_CUDA)
+    target_compile_definitions(${target} PUBLIC KESTRIX_CUDA=1)
+    target_link_libraries(${target} PUBLIC CUDA::cudart CUDA::cufft OpenMP::OpenMP_CXX)
+  else()
+    target_sources(${target} PRIVATE src/platform/host_runtime.cpp src/platform/host_fft.cpp)
+    target_include_directories(${target} PRIVATE ${FFTW3_INCLUDE_DIR})
+    target_link_libraries(${target} PUBLIC ${FFTW3F_OMP_LIBRARY} ${FFTW3F_LIBRARY} OpenMP::OpenMP_CXX m)
+  endif()
+  kestrix_compile_for_device(${target})
+endfunction()

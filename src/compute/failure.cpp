@@ -1,0 +1,52 @@
+#include "failure.h"
+
+#include <cstdarg>
+#include <cstdlib>
+
+void fatal_error(const char* function, const char* unit, int line, const char* format, ...) {
+  printf("Error in function %s(), file %s on line %d: ", function, unit, line);
+  va_list arguments;
+  va_start(arguments, format);
+  vprintf(format, arguments);
+  va_end(arguments);
+  printf("! Exit now!\n");
+  exit(EXIT_FAILURE);
+}
+
+void warning(const char* function, const char* unit, int line, const char* format, ...) {
+  printf("Warning in function %s(), file %s on line %d: ", function, unit, line);
+  va_list arguments;
+  va_start(arguments, format);
+  vprintf(format, arguments);
+  va_end(arguments);
+  printf("!\n");
+}
+
+FILE* open_to_read(const char* name, const char* function, const char* unit, int line) {
+  FILE* file = fopen(name, "r");
+  if (!file) {
+    printf("Cannot open file %s. Permission denied or wrong file name.\n", name);
+    fatal_error(function, unit, line, "open file failed.");
+  }
+  return file;
+}
+
+FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line) {
+  FILE* file = fopen(name, mode);
+  if (!file) {
+    printf("Cannot write to file %s. Permission denied or no space left!\n", name);
+    fatal_error(function, unit, line, "open file failed.");
+  }
+  return file;
+}
+
+void safety_note(const char* file, const char* format, ...) {
+  fflush(stdout);  // keeps the note at its place where both streams go to one terminal or log
+  fprintf(stderr, "Kestrix: ");
+  if (file) fprintf(stderr, "%s: ", file);
+  va_list arguments;
+  va_start(arguments, format);
+  vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  fprintf(stderr, "\n");
+}

@@ -1,0 +1,29 @@
+// The forms in which the program reports failures of the host, and their effect on the run.
+#pragma once
+
+#include <cstdio>
+
+/// Prints "Error in function ..., file ... on line ...: TEXT! Exit now!" on standard output and ends the process
+/// with status 1. function, unit and line say where; format and what follows make TEXT as in printf.
+[[noreturn]] void fatal_error(const char* function, const char* unit, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+/// Prints "Warning in function ..., file ... on line ...: TEXT!" on standard output and returns.
+void warning(const char* function, const char* unit, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+/// Opens a file for reading. On failure prints which file, then the fatal error "open file failed.".
+FILE* open_to_read(const char* name, const char* function, const char* unit, int line);
+
+/// Opens a file for writing with the given fopen mode. Failure ends the run as in open_to_read.
+FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line);
+
+/// Prints one line "Kestrix: FILE: TEXT" on standard error: a safety message that leaves the run and its
+/// specified output as they are. file may be null, for a message about no file in particular.
+void safety_note(const char* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Short forms for a unit that names itself by a constant `unit` in its anonymous namespace.
+#define KESTRIX_FATAL(...) fatal_error(__func__, unit, __LINE__, __VA_ARGS__)
+#define KESTRIX_WARNING(...) warning(__func__, unit, __LINE__, __VA_ARGS__)
+#define KESTRIX_OPEN_READ(name) open_to_read(name, __func__, unit, __LINE__)
+#define KESTRIX_OPEN_WRITE(name, mode) open_to_write(name, mode, __func__, unit, __LINE__)
