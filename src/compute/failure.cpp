@@ -40,6 +40,12 @@ FILE* open_to_write(const char* name, const char* mode, const char* function, co
   return file;
 }
 
+void close_written(FILE* file, const char* name, const char* function, const char* unit, int line) {
+  const bool complete = ferror(file) == 0;
+  const bool closed = fclose(file) == 0;
+  if (!complete || !closed) fatal_error(function, unit, line, "writing %s failed, no space left?", name);
+}
+
 void safety_note(const char* file, const char* format, ...) {
   fflush(stdout);  // keeps the note at its place where both streams go to one terminal or log
   fprintf(stderr, "Kestrix: ");

@@ -3,8 +3,8 @@
 
 #include <cstdio>
 
-/// Prints "Error in function ..., file ... on line ...: TEXT! Exit now!" on standard output and ends the process
-/// with status 1. function, unit and line say where; format and what follows make TEXT as in printf.
+/// Prints "Error in function ..., file ... on line ...: TEXT! Exit now!" on standard output and ends the
+/// process with status 1. function, unit and line say where; format and what follows make TEXT as in printf.
 [[noreturn]] void fatal_error(const char* function, const char* unit, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
@@ -18,6 +18,10 @@ FILE* open_to_read(const char* name, const char* function, const char* unit, int
 /// Opens a file for writing with the given fopen mode. Failure ends the run as in open_to_read.
 FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line);
 
+/// Closes a file that was written. If anything of it could not be written, the disk being full for instance,
+/// ends the run with a fatal error that names the file.
+void close_written(FILE* file, const char* name, const char* function, const char* unit, int line);
+
 /// Prints one line "Kestrix: FILE: TEXT" on standard error: a safety message that leaves the run and its
 /// specified output as they are. file may be null, for a message about no file in particular.
 void safety_note(const char* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -27,3 +31,4 @@ void safety_note(const char* file, const char* format, ...) __attribute__((forma
 #define KESTRIX_WARNING(...) warning(__func__, unit, __LINE__, __VA_ARGS__)
 #define KESTRIX_OPEN_READ(name) open_to_read(name, __func__, unit, __LINE__)
 #define KESTRIX_OPEN_WRITE(name, mode) open_to_write(name, mode, __func__, unit, __LINE__)
+#define KESTRIX_CLOSE_WRITTEN(file, name) close_written(file, name, __func__, unit, __LINE__)

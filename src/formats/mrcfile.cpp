@@ -1,0 +1,318 @@
+#include "mrcfile.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "failure.h"
+#include "math_utils.h"
+
+namespace {
+
+constexpr char unit[] = "mrcfile";
+
+struct SampleType {
+  int mode;
+  int bytes;  // 0: a file of this mode is not accepted
+  bool readable;
+  const char* name;
+};
+
+constexpr SampleType kSampleTypes[] = {{0, 1, true, "Byte"},
+                                       {1, 2, true, "Short"},
+                                       {2, 4, true, "Float"},
+                                       {3, 4, false, "Complex Short"},
+                                       {4, 8, false, "Complex Float"},
+                                       {6, 2, true, "Unsigned Short"},
+                                       {16, 0, false, "RGB"},
+                                       {20, 8, false, "Complex Float (Real, Imag)"},
+                                       {21, 8, false, "Complex Float (Amp, Rad)"},
+                                       {22, 8, false, "Complex Float (Amp, Deg)"}};
+constexpr SampleType kUnknownType = {-1, 0, false, "Unknown"};
+
+const SampleType& sample_type(int mode) {
+  for (const SampleType& type : kSampleTypes)
+    if (type.mode == mode) return type;
+  return kUnknownType;
+}
+
+// a*b, or the nearest long where a header's numbers make a product that no long holds.
+long bounded_product(long a, long b) {
+  long product = 0;
+  if (__builtin_mul_overflow(a, b, &product)) return (a < 0) == (b < 0) ? LONG_MAX : LONG_MIN;
+  return product;
+}
+
+long sample_count(const MRC_HEAD* head) {
+  return bounded_product(static_cast<long>(head->nx) * head->ny, head->nz);
+}
+
+long sample_position(long samples_before, int bytes) {
+  const long data_bytes = bounded_product(samples_before, bytes);
+  return data_bytes > LONG_MAX - kMrcHeadBytes ? LONG_MAX : kMrcHeadBytes + data_bytes;
+}
+
+// Reads up to count samples of one type and widens them; returns how many there were.
+template <class Sample>
+size_t read_widened(FILE* file, size_t count, float* dst) {
+  constexpr size_t kChunk = 32768;
+  Sample chunk[kChunk];
+  size_t done = 0;
+  while (done < count) {
+    const size_t wanted = std::min(kChunk, count - done);
+    const size_t got = fread(chunk, sizeof(Sample), wanted, file);
+    for (size_t i = 0; i < got; i++) dst[done + i] = static_cast<float>(chunk[i]);
+    done += got;
+    if (got < wanted) break;
+  }
+  return done;
+}
+
+size_t read_samples(FILE* file, int mode, size_t count, float* dst) {
+  switch (mode) {
+    case 0:
+      return read_widened<uint8_t>(file, count, dst);
+    case 1:
+      return read_widened<int16_t>(file, count, dst);
+    case 2:
+      return fread(dst, sizeof(float), count, file);
+    case 6:
+      return read_widened<uint16_t>(file, count, dst);
+    default:
+      return 0;
+  }
+}
+
+// Reads count samples that lie samples_before samples behind the header; those that the file lacks become 0.
+void read_run(FILE* file, int mode, long samples_before, long count, float* dst) {
+  if (count <= 0) return;
+  const long position = sample_position(samples_before, sample_type(mode).bytes);
+  size_t got = 0;
+  if (samples_before >= 0 && fseek(file, position, SEEK_SET) == 0)
+    got = read_samples(file, mode, static_cast<size_t>(count), dst);
+  std::fill(dst + got, dst + count, 0.0f);
+}
+
+void read_section(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
+  const long section = static_cast<long>(head->nx) * head->ny;
+  read_run(file, head->mode, bounded_product(section, slice), section, dst);
+}
+
+void read_y_plane(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
+  const long nx = head->nx;
+  const long ny = head->ny;
+  for (long k = 0; k < head->nz; k++)
+    read_run(file, head->mode, bounded_product(nx, k * ny + slice), nx, dst + k * nx);
+}
+
+void read_x_plane(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
+  const long rows = bounded_product(head->ny, head->nz);
+  for (long row = 0; row < rows; row++)
+    read_run(file, head->mode, bounded_product(row, head->nx) + slice, 1, dst + row);
+}
+
+bool has_map_stamp(const MRC_HEAD* head) { return memcmp(head->cmap, "MAP", 3) == 0; }
+
+// The check that stands before any read of a whole file, under the name of the function that owns it.
+void refuse_wrong_size(FILE* file, const MRC_HEAD* head) {
+  if (mrc_check_fsize(file, head) != 0) fatal_error("mrc_read_all", unit, __LINE__, "File size error!");
+}
+
+void print_sizes(const char* name, const MRC_HEAD* head) {
+  printf("      %-8d%-8d%-8d%-18s  %s\n", head->nx, head->ny, head->nz, mrc_get_head_mode(head), name);
+}
+
+}  // namespace
+
+MRC_HEAD* mrc_new_head() {
+  auto* head = static_cast<MRC_HEAD*>(calloc(1, sizeof(MRC_HEAD)));
+  if (!head) KESTRIX_FATAL("no memory for the header of an MRC file");
+  mrc_init_head(head);
+  return head;
+}
+
+int mrc_init_head(MRC_HEAD* head) {
+  mrc_set_head_xyz_mode(head, 1, 1, 1, 2);
+  head->nxstart = head->nystart = head->nzstart = 0;
+  head->mx = head->my = head->mz = 1;
+  head->xlen = head->ylen = head->zlen = 1.0f;
+  head->alpha = head->beta = head->gamma = 90.0f;
+  head->mapc = 1;
+  head->mapr = 2;
+  head->maps = 3;
+  head->amin = 0.0f;
+  head->amax = 255.0f;
+  head->amean = 128.0f;
+  head->ispg = 1;
+  head->nsymbt = 0;
+  head->next = 0;
+  head->creatid = 1000;
+  memset(head->reserved1, 0, sizeof head->reserved1);
+  head->xorg = head->yorg = head->zorg = 0.0f;
+  head->nlabl = 0;
+  memset(head->labels, 0, sizeof head->labels);
+  return mrc_set_head_stmp(head);
+}
+
+int mrc_set_head_stmp(MRC_HEAD* head) {
+  memcpy(head->cmap, "MAP ", 4);
+  memcpy(head->stamp, "DA\0\0", 4);
+  return 0;
+}
+
+int mrc_set_head_xyz_mode(MRC_HEAD* head, int nx, int ny, int nz, int mode) {
+  head->nx = nx;
+  head->ny = ny;
+  head->nz = nz;
+  head->mode = mode;
+  return 0;
+}
+
+int mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long n) {
+  head->amax = head->amin = head->amean = 0.0f;
+  if (n > 0) max_min_mean_value(data, n, head->amax, head->amin, head->amean);
+  return 0;
+}
+
+const char* mrc_get_head_mode(const MRC_HEAD* head) { return sample_type(head->mode).name; }
+
+bool mrc_mode_readable(int mode) { return sample_type(mode).readable; }
+
+bool mrc_head_sizes_valid(const MRC_HEAD* head) {
+  constexpr int kMaxSide = 65535;
+  constexpr long kMaxSection = 1L << 29;
+  const bool sides_valid = head->nx >= 1 && head->nx <= kMaxSide && head->ny >= 1 && head->ny <= kMaxSide;
+  return sides_valid && head->nz >= 1 && static_cast<long>(head->nx) * head->ny <= kMaxSection;
+}
+
+int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1,
+                             const MRC_HEAD* head2) {
+  const bool sizes_agree = head1->nx == head2->nx && head1->ny == head2->ny && head1->nz == head2->nz;
+  if (sizes_agree && head1->mode == head2->mode) return 0;
+  printf(
+      "Micrograph \x1b[1m%s\x1b[m has a different size or format from  \x1b[1m%s\x1b[m.\n"
+      "Check if all the micrographs are the same sizes and format? \n ",
+      name1, name2);
+  printf("      Nx      Ny      Nz      Mode             File:\n");
+  print_sizes(name1, head1);
+  print_sizes(name2, head2);
+  exit(EXIT_FAILURE);
+}
+
+long get_file_size(FILE* file) {
+  fseek(file, 0, SEEK_END);
+  return ftell(file);
+}
+
+int mrc_read_head(FILE* file, MRC_HEAD* head) {
+  if (ftell(file) != 0) rewind(file);
+  memset(head, 0, sizeof *head);
+  if (fread(head, 1, sizeof *head, file) < sizeof *head) clearerr(file);  // the rest stays 0
+  if (!has_map_stamp(head)) mrc_set_head_stmp(head);
+  return 0;
+}
+
+int mrc_read_slice(FILE* file, const MRC_HEAD* head, int slice, char axis, float* dst) {
+  if (!mrc_mode_readable(head->mode)) return 0;
+  if (axis == 'z' || axis == 'Z') {
+    read_section(file, head, slice, dst);
+  } else if (axis == 'y' || axis == 'Y') {
+    read_y_plane(file, head, slice, dst);
+  } else if (axis == 'x' || axis == 'X') {
+    read_x_plane(file, head, slice, dst);
+  }
+  return 0;
+}
+
+unsigned long mrc_missing_samples(FILE* file, const MRC_HEAD* head, int slice) {
+  const long section = static_cast<long>(head->nx) * head->ny;
+  if (!mrc_mode_readable(head->mode) || section <= 0) return 0;
+  if (slice < 0) return static_cast<unsigned long>(section);
+  const int bytes = sample_type(head->mode).bytes;
+  const long first = sample_position(bounded_product(section, slice), bytes);
+  const long was_at = ftell(file);
+  const long behind_first = get_file_size(file) - first;
+  fseek(file, was_at, SEEK_SET);
+  if (behind_first < bytes) return static_cast<unsigned long>(section);
+  return static_cast<unsigned long>(section - std::min(section, behind_first / bytes));
+}
+
+int mrc_check_fsize(FILE* file, const MRC_HEAD* head) {
+  const int bytes = sample_type(head->mode).bytes;
+  if (bytes == 0) {
+    KESTRIX_WARNING("File type unknown!");
+    return -1;
+  }
+  const bool sizes_possible = head->nx >= 0 && head->ny >= 0 && head->nz >= 0;
+  const long file_size = get_file_size(file);
+  const long expected = bounded_product(sample_count(head), bytes);
+  if (sizes_possible && file_size - kMrcHeadBytes == expected) return 0;
+  printf("File size %ld  %d xyz %ld", file_size, bytes, expected);
+  KESTRIX_WARNING("File size error!");
+  return -1;
+}
+
+int mrc_read_all(FILE* file, const MRC_HEAD* head, float* dst) {
+  refuse_wrong_size(file, head);
+  fseek(file, kMrcHeadBytes, SEEK_SET);
+  if (head->mode == 2) {
+    const size_t section_bytes =
+        static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny) * sizeof(float);
+    if (fread(dst, section_bytes, static_cast<size_t>(head->nz), file) == 0) {
+      KESTRIX_WARNING("Reading file failed!\n");
+      return -1;
+    }
+  } else if (mrc_mode_readable(head->mode)) {
+    read_samples(file, head->mode, static_cast<size_t>(sample_count(head)), dst);
+  } else {
+    KESTRIX_WARNING("File type unknown!");
+  }
+  return 0;
+}
+
+MRC_HEAD* get_mrcf_head(const char* name) {
+  FILE* file = KESTRIX_OPEN_READ(name);
+  MRC_HEAD* head = mrc_new_head();
+  mrc_read_head(file, head);
+  fclose(file);
+  return head;
+}
+
+float* get_mrcf_data_all(const char* name) {
+  FILE* file = KESTRIX_OPEN_READ(name);
+  MRC_HEAD* head = mrc_new_head();
+  mrc_read_head(file, head);
+  refuse_wrong_size(file, head);
+  const auto count = static_cast<size_t>(sample_count(head));
+  auto* data = static_cast<float*>(calloc(std::max<size_t>(count, 1), sizeof(float)));
+  if (!data) KESTRIX_FATAL("no memory for the %zu samples of %s", count, name);
+  mrc_read_all(file, head, data);
+  free(head);
+  fclose(file);
+  return data;
+}
+
+long get_mrcf_dim_size(const char* name, const char* keyword) {
+  MRC_HEAD* head = get_mrcf_head(name);
+  const long nx = head->nx;
+  const long ny = head->ny;
+  const long nz = head->nz;
+  const long all = sample_count(head);
+  free(head);
+  struct Dimension {
+    const char* keyword;
+    long size;
+  };
+  const Dimension dimensions[] = {{"x", nx},       {"y", ny},       {"z", nz},       {"xy", nx * ny},
+                                  {"yx", nx * ny}, {"xz", nx * nz}, {"zx", nx * nz}, {"yz", ny * nz},
+                                  {"zy", ny * nz}, {"xyz", all}};
+  for (const Dimension& dimension : dimensions)
+    if (strcasecmp(keyword, dimension.keyword) == 0) return dimension.size;
+  printf("Error in function %s(), file %s on line %d: unrecognized dimension keywords %s !\n", __func__, unit,
+         __LINE__, keyword);
+  printf("valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n");
+  return 0;
+}

@@ -1,0 +1,81 @@
+#include <cstdlib>
+#include <cstring>
+
+#include "cuda_general.h"
+#include "failure.h"
+#include "mrcfile.h"
+
+namespace {
+
+constexpr char unit[] = "mrcfile";
+
+size_t section_floats(const MRC_HEAD* head) {
+  return static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny);
+}
+
+size_t all_floats(const MRC_HEAD* head) { return section_floats(head) * static_cast<size_t>(head->nz); }
+
+void refuse_other_than_float(const MRC_HEAD* head, const char* function) {
+  if (head->mode != 2)
+    fatal_error(function, unit, __LINE__,
+                "mrc_write_head_alldata() does not support writing float data to other MRC format.");
+}
+
+void write_with_statistics(FILE* file, MRC_HEAD* head, const float* data) {
+  mrc_set_head_mmm_from_data(head, data, all_floats(head));
+  mrc_write_head(file, head);
+  fwrite(data, section_floats(head) * sizeof(float), static_cast<size_t>(head->nz), file);
+}
+
+MRC_HEAD* new_float_head(const char* name, int nx, int ny, int nz) {
+  if (nx < 0 || ny < 0 || nz < 0)
+    KESTRIX_FATAL("%s can't be written with the sizes %d x %d x %d", name, nx, ny, nz);
+  MRC_HEAD* head = mrc_new_head();
+  mrc_set_head_xyz_mode(head, nx, ny, nz, 2);
+  return head;
+}
+
+}  // namespace
+
+int mrc_write_head(FILE* file, const MRC_HEAD* head) {
+  if (!head || memcmp(head->cmap, "MAP", 3) != 0) KESTRIX_WARNING("MRC format problem! Check file format!\n");
+  if (!head) return 0;
+  if (ftell(file) != 0) rewind(file);
+  fwrite(head, sizeof *head, 1, file);
+  return 0;
+}
+
+int mrc_write_head_data(FILE* file, MRC_HEAD* head, const float* data) {
+  refuse_other_than_float(head, __func__);
+  write_with_statistics(file, head, data);
+  return 0;
+}
+
+int mrc_write_head_ddata(FILE* file, MRC_HEAD* head, const float* ddata) {
+  refuse_other_than_float(head, __func__);
+  const size_t bytes = all_floats(head) * sizeof(float);
+  auto* data = static_cast<float*>(malloc(bytes > 0 ? bytes : 1));
+  if (!data) KESTRIX_FATAL("no memory for %zu bytes to be written", bytes);
+  if (bytes > 0) CHECK_DEVICE(cudaMemcpy(data, ddata, bytes, cudaMemcpyDeviceToHost));
+  write_with_statistics(file, head, data);
+  free(data);
+  return 0;
+}
+
+int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
+  MRC_HEAD* head = new_float_head(name, nx, ny, nz);
+  FILE* file = KESTRIX_OPEN_WRITE(name, "w+");
+  mrc_write_head_data(file, head, data);
+  free(head);
+  KESTRIX_CLOSE_WRITTEN(file, name);
+  return 0;
+}
+
+int mrcf_write_xyz_ddata(const char* name, const float* ddata, int nx, int ny, int nz) {
+  MRC_HEAD* head = new_float_head(name, nx, ny, nz);
+  FILE* file = KESTRIX_OPEN_WRITE(name, "w+");
+  mrc_write_head_ddata(file, head, ddata);
+  free(head);
+  KESTRIX_CLOSE_WRITTEN(file, name);
+  return 0;
+}
