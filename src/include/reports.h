@@ -16,6 +16,9 @@ extern const char* const KESTRIX_OPTIONS[kKestrixOptions];
 /// The tips. A tip ends with its own newline; the last one is empty.
 extern const char* const KESTRIX_ALL_TIPS[kKestrixTips];
 
+/// Writes a line of length characters c to out.
+void put_rule(char c, int length, FILE* out);
+
 /// Writes to out the options that the user gave, in the user's order, then every parameter in force and the
 /// micrographs of the run.
 void kestrix_fput_parameters(int argc, char** argv, const Kestrix_Para* para, FILE* out);
