@@ -1,5 +1,6 @@
 // Ice and contamination: cells whose local statistics pass a limit, and the lists of what was rejected.
 #include <cstdio>
+#include <initializer_list>
 
 #include "conditioning.h"
 #include "conditioning/conditioning_kernels.h"
