@@ -3,13 +3,17 @@
 
 #include "parameters.h"
 
-/// Exactly one of the members points to a field; its type is the field's type.
-struct Para_Field {
-  constexpr Para_Field(float Kestrix_Para::*field) : real(field) {}
-  constexpr Para_Field(int Kestrix_Para::*field) : integer(field) {}
-  constexpr Para_Field(char* Kestrix_Para::*field) : text(field) {}
+using Real_Field = float Kestrix_Para::*;
+using Integer_Field = int Kestrix_Para::*;
+using Text_Field = char* Kestrix_Para::*;
 
-  float Kestrix_Para::*real = nullptr;
-  int Kestrix_Para::*integer = nullptr;
-  char* Kestrix_Para::*text = nullptr;
+/// A field of any type: exactly one of the members points to it.
+struct Para_Field {
+  constexpr Para_Field(Real_Field field) : real(field) {}
+  constexpr Para_Field(Integer_Field field) : integer(field) {}
+  constexpr Para_Field(Text_Field field) : text(field) {}
+
+  Real_Field real = nullptr;
+  Integer_Field integer = nullptr;
+  Text_Field text = nullptr;
 };

@@ -22,13 +22,15 @@ struct Given {
   bool T, apixM, apixT, diameter, min_dist, boxsize, lsigma_D, lave_D;
 };
 
+using Given_Mark = bool Given::*;
+
 enum Option_Kind { WITH_VALUE, FLAG };
 
 struct Option {
   const char* keyword;
   Para_Field field;
   Option_Kind kind = WITH_VALUE;
-  bool Given::*mark = nullptr;
+  Given_Mark mark = nullptr;
 };
 
 using P = Kestrix_Para;
@@ -110,18 +112,14 @@ const char* value_of_option(int argc, char** argv, int& i) {
   return argv[++i];
 }
 
-void refuse_long_text(const char* what, const char* text) {
-  if (!text_fits(text))
-    KESTRIX_FATAL("the %s '%.40s...' is too long: at most %zu characters are possible", what, text,
-                  kTextBytes - 1);
-}
-
 void store_value(const Option& option, const char* value, Kestrix_Para* para) {
   const Para_Field& field = option.field;
   if (field.real) para->*field.real = static_cast<float>(text_to_real(value));
   if (field.integer) para->*field.integer = text_to_int(value);
   if (field.text) {
-    refuse_long_text("option value", value);
+    if (!text_fits(value))
+      KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters",
+                    option.keyword, value, kTextBytes - 1);
     strlcpy(para->*field.text, value);
   }
   if (field.integer == &P::speed) kestrix_speed2shrink(para->speed, para->shrink);
@@ -148,7 +146,9 @@ void take_argument(int argc, char** argv, int& i, Kestrix_Para* para, Given& giv
     return;
   }
   if (argv[i][0] == '-') refuse_option(argv[i]);
-  refuse_long_text("file name", argv[i]);
+  if (!text_fits(argv[i]))
+    KESTRIX_FATAL("the file name '%.40s...' is too long: it may have at most %zu characters", argv[i],
+                  kTextBytes - 1);
   para->files[para->n_files++] = argv[i];
 }
 
