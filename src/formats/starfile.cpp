@@ -30,9 +30,11 @@ void add_column(StarHead* head, const char* keyword, int number) {
   head->n++;
 }
 
+using ColumnField = int ParticleInfoIndex::*;
+
 struct KeywordField {
   const char* keyword;
-  int ParticleInfoIndex::*field;
+  ColumnField field;
 };
 
 constexpr KeywordField kKeywordFields[] = {

@@ -3,8 +3,8 @@
 
 #include "boxfile.h"
 
-/// Cuts a w x h image whose corner lies at pixel (x0, y0) of the nx x ny image src; what lies outside src is
-/// 0. dst   w*h floats, not overlapping src. Returns 0.
+/// Cuts a w x h image whose corner lies at pixel (x0, y0) of the nx x ny image src into dst, w*h floats that
+/// don't overlap src. What lies outside src is 0. Returns 0.
 int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src, int nx, int ny, int x0,
                                      int y0);
 
@@ -21,9 +21,12 @@ int cpu_x2d_extract_ptcls_from_movie(float* dst, int w, int h, int nz, int n, co
                                      int ny, const PTCL_BOX* boxes);
 
 /// The particles of a micrograph or movie as one block of floats in the order of the functions above, which
-/// the caller frees with free. All have the size of the list's first box. box_name   coordinate file, of
-/// which the first 10240 records count box_size   0, or the size that every box is given around its centre
-/// invert     not 0: every sample is multiplied by -1
+/// the caller frees with free. All have the size of the list's first box.
+///
+/// box_name  coordinate file, of which the first 10240 records count
+/// box_size  0, or the size that every box is given around its centre
+/// invert    not 0: every sample is multiplied by -1
+///
 /// Files that can't be read, sizes that make no stack and a lack of memory end the run.
 float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int box_size, int invert);
 

@@ -202,7 +202,7 @@ void write_picks(const Selection& s, FILE* file, const PickGrid& grid, int kind)
 
 [[noreturn]] void refuse_output(const char* out) {
   printf("Cannot write to file %s. Permission denied or no space left!\n", out);
-  KESTRIX_FATAL("open file failed.");
+  fatal_error("box_filter", unit, __LINE__, "open file failed.");
 }
 
 // One character more than a list's name: no longer than the candidate file's name, which exists already.

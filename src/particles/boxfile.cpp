@@ -49,7 +49,7 @@ int read_box_lines(PTCL_BOX* boxes, int capacity, FILE* file, const char* name) 
     if (count < 4) {
       safety_note(name, "line %ld has %d columns; a box needs at least x, y, width and height", number,
                   count);
-      KESTRIX_FATAL("unrecognized box format!");
+      fatal_error("read_all_ptcl_boxes", unit, __LINE__, "unrecognized box format!");
     }
     boxes[n++] = box_from_tokens(tokens, count);
   }

@@ -34,18 +34,19 @@ BoxList read_boxes(const char* box_name, int box_size) {
   return list;
 }
 
-// A stack of nz images for each box must be one that a header can count and memory can hold.
+// nz images for each box, which a header must be able to count and memory to hold.
 float* new_stack(const BoxList& list, int nz) {
   const size_t image = static_cast<size_t>(list.w) * static_cast<size_t>(list.h);
   const size_t images = static_cast<size_t>(list.n) * static_cast<size_t>(nz);
-  const bool countable = images <= INT_MAX && (image == 0 || images <= SIZE_MAX / sizeof(float) / image);
-  void* stack = countable ? malloc(std::max<size_t>(images * image, 1) * sizeof(float)) : nullptr;
+  if (images > INT_MAX) KESTRIX_FATAL("%zu images are more than an MRC stack can hold", images);
+  const bool addressable = image == 0 || images <= SIZE_MAX / sizeof(float) / image;
+  void* stack = addressable ? malloc(std::max<size_t>(images * image, 1) * sizeof(float)) : nullptr;
   if (!stack) KESTRIX_FATAL("no memory for %zu images of %d x %d pixels", images, list.w, list.h);
   return static_cast<float*>(stack);
 }
 
 float* cut_particles(const float* data, const MRC_HEAD* head, const BoxList& list, int invert) {
-  if (head->nz < 1) KESTRIX_FATAL("Micrograph or movie size error!");
+  if (head->nz < 1) fatal_error("get_mrcf_data_ptcls", unit, __LINE__, "Micrograph or movie size error!");
   float* stack = new_stack(list, head->nz);
   if (head->nz == 1) {
     cpu_x2d_extract_ptcls_from_micrograph(stack, list.w, list.h, list.n, data, head->nx, head->ny,
