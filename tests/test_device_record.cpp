@@ -9,8 +9,8 @@
 #include <set>
 
 #include "device_cases/device_record.h"
-#include "platform/device.h"
 #include "test_support.h"
+#include "test_support_device.h"
 #include "test_support_programs.h"
 
 namespace {
@@ -39,8 +39,7 @@ TEST_F(RecordedDevice, GivesTheSameBitsOnEveryRunAndNumberOfCores) {
 #else
 
 TEST_F(RecordedDevice, AgreesWithTheHostDevice) {
-  int devices = 0;
-  if (cudaGetDeviceCount(&devices) != cudaSuccess || devices < 1) GTEST_SKIP() << "no CUDA device on this machine";
+  SKIP_WITHOUT_DEVICE();
   if (!std::filesystem::exists(KESTRIX_HOST_DEVICE_RECORDER))
     GTEST_SKIP() << KESTRIX_HOST_DEVICE_RECORDER
         " is missing: build the release preset, or set the CMake variable "
