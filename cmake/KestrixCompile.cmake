@@ -35,7 +35,9 @@ function(kestrix_compile_for_device target)
   if(KESTRIX_CUDA)
     get_target_property(sources ${target} SOURCES)
     set_source_files_properties(${sources} PROPERTIES LANGUAGE CUDA)
+    # g++ takes nvcc's rewriting of pointers to members for needless parentheses.
     list(JOIN KESTRIX_FLAGS "," flags)
+    string(APPEND flags ",-Wno-parentheses,-fopenmp")
     target_compile_options(${target} PRIVATE
       $<$<COMPILE_LANGUAGE:CUDA>:--fmad=false -Xcompiler=${flags} --expt-relaxed-constexpr>)
   endif()

@@ -40,19 +40,27 @@ int read_one_line(char* line, FILE* file) {
   return 0;
 }
 
+bool read_next_line(char* line, FILE* file) {
+  empty_txt_line(line);
+  return fgets(line, static_cast<int>(kTextBytes), file) != nullptr;
+}
+
 int check_file_access(const char* path, const char* modes) {
   for (const char* letter = modes; *letter; letter++) {
     const AccessTest* test = find_access_test(*letter);
     if (!test) {
-      printf("\x1b[43m\x1b[1m\x1b[5mError in function %s(), file %s on line %d:  the mode '%c' for checking access "
-             "of file %s are NOT recoganized!\x1b[m\n\n",
-             __func__, unit, __LINE__, *letter, path);
+      printf(
+          "\x1b[43m\x1b[1m\x1b[5mError in function %s(), file %s on line %d:  the mode '%c' for checking "
+          "access "
+          "of file %s are NOT recoganized!\x1b[m\n\n",
+          __func__, unit, __LINE__, *letter, path);
       return -1;
     }
     if (access(path, test->mode) != 0) {
-      printf("\x1b[43m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the file %s %s! "
-             "Automatically ignored!\x1b[m\n\n",
-             __func__, unit, __LINE__, path, test->failure);
+      printf(
+          "\x1b[43m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the file %s %s! "
+          "Automatically ignored!\x1b[m\n\n",
+          __func__, unit, __LINE__, path, test->failure);
       return -1;
     }
   }

@@ -181,11 +181,18 @@ const char* mrc_get_head_mode(const MRC_HEAD* head) { return sample_type(head->m
 
 bool mrc_mode_readable(int mode) { return sample_type(mode).readable; }
 
-bool mrc_head_sizes_valid(const MRC_HEAD* head) {
+bool mrc_section_size_valid(const MRC_HEAD* head) {
   constexpr int kMaxSide = 65535;
   constexpr long kMaxSection = 1L << 29;
   const bool sides_valid = head->nx >= 1 && head->nx <= kMaxSide && head->ny >= 1 && head->ny <= kMaxSide;
-  return sides_valid && head->nz >= 1 && static_cast<long>(head->nx) * head->ny <= kMaxSection;
+  return sides_valid && static_cast<long>(head->nx) * head->ny <= kMaxSection;
+}
+
+bool mrc_head_sizes_valid(const MRC_HEAD* head) { return mrc_section_size_valid(head) && head->nz >= 1; }
+
+void note_extended_header(const char* name, const MRC_HEAD* head) {
+  if (head->next > 0)
+    safety_note(name, "has an extended header of %d bytes, which is read as image data; remove it first.", head->next);
 }
 
 int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1,

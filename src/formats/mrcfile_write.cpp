@@ -24,6 +24,7 @@ void refuse_other_than_float(const MRC_HEAD* head, const char* function) {
 void write_with_statistics(FILE* file, MRC_HEAD* head, const float* data) {
   mrc_set_head_mmm_from_data(head, data, all_floats(head));
   mrc_write_head(file, head);
+  if (all_floats(head) == 0) return;
   fwrite(data, section_floats(head) * sizeof(float), static_cast<size_t>(head->nz), file);
 }
 

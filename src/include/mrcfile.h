@@ -68,6 +68,12 @@ bool mrc_mode_readable(int mode);
 /// samples a section, nz at least 1. Products of valid sizes, in bytes of any mode, fit a long.
 bool mrc_head_sizes_valid(const MRC_HEAD* head);
 
+/// The same for nx and ny alone, for who reads one section whatever nz says.
+bool mrc_section_size_valid(const MRC_HEAD* head);
+
+/// Prints a note on standard error if the header announces an extended header, which is read as samples here.
+void note_extended_header(const char* name, const MRC_HEAD* head);
+
 /// Returns 0 if both headers agree in nx, ny, nz and mode; otherwise prints both and ends the run with
 /// status 1.
 int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1,

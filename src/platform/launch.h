@@ -8,6 +8,8 @@
 
 #ifdef KESTRIX_CUDA
 
+#define KERNEL_LOOP
+
 namespace launch_detail {
 
 template <auto Kernel, class... Args>
@@ -21,6 +23,14 @@ __global__ void grid_2d(int nx, int ny, Args... args) {
   const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
   const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
   if (x < nx && y < ny) Kernel(x, y, args...);
+}
+
+template <auto Kernel, class... Args>
+__global__ void grid_2d_times(int nx, int ny, int times, Args... args) {
+  const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
+  const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
+  if (x < nx && y < ny)
+    for (int k = 0; k < times; k++) Kernel(x, y, k, args...);
 }
 
 inline cudaError_t wait_for_launch() {
@@ -48,16 +58,68 @@ cudaError_t launch_2d(int nx, int ny, Args... args) {
   return launch_detail::wait_for_launch();
 }
 
+/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells.
+template <auto Kernel, class... Args>
+cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
+  return launch_2d<Kernel>(grid_nx, grid_ny, args...);
+}
+
+/// Runs Kernel(x, y, k, args...) for every pixel of nx by ny and, at each pixel, for k = 0 .. times - 1 in this order.
+template <auto Kernel, class... Args>
+cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
+  if (nx <= 0 || ny <= 0) return cudaSuccess;
+  const dim3 grid(static_cast<unsigned>((nx + 31) / 32), static_cast<unsigned>((ny + 31) / 32));
+  launch_detail::grid_2d_times<Kernel><<<grid, dim3(32, 32)>>>(nx, ny, times, args...);
+  return launch_detail::wait_for_launch();
+}
+
 #else
+
+// Loops over kernel bodies are compiled once for any x86-64 and once for those with AVX2 and fused multiply-add; the
+// program picks at start-up. Both give the same bits, since nothing is contracted or reassociated.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12 && !defined(__SANITIZE_ADDRESS__)
+#define KERNEL_LOOP __attribute__((target_clones("default", "arch=x86-64-v3")))
+#else
+#define KERNEL_LOOP
+#endif
 
 /// Fewer elements than this run on one core: waking the others would cost more than they save.
 constexpr unsigned long kParallelFrom = 32768;
 
-/// Runs Kernel(i, args...) for every i below n, shared among the cores; i in order within a core, vectorised.
+namespace launch_detail {
+
+constexpr unsigned long kChunk = 8192;
+
+template <auto Kernel, class... Args>
+KERNEL_LOOP void loop_1d(unsigned long begin, unsigned long end, Args... args) {
+#pragma omp simd
+  for (unsigned long i = begin; i < end; i++) Kernel(i, args...);
+}
+
+template <auto Kernel, class... Args>
+KERNEL_LOOP void loop_row(int y, int nx, Args... args) {
+#pragma omp simd
+  for (int x = 0; x < nx; x++) Kernel(x, y, args...);
+}
+
+template <auto Kernel, class... Args>
+KERNEL_LOOP void loop_row_once(int y, int k, int nx, Args... args) {
+#pragma omp simd
+  for (int x = 0; x < nx; x++) Kernel(x, y, k, args...);
+}
+
+}  // namespace launch_detail
+
+/// Runs Kernel(i, args...) for every i below n, in chunks shared among the cores, each chunk vectorised.
 template <auto Kernel, class... Args>
 cudaError_t launch_1d(unsigned long n, Args... args) {
-#pragma omp parallel for simd schedule(static) if (n >= kParallelFrom)
-  for (unsigned long i = 0; i < n; i++) Kernel(i, args...);
+  using launch_detail::kChunk;
+  const unsigned long chunks = (n + kChunk - 1) / kChunk;
+#pragma omp parallel for schedule(static) if (n >= kParallelFrom)
+  for (unsigned long c = 0; c < chunks; c++) {
+    const unsigned long end = (c + 1) * kChunk < n ? (c + 1) * kChunk : n;
+    launch_detail::loop_1d<Kernel>(c * kChunk, end, args...);
+  }
   return cudaThreadSynchronize();
 }
 
@@ -65,10 +127,26 @@ cudaError_t launch_1d(unsigned long n, Args... args) {
 template <auto Kernel, class... Args>
 cudaError_t launch_2d(int nx, int ny, Args... args) {
 #pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
-  for (int y = 0; y < ny; y++) {
-#pragma omp simd
-    for (int x = 0; x < nx; x++) Kernel(x, y, args...);
-  }
+  for (int y = 0; y < ny; y++) launch_detail::loop_row<Kernel>(y, nx, args...);
+  return cudaThreadSynchronize();
+}
+
+/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells.
+template <auto Kernel, class... Args>
+cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
+#pragma omp parallel for schedule(static)
+  for (int gy = 0; gy < grid_ny; gy++)
+    for (int gx = 0; gx < grid_nx; gx++) Kernel(gx, gy, args...);
+  return cudaThreadSynchronize();
+}
+
+/// Runs Kernel(x, y, k, args...) for every pixel of nx by ny and, at each pixel, for k = 0 .. times - 1 in this order.
+/// A row stays in the cache while its k go by.
+template <auto Kernel, class... Args>
+cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
+#pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
+  for (int y = 0; y < ny; y++)
+    for (int k = 0; k < times; k++) launch_detail::loop_row_once<Kernel>(y, k, nx, args...);
   return cudaThreadSynchronize();
 }
 

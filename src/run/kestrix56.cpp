@@ -1,1 +1,304 @@
-int main() { return 0; }
+// The run, from the command line to the last micrograph.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "cuda_general.h"
+#include "failure.h"
+#include "math_utils.h"
+#include "pick_records.h"
+#include "process2d_mrc.h"
+#include "process2d_raw.h"
+#include "reports.h"
+#include "run/run_state.h"
+#include "stage_timer.h"
+#include "str_utils.h"
+#include "txt_file.h"
+
+namespace {
+
+constexpr char unit[] = "kestrix56";
+constexpr int2 kOrigin{0, 0};
+
+/// The names that belong to one micrograph.
+struct MicrographNames {
+  const char* mic;               // the micrograph
+  char box[kTextBytes];          // final list, box form
+  char star[kTextBytes];         // final list, STAR form
+  char nonunique[kTextBytes];    // candidates
+  char excluded[kTextBytes];     // excluded coordinates, or "NULL"
+};
+
+// --- Start-up ---
+
+// Finds the first readable entry, opens it and makes it list entry 0. Ends the run if there is none.
+void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
+  for (int i = 0; i < n; i++) {
+    const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
+    if (access(files[i], R_OK) != 0) {
+      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
+             "ignored!\x1b[m\n\n",
+             __func__, unit, __LINE__, files[i], problem);
+      continue;
+    }
+    printf("Opening %s for initial test and preperation .......\n", files[i]);
+    f = KESTRIX_OPEN_READ(files[i]);
+    first_file = files[0] = files[i];
+    return;
+  }
+  KESTRIX_FATAL("no readable micrograph in the list");
+}
+
+void read_first_header(Run* run) {
+  FILE* f = nullptr;
+  check_access_openf_1st(run->para.files, run->para.n_files, run->para.first_file, f);
+  mrc_read_head(f, &run->first_head);
+  fclose(f);
+}
+
+void prepare_run(int argc, char** argv, Run* run) {
+  Kestrix_Para* para = &run->para;
+  kestrix_init_parameters(argc, para);
+  kestrix_get_parameters(argc, argv, para);
+  kestrix_fput_parameters(argc, argv, para, stdout);
+  kestrix_check_parameters(para);
+  cudaSetDevice(para->gid);
+  read_first_header(run);
+  set_run_sizes(run);
+  // The disc is the same at every angle: one is enough.
+  if (para->auto_template) para->ang_step = 360.0f;
+  acquire_templates(run);
+  allocate_run(run);
+  prepare_templates(run);
+}
+
+// --- One micrograph, step by step ---
+
+void set_names(MicrographNames* names, const char* mic, const Kestrix_Para* para) {
+  names->mic = mic;
+  set_outname_by_suffix(names->box, mic, "_quorlin.box");
+  if (para->exclusive_picking) {
+    set_outname_by_suffix(names->excluded, mic, para->excluded_suffix);
+  } else {
+    strlcpy(names->excluded, "NULL");
+  }
+  set_name_shrinked_box(names->nonunique, mic, para->shrink);
+  set_outname_by_suffix(names->star, mic, "_quorlin.star");
+}
+
+int is_file_quorlin_done(const char* name) { return access(name, R_OK) == 0; }
+
+bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
+  if (!para->do_unfinished) return false;
+  if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
+  printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
+  return true;
+}
+
+void write_device_image(const float* d, const Run* run, const char* mic, const char* suffix) {
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic, suffix);
+  mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
+}
+
+// Reads section 0 into raw_mic, as zeros where the file holds no sample that can be read. Returns whether it could be.
+bool read_micrograph(FILE* f, const MRC_HEAD* head, const char* name, float* raw_mic) {
+  note_extended_header(name, head);
+  if (!mrc_mode_readable(head->mode)) {
+    safety_note(name, "samples of MRC mode %d (%s) can't be read; the image counts as 0 everywhere.", head->mode,
+                mrc_get_head_mode(head));
+    memset(raw_mic, 0, static_cast<size_t>(head->nx) * head->ny * sizeof(float));
+    return false;
+  }
+  const unsigned long missing = mrc_missing_samples(f, head, 0);
+  if (missing > 0)
+    safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
+                static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
+  mrc_read_slice(f, head, 0, 'z', raw_mic);
+  return true;
+}
+
+// Reads the micrograph's excluded coordinates, if it has any; otherwise their name becomes "NULL".
+int read_excluded(Run* run, MicrographNames* names) {
+  if (is_str_null(names->excluded) || check_file_access(names->excluded, "FR") != 0) {
+    strlcpy(names->excluded, "NULL");
+    return 0;
+  }
+  const int n = read_all_ptcl_boxes(run->host.excluded_boxes, static_cast<int>(grid_cells(run)), names->excluded);
+  printf("%8d particles in file %s excluded from auto-picking \n", n, names->excluded);
+  return n;
+}
+
+bool is_flat(const float* d, size_t n) {
+  const auto extremes = std::minmax_element(d, d + n);
+  return *extremes.first == *extremes.second;
+}
+
+// Brings the shrunk image to the device.
+void upload_working_image(Run* run, const char* name, bool readable) {
+  const RunSizes& s = run->sizes;
+  const size_t pixels = work_pixels(run);
+  cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
+  CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
+  if (!is_flat(run->host.work_mic, pixels)) return;
+  if (readable) safety_note(name, "the image has no variation; nothing can be picked.");
+  // Without a deviation to divide by no pixel has a normalised value; rounding must not make one up.
+  hcuda_2d_memset(run->device.d_mic, std::numeric_limits<float>::quiet_NaN(), s.work_nx, s.work_ny);
+}
+
+// Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
+void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  unsigned* d_grid = run->device.d_grid;
+  hcuda_empty(d_grid, grid_cells(run) * sizeof(unsigned));
+  if (para.detect_ice)
+    hcuda_2d_ice_detect(&run->pad, &run->ice, run->device.d_mic, s.work_nx, s.work_ny, kOrigin, d_grid, s.grid_size,
+                        names->mic, &para);
+  if (para.mask_excluded && excluded_n > 0)
+    add_excluded_coords_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, run->host.excluded_boxes, excluded_n,
+                               para.shrink, names->excluded);
+  if (!is_str_null(para.global_excluded_box))
+    add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
+                             run->host.global_boxes);
+}
+
+// From the raw micrograph to d_mic, normalised over the area that d_mask leaves open.
+void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n, bool readable) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  float* d_mic = run->device.d_mic;
+  float* d_mask = run->device.d_mask;
+  const size_t pixels = work_pixels(run);
+  const float apix = static_cast<float>(para.shrink) * para.apixM;
+  const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
+  upload_working_image(run, names->mic, readable);
+  if (para.do_pre_filter)
+    hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
+  if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
+  hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
+  close_cells(run, names, excluded_n);
+  if (para.do_bandpass) hcuda_2d_bandpass_guas_mpad_inplace(&run->pad, d_mic, apix, para.lp, para.hp);
+  hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
+  hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
+  if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
+  hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
+  if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
+}
+
+// One template: scan, peaks, candidate lines.
+void match_template(Run* run, int t, FILE* nonunique) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  const DeviceBuffers& device = run->device;
+  HostBuffers& host = run->host;
+  const size_t pixels = work_pixels(run);
+  printf("Template %03d\n", t + 1);
+  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1,
+                                    device.d_T_stack + static_cast<size_t>(t) * template_pixels(run), para.radius_px,
+                                    para.psi_start, para.psi_end, para.ang_step);
+  gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
+                                            host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
+                                            device.d_grid, static_cast<unsigned>(grid_cells(run)));
+  output_quorlin_coord_one_temp(nonunique, host.grid_index, host.grid_cc, host.grid_psi, t,
+                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny, para.boxsize / para.shrink);
+  if (para.write_ccmax_mic)
+    CHECK_DEVICE(cudaMemcpy(host.ccmax_stack + static_cast<size_t>(t) * pixels, device.d_ccmax, pixels * sizeof(float),
+                            cudaMemcpyDeviceToHost));
+}
+
+void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
+  quorlin_transform_micrograph(&run->scan, run->device.d_mic);
+  for (int t = 0; t < run->sizes.T_num; t++) match_template(run, t, nonunique);
+  if (!run->para.write_ccmax_mic) return;
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic, "_ccmax.mrc");
+  mrcf_write_xyz_data(name, run->host.ccmax_stack, run->sizes.work_nx, run->sizes.work_ny, run->sizes.T_num);
+}
+
+void close_candidates(FILE* nonunique, const char* name) {
+  const bool failed = ferror(nonunique) != 0;
+  if (fclose(nonunique) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", name);
+}
+
+// The final lists and the particle stack.
+void select_picks(const Run* run, const MicrographNames* names) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  const auto shrink = static_cast<float>(para.shrink);
+  box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
+             names->nonunique, names->excluded, names->box, 2);
+  if (para.write_star)
+    box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
+               names->nonunique, names->excluded, names->star, 1);
+  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
+}
+
+void pick_micrograph(Run* run, const char* mic) {
+  time_push();
+  printf("\n");
+  put_rule('-', 129, stdout);
+  MicrographNames names;
+  set_names(&names, mic, &run->para);
+  if (is_finished(&names, &run->para)) {
+    time_drop();
+    return;
+  }
+  FILE* nonunique = open_to_write(names.nonunique, "w+", "main", unit, __LINE__);
+  FILE* f = open_to_read(mic, "main", unit, __LINE__);
+  MRC_HEAD head;
+  mrc_read_head(f, &head);
+  check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
+  printf("Reading File %s ...\n", mic);
+  const bool readable = read_micrograph(f, &head, mic, run->host.raw_mic);
+  fclose(f);
+  const int excluded_n = read_excluded(run, &names);
+  time_pop("READING");
+
+  time_push();
+  printf("Normalizing the micrograph %s ...\n", mic);
+  condition_micrograph(run, &names, excluded_n, readable);
+  time_pop("NORMALIZATION");
+
+  time_push();
+  match_all_templates(run, mic, nonunique);
+  close_candidates(nonunique, names.nonunique);
+  select_picks(run, &names);
+  printf("File %s finished.\n", mic);
+  time_pop("PICKING");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  time_push();
+  time_push();
+  if (argc < 2) {
+    kestrix_help(argv[0]);
+    return 0;
+  }
+  if (is_keywd_help(argv[1])) {
+    kestrix_help_full(argv[0]);
+    return 0;
+  }
+  Run run{};
+  prepare_run(argc, argv, &run);
+  time_pop("PREPARATION");
+
+  for (int i = 0; i < run.para.n_files; i++) pick_micrograph(&run, run.para.files[i]);
+
+  const int n_files = run.para.n_files;
+  free_run(&run);
+  put_rule('#', 129, stdout);
+  printf("All %d files finished successfully:\n", n_files);
+  time_pop("TOTAL");
+  put_rule('#', 129, stdout);
+  printf("\n");
+  kestrix_put_one_random_tip();
+  return 0;
+}

@@ -1,0 +1,16 @@
+#include "host_memory.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "failure.h"
+
+namespace {
+constexpr char unit[] = "host_memory";
+}
+
+void* host_malloc(size_t count, size_t size) {
+  void* memory = count <= SIZE_MAX / size ? malloc(count > 0 ? count * size : 1) : nullptr;
+  if (!memory) KESTRIX_FATAL("Host memory allocation failed (%zu x %zu bytes)", count, size);
+  return memory;
+}

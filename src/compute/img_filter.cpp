@@ -1,0 +1,28 @@
+#include "img_filter.h"
+
+#include <algorithm>
+
+#include "compute/img_filter_kernels.h"
+#include "cuda_general.h"
+#include "platform/launch.h"
+
+namespace {
+
+constexpr char unit[] = "img_filter";
+
+BandLimits band_limits(int P, float apix, float res1, float res2) {
+  const float length = static_cast<float>(P) * apix;
+  return {length / std::max(res1, res2), length / std::min(res1, res2)};
+}
+
+}  // namespace
+
+void hcuda_c2d_bandpass_softR(float2* data, int P, float apix, float res1, float res2, float soft) {
+  const BandLimits limits = band_limits(P, apix, res1, res2);
+  CHECK_DEVICE(launch_2d<cuda_c2d_bandpass_softR>(P / 2 + 1, P, data, P, limits, soft));
+}
+
+void hcuda_c2d_bandpass_guas(float2* data, int P, float apix, float res1, float res2) {
+  const BandLimits limits = band_limits(P, apix, res1, res2);
+  CHECK_DEVICE(launch_2d<cuda_c2d_bandpass_guas>(P / 2 + 1, P, data, P, limits));
+}

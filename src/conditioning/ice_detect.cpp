@@ -1,0 +1,117 @@
+// Ice and contamination: cells whose local statistics pass a limit, and the lists of what was rejected.
+#include <cstdio>
+#include <initializer_list>
+
+#include "conditioning.h"
+#include "conditioning/conditioning_kernels.h"
+#include "cuda_general.h"
+#include "failure.h"
+#include "mrcfile.h"
+#include "platform/launch.h"
+#include "str_utils.h"
+
+namespace {
+
+constexpr char unit[] = "quorlin56";
+
+size_t cells_of(const IceWorkspace* ws) { return static_cast<size_t>(ws->grid_nx) * ws->grid_ny; }
+
+template <class T>
+T* host_cells(const IceWorkspace* ws) {
+  T* cells = nullptr;
+  CHECK_DEVICE(cudaMallocHost(&cells, cells_of(ws) * sizeof(T)));
+  return cells;
+}
+
+void write_rejected_lists(const IceWorkspace* ws, int Nx, int Ny, int2 origin, int grid_size, const char* mic_name,
+                          int shrink) {
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic_name, "_rejected.box");
+  output_ice_coord(name, ws->host_grid, ws->host_grid_lave, ws->host_grid_lsigma, Nx, Ny, origin, grid_size, shrink, 2);
+  set_outname_by_suffix(name, mic_name, "_rejected.star");
+  output_ice_coord(name, ws->host_grid, ws->host_grid_lave, ws->host_grid_lsigma, Nx, Ny, origin, grid_size, shrink, 1);
+}
+
+void write_map(const float* map, int Nx, int Ny, const char* mic_name, const char* suffix) {
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic_name, suffix);
+  mrcf_write_xyz_ddata(name, map, Nx, Ny, 1);
+}
+
+}  // namespace
+
+IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const Kestrix_Para* para) {
+  IceWorkspace ws{};
+  ws.grid_nx = grid_nx;
+  ws.grid_ny = grid_ny;
+  const size_t pixels = static_cast<size_t>(pad->nx) * pad->ny;
+  CHECK_DEVICE(cudaMalloc(&ws.lsigma_map, pixels * sizeof(float)));
+  CHECK_DEVICE(cudaMalloc(&ws.lave_map, pixels * sizeof(float)));
+  CHECK_DEVICE(cudaMalloc(&ws.scratch, pixels * sizeof(float)));
+  CHECK_DEVICE(cudaMalloc(&ws.grid_lave, cells_of(&ws) * sizeof(float)));
+  CHECK_DEVICE(cudaMalloc(&ws.grid_lsigma, cells_of(&ws) * sizeof(float)));
+  ws.host_grid = host_cells<unsigned>(&ws);
+  ws.host_grid_lave = host_cells<float>(&ws);
+  ws.host_grid_lsigma = host_cells<float>(&ws);
+  ws.lsigma_window = disc_window_new(pad, para->lsigma_radius_px, para->local_edge_width);
+  ws.lave_window = disc_window_new(pad, para->lave_radius_px, para->local_edge_width);
+  return ws;
+}
+
+void ice_workspace_free(IceWorkspace* ws) {
+  for (float* buffer : {ws->lsigma_map, ws->lave_map, ws->scratch, ws->grid_lave, ws->grid_lsigma}) cudaFree(buffer);
+  cudaFreeHost(ws->host_grid);
+  cudaFreeHost(ws->host_grid_lave);
+  cudaFreeHost(ws->host_grid_lsigma);
+  disc_window_free(&ws->lsigma_window);
+  disc_window_free(&ws->lave_window);
+  *ws = IceWorkspace{};
+}
+
+void hcuda_2d_ice_detect(MirrorPad* pad, IceWorkspace* ws, const float* d, int Nx, int Ny, int2 origin,
+                         unsigned* d_grid, int grid_size, const char* mic_name, const Kestrix_Para* para) {
+  hcuda_2d_mpad_transform(pad, d);
+  hcuda_2d_local_ave_softR_mpad(pad, &ws->lave_window, ws->lave_map);
+  hcuda_2d_local_sigma_softR_mpad(pad, &ws->lsigma_window, d, ws->lsigma_map, ws->scratch);
+  hcuda_find_sigma_grids(ws->lave_map, ws->lsigma_map, d_grid, ws->grid_lave, ws->grid_lsigma, Nx, Ny, grid_size,
+                         para->lave_min, para->lave_max, para->lsigma_cutoff);
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid, d_grid, cells_of(ws) * sizeof(unsigned), cudaMemcpyDeviceToHost));
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lave, ws->grid_lave, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lsigma, ws->grid_lsigma, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
+  if (para->write_rejected_box) write_rejected_lists(ws, Nx, Ny, origin, grid_size, mic_name, para->shrink);
+  if (para->write_bg_mic) write_map(ws->lave_map, Nx, Ny, mic_name, "_bg.mrc");
+  if (para->write_lsigma_mic) write_map(ws->lsigma_map, Nx, Ny, mic_name, "_lsigma.mrc");
+}
+
+void hcuda_find_sigma_grids(const float* lave, const float* lsigma, unsigned* d_grid, float* grid_lave,
+                            float* grid_lsigma, int Nx, int Ny, int box, float lave_min, float lave_max,
+                            float lsigma_cutoff) {
+  const int grid_nx = (Nx - 1) / box + 1;
+  const int grid_ny = (Ny - 1) / box + 1;
+  const MapLimits limits{lave_min, lave_max, lsigma_cutoff};
+  CHECK_DEVICE(launch_cells<cuda_find_sigma_grids>(grid_nx, grid_ny, lave, lsigma, d_grid, grid_lave, grid_lsigma, Nx,
+                                                   Ny, grid_nx, box, limits));
+}
+
+void output_ice_coord(const char* file, const unsigned* grid, const float* grid_lave, const float* grid_lsigma, int Nx,
+                      int Ny, int2 origin, int box, int shrink, int format) {
+  FILE* out = KESTRIX_OPEN_WRITE(file, "w");
+  if (format == 1) output_starbox_head_XYonly(out);
+  const int grid_nx = (Nx - 1) / box + 1;
+  const int grid_ny = (Ny - 1) / box + 1;
+  const int half = box / 2;
+  for (size_t i = 0; i < static_cast<size_t>(grid_nx) * grid_ny; i++) {
+    const int x = static_cast<int>(grid[i] % static_cast<unsigned>(Nx));
+    const int y = static_cast<int>(grid[i] / static_cast<unsigned>(Nx));
+    const bool listed = grid[i] != 0 && half < x && x < Nx - half && half < y && y < Ny - half;
+    if (!listed) continue;
+    if (format == 1) {
+      fprintf(out, "%-8d%-8d\n", x * shrink + origin.x, y * shrink + origin.y);
+    } else {
+      fprintf(out, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (x - half) * shrink + origin.x,
+              (y - half) * shrink + origin.y, box * shrink, box * shrink, grid_lave[i], grid_lsigma[i]);
+    }
+  }
+  const bool failed = ferror(out) != 0;
+  if (fclose(out) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", file);
+}

@@ -1,0 +1,95 @@
+// Matching: correlation of one template over all in-plane angles, and the peaks of its map. All on the device.
+#pragma once
+
+#include "platform/device.h"
+
+// --- The rotational scan ---
+
+/// Most angles that one pass of the scan takes together.
+constexpr int kMaxScanBatch = 64;
+
+/// What the scans of a run share: plans and buffers for nx by ny images and T_nx by T_ny templates, taking `batch`
+/// angles at a time. Spectra have rows of nx / 2 + 1 values.
+struct ScanWorkspace {
+  int nx, ny;            // working image
+  int T_nx, T_ny;        // template box, no larger than the working image
+  int batch;             // angles in one pass
+  float* padded;         // device, batch images: the turned templates in the middle, zero around
+  float* correlation;    // device, batch images
+  float2* mic_spectrum;  // device, one spectrum
+  float2* spectra;       // device, batch spectra
+  cufftHandle mic_plan;      // forward, one image
+  cufftHandle forward_plan;  // forward, a batch
+  cufftHandle inverse_plan;  // inverse, a batch
+};
+
+/// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. The caller releases
+/// them with scan_workspace_free. Ends the run on a device error.
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles);
+void scan_workspace_free(ScanWorkspace* ws);
+
+/// Number of angles of a scan: start, start + step, ... up to but not including stop, added in float.
+int count_scan_angles(float start, float stop, float step);
+
+/// Transforms the micrograph for the scans that follow, into ws->mic_spectrum. mic: device, nx*ny floats, unchanged.
+void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic);
+
+/// Correlates one template with the micrograph of the last quorlin_transform_micrograph over all in-plane angles.
+/// mic, mask   device, nx*ny floats: the normalised working image and 1 on usable, 0 on excluded pixels
+/// ccmax       device, nx*ny: the largest correlation of each pixel over the angles, divided by
+///             sqrt(sum T^2 * area of the disc of radius `radius` * sum(mask * mic^2) / sum(mask))
+/// psi         device, nx*ny: the angle in degrees that gave it, the earliest of those that tie; not written if
+///             keep_psi is 0 or psi is null
+/// T           device, T_nx*T_ny floats
+/// radius      working pixels;    start, stop, step   degrees
+/// The score at pixel p is that of template pixel (T_nx / 2, T_ny / 2), for an odd size the one after it, lying over
+/// p; the sum wraps around the image's edges. Prints a dot for each angle, then a newline. Returns 0.
+int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
+                                      int keep_psi, const float* T, float radius, float start, float stop,
+                                      float step);
+
+/// Up to kMaxScanBatch angles in degrees, handed to a kernel by value.
+struct ScanAngles {
+  float psi[kMaxScanBatch];
+};
+
+/// For each pixel and each of the count images of cc in turn: where ccmax < cc, ccmax takes it and psi its angle.
+/// cc   device, count images of nx*ny floats, one behind the other
+void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const ScanAngles& angles, int count, int nx,
+                               int ny);
+
+/// The same without angles.
+void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int count, int nx, int ny);
+
+// --- Peaks, at most one per cell of the grid ---
+
+/// Side of a grid cell in shrunk pixels, whose diagonal is min_dist (Å): the run's one cell size. pixel_size is that
+/// of a shrunk pixel in Å. 0 for a value that gives no cell, the largest int for one that is too large.
+int grid_cell_size(float min_dist, float pixel_size);
+
+/// Device arrays of one entry per cell, made once for the run, and room for the excluded points.
+struct PeakWorkspace {
+  int grid_nx, grid_ny;
+  unsigned* found;       // pixel of each cell's peak, 0: none
+  unsigned* kept;        // the same after the filter
+  float* cc;             // score of the peak
+  float* psi;            // angle of the peak in degrees
+  unsigned* excluded;    // device: excluded points, each once
+  unsigned* host_excluded;  // host: the same, and room for the list they come from
+};
+
+/// Allocates for grid_nx by grid_ny cells and as many excluded points; released with peak_workspace_free.
+PeakWorkspace peak_workspace_new(int grid_nx, int grid_ny);
+void peak_workspace_free(PeakWorkspace* ws);
+
+/// Finds each cell's peak and removes those below cc_cutoff, those near an excluded point and those near a better
+/// peak of a neighbouring cell; near is closer than the diagonal of a cell.
+/// ccmax, psi                       device, nx*ny floats
+/// grid_index, grid_cc, grid_psi    host, one entry per cell: the pixel y*nx + x of the peak, 0 for none; its score;
+///                                  its angle, meaningful where there is a peak
+/// excluded                         device, n_excluded pixel indices y*nx + x; 0 stands for the pixel (0, 0)
+/// A peak that is removed still removes others. Ends the run on a device error.
+void gpu_find_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, const float* ccmax, const float* psi,
+                                               unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff,
+                                               int nx, int ny, int grid_size, const unsigned* excluded,
+                                               unsigned n_excluded);

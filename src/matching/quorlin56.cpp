@@ -1,0 +1,175 @@
+// The rotational scan: one template against the micrograph over all in-plane angles.
+#include "quorlin56.h"
+
+#ifndef KESTRIX_CUDA
+#include <omp.h>
+#endif
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+#include "cuda_general.h"
+#include "math_utils.h"
+#include "matching/quorlin56_kernels.h"
+#include "platform/launch.h"
+#include "process2d_raw.h"
+
+namespace {
+
+constexpr char unit[] = "quorlin56";
+
+// The float nearest to pi / 180.
+constexpr float kRadiansPerDegree = 0.017453292f;
+
+// Most memory that the angles of one pass may take, in bytes.
+constexpr size_t kBatchBytes = size_t{1} << 30;
+
+size_t image_pixels(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx) * ws.ny; }
+size_t spectrum_values(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx / 2 + 1) * ws.ny; }
+
+// On the host one angle for each core, and a few at least, so that the maps are updated once for several angles.
+int wanted_batch() {
+#ifdef KESTRIX_CUDA
+  return 16;
+#else
+  return std::max(4, omp_get_max_threads());
+#endif
+}
+
+int batch_size(const ScanWorkspace& ws, int n_angles) {
+  const size_t bytes = 2 * image_pixels(ws) * sizeof(float) + spectrum_values(ws) * sizeof(float2);
+  const size_t fitting = std::max<size_t>(1, kBatchBytes / bytes);
+  const int wanted = std::min({wanted_batch(), n_angles, kMaxScanBatch});
+  return static_cast<int>(std::min<size_t>(static_cast<size_t>(std::max(wanted, 1)), fitting));
+}
+
+cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
+  int n[2] = {ny, nx};
+  const int image = nx * ny;
+  const int spectrum = (nx / 2 + 1) * ny;
+  const bool forward = type == CUFFT_R2C;
+  cufftHandle plan;
+  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1,
+                            forward ? spectrum : image, type, batch));
+  return plan;
+}
+
+// The next angles of the scan, starting at `angle`; moves `angle` on. Returns how many.
+int take_angles(float& angle, float stop, float step, int most, ScanAngles& angles) {
+  int count = 0;
+  for (; count < most && stop > angle; angle += step) angles.psi[count++] = angle;
+  return count;
+}
+
+ScanTurns turns_of(const ScanAngles& angles, int count) {
+  ScanTurns turns{};
+  for (int k = 0; k < count; k++) {
+    const float t = angles.psi[k] * kRadiansPerDegree;
+    turns.cosine[k] = cosf(t);
+    turns.sine[k] = sinf(t);
+  }
+  return turns;
+}
+
+// Leaves in ws->correlation the correlation of the micrograph with the template turned by each of the angles.
+void correlate_angles(ScanWorkspace* ws, const float* T, const ScanAngles& angles, int count) {
+  const int hnx = ws->nx / 2 + 1;
+  const float norm = static_cast<float>(ws->ny) * static_cast<float>(ws->nx);
+  CHECK_DEVICE(launch_2d<cuda_turn_into_center>(ws->T_nx, ws->T_ny * count, ws->padded, T, ws->nx, ws->ny, ws->T_nx,
+                                                ws->T_ny, turns_of(angles, count)));
+  CHECK_CUFFT(cufftExecR2C(ws->forward_plan, ws->padded, ws->spectra));
+  CHECK_DEVICE(launch_2d<cuda_correlate_spectra>(hnx, ws->ny * count, static_cast<const float2*>(ws->mic_spectrum),
+                                                 ws->spectra, hnx, ws->ny, norm));
+  CHECK_CUFFT(cufftExecC2R(ws->inverse_plan, ws->spectra, ws->correlation));
+}
+
+// The divisor that turns a correlation into a score: the template's norm times the norm that a disc of the radius
+// has at the micrograph's mean square over its usable area.
+float score_divisor(const ScanWorkspace& ws, const float* mic, const float* mask, const float* T, float radius) {
+  const double r = radius;
+  const auto area = static_cast<float>(r * (3.141592653589793 * r));
+  const float energy = hcuda_fast_sumsqr_withmask(mic, mask, image_pixels(ws));
+  const float template_energy = hcuda_fast_sumsqr(T, static_cast<unsigned long>(ws.T_nx) * ws.T_ny);
+  const float weight = hcuda_fast_sum(mask, image_pixels(ws));
+  return sqrtf(((template_energy * energy) * area) / weight);
+}
+
+}  // namespace
+
+int count_scan_angles(float start, float stop, float step) {
+  int count = 0;
+  for (float angle = start; stop > angle; angle += step) count++;
+  return count;
+}
+
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles) {
+  ScanWorkspace ws{};
+  ws.nx = nx;
+  ws.ny = ny;
+  ws.T_nx = T_nx;
+  ws.T_ny = T_ny;
+  ws.batch = batch_size(ws, n_angles);
+  const auto batch = static_cast<size_t>(ws.batch);
+  ws.padded = device_new<float>(batch * image_pixels(ws));
+  ws.correlation = device_new<float>(batch * image_pixels(ws));
+  ws.mic_spectrum = device_new<float2>(spectrum_values(ws));
+  ws.spectra = device_new<float2>(batch * spectrum_values(ws));
+  ws.mic_plan = plan_images(nx, ny, CUFFT_R2C, 1);
+  ws.forward_plan = plan_images(nx, ny, CUFFT_R2C, ws.batch);
+  ws.inverse_plan = plan_images(nx, ny, CUFFT_C2R, ws.batch);
+  // The box in the middle is rewritten for every angle; what lies around it stays zero for the run.
+  hcuda_empty(ws.padded, batch * image_pixels(ws) * sizeof(float));
+  return ws;
+}
+
+void scan_workspace_free(ScanWorkspace* ws) {
+  cudaFree(ws->padded);
+  cudaFree(ws->correlation);
+  cudaFree(ws->mic_spectrum);
+  cudaFree(ws->spectra);
+  cufftDestroy(ws->mic_plan);
+  cufftDestroy(ws->forward_plan);
+  cufftDestroy(ws->inverse_plan);
+  *ws = ScanWorkspace{};
+}
+
+void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
+  // A real-to-complex transform out of place leaves its input as it was.
+  CHECK_CUFFT(cufftExecR2C(ws->mic_plan, const_cast<float*>(mic), ws->mic_spectrum));
+}
+
+int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
+                                      int keep_psi, const float* T, float radius, float start, float stop,
+                                      float step) {
+  const bool with_psi = keep_psi && psi;
+  hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), ws->nx, ws->ny);
+  if (with_psi) hcuda_2d_empty(psi, ws->nx, ws->ny);
+  ScanAngles angles{};
+  float angle = start;
+  while (const int count = take_angles(angle, stop, step, ws->batch, angles)) {
+    for (int k = 0; k < count; k++) putchar('.');
+    correlate_angles(ws, T, angles, count);
+    if (with_psi) {
+      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, ws->nx, ws->ny);
+    } else {
+      hcuda_update_ccmax_2d(ccmax, ws->correlation, count, ws->nx, ws->ny);
+    }
+  }
+  putchar('\n');
+  const float divisor = score_divisor(*ws, mic, mask, T, radius);
+  hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
+  if (with_psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
+  hcuda_2d_divide_inplace(ccmax, ws->nx, ws->ny, divisor);
+  return 0;
+}
+
+void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const ScanAngles& angles, int count, int nx,
+                               int ny) {
+  CHECK_DEVICE(launch_2d_times<cuda_update_ccmax_psi_2d>(nx, ny, count, ccmax, cc, psi, angles, nx, ny));
+}
+
+void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int count, int nx, int ny) {
+  CHECK_DEVICE(launch_2d_times<cuda_update_ccmax_2d>(nx, ny, count, ccmax, cc, nx, ny));
+}

@@ -1,0 +1,294 @@
+#include "parameters.h"
+
+#include <strings.h>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "cuda_general.h"
+#include "failure.h"
+#include "reports.h"
+#include "run/para_field.h"
+#include "str_utils.h"
+#include "text_numbers.h"
+
+namespace {
+
+constexpr char unit[] = "parameters";
+
+// Which of the options were given whose absence has a consequence.
+struct Given {
+  bool T, apixM, apixT, diameter, min_dist, boxsize, lsigma_D, lave_D;
+};
+
+using Given_Mark = bool Given::*;
+
+enum Option_Kind { WITH_VALUE, FLAG };
+
+struct Option {
+  const char* keyword;
+  Para_Field field;
+  Option_Kind kind = WITH_VALUE;
+  Given_Mark mark = nullptr;
+};
+
+using P = Kestrix_Para;
+
+const Option options[] = {
+    {"T", &P::T, WITH_VALUE, &Given::T},
+    {"apixM", &P::apixM, WITH_VALUE, &Given::apixM},
+    {"apixT", &P::apixT, WITH_VALUE, &Given::apixT},
+    {"diameter", &P::diameter, WITH_VALUE, &Given::diameter},
+    {"ang_step", &P::ang_step},
+    {"speed", &P::speed},
+    {"boxsize", &P::boxsize, WITH_VALUE, &Given::boxsize},
+    {"min_dist", &P::min_dist, WITH_VALUE, &Given::min_dist},
+    {"update_T", &P::update_T, FLAG},
+    {"cc_cutoff", &P::cc_cutoff},
+    {"lsigma_cutoff", &P::lsigma_cutoff},
+    {"lave_max", &P::lave_max},
+    {"lave_min", &P::lave_min},
+    {"lsigma_D", &P::lsigma_D, WITH_VALUE, &Given::lsigma_D},
+    {"lave_D", &P::lave_D, WITH_VALUE, &Given::lave_D},
+    {"lp", &P::lp},
+    {"hp", &P::hp},
+    {"pre_lp", &P::pre_lp},
+    {"pre_hp", &P::pre_hp},
+    {"do_pre_filter", &P::do_pre_filter, FLAG},
+    {"dont_invertT", &P::dont_invertT, FLAG},
+    {"detect_ice", &P::detect_ice, FLAG},
+    {"T_norm_type", &P::T_norm_type},
+    {"center1_ratio", &P::center1_ratio},
+    {"do_bandpass", &P::do_bandpass, FLAG},
+    {"do_ctf", &P::do_ctf, FLAG},
+    {"do_local_ctf", &P::do_local_ctf, FLAG},
+    {"kv", &P::kV},
+    {"cs", &P::cs},
+    {"ac", &P::ac},
+    {"write_ccmax_mic", &P::write_ccmax_mic, FLAG},
+    {"write_pf_mic", &P::write_pf_mic, FLAG},
+    {"write_pref_mic", &P::write_pref_mic, FLAG},
+    {"write_bg_mic", &P::write_bg_mic, FLAG},
+    {"write_bgfree_mic", &P::write_bgfree_mic, FLAG},
+    {"write_lsigma_mic", &P::write_lsigma_mic, FLAG},
+    {"write_mic_mask", &P::write_mic_mask, FLAG},
+    {"write_star", &P::write_star, FLAG},
+    {"do_unfinished", &P::do_unfinished, FLAG},
+    {"exclusive_picking", &P::exclusive_picking, FLAG},
+    {"mask_excluded", &P::mask_excluded, FLAG},
+    {"excluded_suffix", &P::excluded_suffix},
+    {"global_excluded_box", &P::global_excluded_box},
+    {"extract_raw", &P::extract_raw, FLAG},
+    {"extract_pf", &P::extract_pf, FLAG},
+    {"gid", &P::gid},
+};
+
+void* cleared_memory(size_t count, size_t bytes) {
+  void* memory = calloc(count, bytes);
+  if (!memory) KESTRIX_FATAL("not enough memory for the parameters");
+  return memory;
+}
+
+char* null_text() {
+  char* text = static_cast<char*>(cleared_memory(kTextBytes, 1));
+  strlcpy(text, "NULL");
+  return text;
+}
+
+const Option* find_option(const char* argument) {
+  for (const Option& option : options)
+    if (keywd_cmp(argument, option.keyword)) return &option;
+  return nullptr;
+}
+
+// The argument after the option at argv[i], to which i moves on.
+const char* value_of_option(int argc, char** argv, int& i) {
+  if (i + 1 >= argc) {
+    char message[100];
+    snprintf(message, sizeof message, "the option %.40s must be followed by a value", argv[i]);
+    kestrix_help_exit(argv[0], message);
+  }
+  return argv[++i];
+}
+
+void store_value(const Option& option, const char* value, Kestrix_Para* para) {
+  const Para_Field& field = option.field;
+  if (field.real) para->*field.real = static_cast<float>(text_to_real(value));
+  if (field.integer) para->*field.integer = text_to_int(value);
+  if (field.text) {
+    if (!text_fits(value))
+      KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters",
+                    option.keyword, value, kTextBytes - 1);
+    strlcpy(para->*field.text, value);
+  }
+  if (field.integer == &P::speed) kestrix_speed2shrink(para->speed, para->shrink);
+}
+
+[[noreturn]] void refuse_option(const char* argument) {
+  printf(
+      "\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR:\x1b[min function %s(), file %s on line %d. "
+      "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m%s!\x1b[m Exit now. Check your input please.\n\n",
+      __func__, unit, __LINE__, argument);
+  kestrix_print_valid_options();
+  exit(EXIT_SUCCESS);
+}
+
+// Takes in argv[i] and, if it is an option, its value, to which i moves on.
+void take_argument(int argc, char** argv, int& i, Kestrix_Para* para, Given& given) {
+  const Option* option = find_option(argv[i]);
+  if (option) {
+    if (option->kind == FLAG)
+      get_bool_keyword(argc, argv, i, para->*option->field.integer);
+    else
+      store_value(*option, value_of_option(argc, argv, i), para);
+    if (option->mark) given.*option->mark = true;
+    return;
+  }
+  if (argv[i][0] == '-') refuse_option(argv[i]);
+  if (!text_fits(argv[i]))
+    KESTRIX_FATAL("the file name '%.40s...' is too long: it may have at most %zu characters", argv[i],
+                  kTextBytes - 1);
+  para->files[para->n_files++] = argv[i];
+}
+
+void derive_from_diameter(Kestrix_Para* para, const Given& given) {
+  const double diameter = para->diameter;
+  const double apixM = para->apixM;
+  if (!given.min_dist) para->min_dist = static_cast<float>(diameter * 0.8);
+  if (!given.boxsize) para->boxsize = saturating_int(diameter * 1.33 / apixM) / 2 * 2;
+  if (!given.lsigma_D) para->lsigma_D = static_cast<float>(diameter * 0.5 + 100.0);
+  if (!given.lave_D) para->lave_D = static_cast<float>(diameter * 0.3 + 200.0);
+}
+
+void derive_pixel_values(Kestrix_Para* para) {
+  const float s = static_cast<float>(para->shrink);
+  const float apixM = para->apixM;
+  para->min_dist_px = para->min_dist / (s * apixM);
+  para->radius_px = (para->radius_ratio * para->diameter) / (s * (apixM + apixM));
+  para->lsigma_radius_px = para->lsigma_D / (s * (apixM + apixM));
+  para->lave_radius_px = para->lave_D / (s * (apixM + apixM));
+}
+
+void settle_options_not_given(Kestrix_Para* para, const Given& given) {
+  if (!given.diameter)
+    puts("Waring: You have not set the parameter '--diameter',  the default value 400Å will be used.");
+  if (!given.T)
+    puts(
+        "Waring: You have not set the parameter '--T',  the automatically generated Gaussian template will "
+        "be "
+        "used. This is fine for 'spherical particles' like virus or ribosome. Do use templates for "
+        "non-spherical particles.");
+  if (!given.apixM)
+    puts(
+        "Waring: You have not set the parameter '--apixM', the pixel size of micrograph is assumed to be "
+        "1.34Å "
+        "by default.");
+  if (!given.apixT) {
+    puts(
+        "Waring: You have not set the parameter '--apixT', the pixel size of templates is assumed to be the "
+        "same as micrographs by default.");
+    para->apixT = para->apixM;
+  }
+}
+
+void require_positive(const char* option, const char* meaning, float value) {
+  if (!std::isfinite(value) || value <= 0)
+    KESTRIX_FATAL("--%s is %g: %s must be a number above 0", option, static_cast<double>(value), meaning);
+}
+
+}  // namespace
+
+void kestrix_init_parameters(int argc, Kestrix_Para* para) {
+  *para = Kestrix_Para{};
+  para->files = static_cast<char**>(cleared_memory(argc > 0 ? static_cast<size_t>(argc) : 1, sizeof(char*)));
+  para->T = null_text();
+  para->apixM = 1.34f;
+  para->diameter = 400.0f;
+  para->shrink = 4;
+  para->speed = 2;
+  para->ang_step = 5.0f;
+  para->cc_cutoff = 0.15f;
+  para->lp = 40.0f;
+  para->hp = 1000.0f;
+  para->pre_lp = 8.0f;
+  para->pre_hp = 1000.0f;
+  para->T_norm_type = 1;
+  para->center1_ratio = 0.05f;
+  para->do_bandpass = 1;
+  para->kV = 300.0f;
+  para->cs = 2.7f;
+  para->ac = 0.1f;
+  para->lave_max = 1.0f;
+  para->lave_min = -1.0f;
+  para->lsigma_cutoff = 1.3f;
+  para->detect_ice = 1;
+  para->excluded_suffix = null_text();
+  para->global_excluded_box = null_text();
+  para->write_rejected_box = 1;
+  para->write_star = 1;
+  para->local_edge_width = 8.0f;
+  para->radius_ratio = 1.3f;
+  para->auto_template = 1;
+  para->psi_start = 0.0f;
+  para->psi_end = 359.0f;
+}
+
+void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
+  Given given = {};
+  for (int i = 1; i < argc; i++) take_argument(argc, argv, i, para, given);
+  const bool names_a_file = strcasecmp(para->T, "NULL") != 0 && strcasecmp(para->T, "NONE") != 0;
+  if (names_a_file) para->auto_template = 0;
+  derive_from_diameter(para, given);
+  derive_pixel_values(para);
+  if (para->n_files == 0) kestrix_help_exit(argv[0], "No valid files to be processed.");
+  if (check_and_set_gid(para->gid) == -1) kestrix_help_exit(argv[0], "Failed to find any usable GPU device!");
+  settle_options_not_given(para, given);
+}
+
+void kestrix_check_parameters(const Kestrix_Para* para) {
+  require_positive("apixM", "the pixel size of the micrographs in angstrom", para->apixM);
+  require_positive("apixT", "the pixel size of the templates in angstrom", para->apixT);
+  require_positive("diameter", "the particle diameter in angstrom", para->diameter);
+  require_positive("min_dist", "the least distance between particles in angstrom", para->min_dist);
+  if (para->boxsize < 1)
+    KESTRIX_FATAL(
+        "--boxsize is %d: the box must be at least 1 pixel (when not given it is 1.33 times --diameter over "
+        "--apixM, "
+        "made even)",
+        para->boxsize);
+  const bool scans_one_angle = para->auto_template != 0;
+  if (!scans_one_angle && (!std::isfinite(para->ang_step) || para->ang_step < 0.001f))
+    KESTRIX_FATAL("--ang_step is %g: the angular step must be a number of at least 0.001 degrees",
+                  static_cast<double>(para->ang_step));
+}
+
+void kestrix_free_parameters(Kestrix_Para* para) {
+  free(para->files);
+  free(para->T);
+  free(para->excluded_suffix);
+  free(para->global_excluded_box);
+  para->files = nullptr;
+  para->T = para->excluded_suffix = para->global_excluded_box = nullptr;
+}
+
+void kestrix_speed2shrink(int& speed, int& shrink) {
+  static const int shrink_of_speed[] = {1, 2, 4, 6, 8};
+  if (speed < 0 || speed > 4) KESTRIX_FATAL("speed level must belong to {0,1,2,3,4}");
+  shrink = shrink_of_speed[speed];
+}
+
+void get_bool_keyword(int argc, char** argv, int& i, int& flag) {
+  flag = 1;
+  if (i + 1 >= argc) return;
+  const char* next = argv[i + 1];
+  const bool belongs_to_next_step = next[0] == '-' || isalpha(static_cast<unsigned char>(next[0]));
+  if (belongs_to_next_step) return;
+  flag = text_to_int(next) != 0;
+  i++;
+}
+
+void kestrix_help_exit(const char* program, const char* message) {
+  kestrix_help(program);
+  KESTRIX_FATAL("%s", message);
+}
