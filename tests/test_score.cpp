@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "boxfile.h"
 #include "common/truth_file.h"
 #include "score/matching.h"
 #include "score/picks.h"
@@ -14,29 +12,21 @@
 namespace {
 
 /// A folder with a truth file of four clean particles and one on carbon, and its outline.
-class ScoreRun : public ::testing::Test {
+class ScoreRun : public FolderTest {
  protected:
   void SetUp() override {
-    folder =
-        (std::filesystem::temp_directory_path() / ("kestrix_score_" + std::to_string(getpid()))).string();
-    std::filesystem::create_directories(folder);
-    write_truth((folder + "/truth.star").c_str(), {{100.5, 100.25, 0, 0, 0, kClean},
-                                                   {300, 100, 10, 20, 30, kClean},
-                                                   {100, 300, 0, 0, 0, kClean},
-                                                   {300, 300, 0, 0, 0, kClean},
-                                                   {500, 500, 0, 0, 0, kOnCarbon}});
-    write_areas((folder + "/areas.star").c_str(), {{kOnCarbon, {450, 900, 900, 450}, {450, 450, 900, 900}}});
+    write_truth(path("truth.star").c_str(), {{100.5, 100.25, 0, 0, 0, kClean},
+                                             {300, 100, 10, 20, 30, kClean},
+                                             {100, 300, 0, 0, 0, kClean},
+                                             {300, 300, 0, 0, 0, kClean},
+                                             {500, 500, 0, 0, 0, kOnCarbon}});
+    write_areas(path("areas.star").c_str(), {{kOnCarbon, {450, 900, 900, 450}, {450, 450, 900, 900}}});
   }
-  void TearDown() override { std::filesystem::remove_all(folder); }
 
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(folder + "/" + name) << text;
-  }
+  void write(const std::string& name, const std::string& text) const { write_file(path(name), text); }
   ProgramRun score(const std::string& arguments) const {
-    return run_program(folder, KESTRIX_SCORE " --diameter 200 --apix 2 " + arguments);
+    return run_program(path("."), KESTRIX_SCORE " --diameter 200 --apix 2 " + arguments);
   }
-
-  std::string folder;
 };
 
 constexpr char kStarHead[] = "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n";
@@ -88,9 +78,16 @@ TEST(Outlines, CoverByTheEvenOddRule) {
   EXPECT_EQ(kClean, contamination_at(areas, 12, 2));
 }
 
+TEST_F(ScoreRun, TruthIsAListOfCoordinatesForThePickerToo) {
+  PTCL_BOX boxes[8];
+  ASSERT_EQ(5, read_all_ptcl_boxes(boxes, 8, path("truth.star").c_str()));
+  EXPECT_EQ(100, boxes[0].x);
+  EXPECT_EQ(30, boxes[1].psi);
+  EXPECT_EQ(500, boxes[4].y);
+}
+
 TEST_F(ScoreRun, BoxAndStarListsOfTheSamePicksScoreTheSame) {
-  write("picks.star",
-        std::string(kStarHead) + "103 104 0\n300 98 5\n102 301 0\n110 100 0\n505 500 0\n800 700 0\n");
+  write("picks.star", std::string(kStarHead) + "103 104 0\n300 98 5\n102 301 0\n110 100 0\n505 500 0\n800 700 0\n");
   write("picks.box",
         "53      54      100     100     0.300000\t0       0.000000\n250 48 100 100\n52 251 100 100 0.1\n"
         "\n60 50 100 100 0 0 0\n455 450 100 100\n750 650 100 100\n");

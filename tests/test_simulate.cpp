@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,28 +15,17 @@
 
 namespace {
 
-/// A folder of its own for each test that runs the program.
-class Simulate : public ::testing::Test {
+class Simulate : public FolderTest {
  protected:
-  void SetUp() override {
-    folder =
-        (std::filesystem::temp_directory_path() / ("kestrix_simulate_" + std::to_string(getpid()))).string();
-    std::filesystem::create_directories(folder);
-  }
-  void TearDown() override { std::filesystem::remove_all(folder); }
-
   /// Runs kestrix_simulate on a small micrograph, later options of the same name overriding.
   ProgramRun run(const std::string& options, const std::string& environment = "") const {
-    return run_program(
-        folder, environment + " " KESTRIX_SIMULATE " --nx 500 --ny 380 --apix 2.68 --templates 0 " + options);
+    return run_program(path("."),
+                       environment + " " KESTRIX_SIMULATE " --nx 500 --ny 380 --apix 2.68 --templates 0 " + options);
   }
   void simulate(const std::string& options, const std::string& environment = "") const {
     const ProgramRun result = run(options, environment);
     ASSERT_EQ(0, result.status) << result.errors;
   }
-  std::string path(const std::string& name) const { return folder + "/" + name; }
-
-  std::string folder;
 };
 
 /// An MRC file, all its sections as floats.
@@ -69,8 +57,7 @@ double variance(const std::vector<double>& values) {
 }
 
 /// The values of an image within a distance of any of the particles.
-std::vector<double> values_near(const Image& image, const std::vector<TrueParticle>& particles,
-                                double radius) {
+std::vector<double> values_near(const Image& image, const std::vector<TrueParticle>& particles, double radius) {
   std::vector<double> values;
   for (long y = 0; y < image.head.ny; y++)
     for (long x = 0; x < image.head.nx; x++)
@@ -129,12 +116,12 @@ TEST_F(Simulate, SameSeedGivesTheSameBytesOnAnyNumberOfThreadsAndAnotherSeedOthe
   simulate(options + "--prefix b", "OMP_NUM_THREADS=3");
   simulate(options + "--prefix c --seed 2");
   for (const char* suffix : {"001.mrc", "002.mrc", "001_truth.star", "001_areas.star", "templates.mrcs"}) {
-    const std::string bytes = file_bytes(path("a") + suffix);
+    const std::string bytes = read_file(path("a") + suffix);
     ASSERT_FALSE(bytes.empty());
-    EXPECT_TRUE(bytes == file_bytes(path("b") + suffix)) << suffix;
-    EXPECT_EQ(strcmp(suffix, "templates.mrcs") == 0, bytes == file_bytes(path("c") + suffix)) << suffix;
+    EXPECT_TRUE(bytes == read_file(path("b") + suffix)) << suffix;
+    EXPECT_EQ(strcmp(suffix, "templates.mrcs") == 0, bytes == read_file(path("c") + suffix)) << suffix;
   }
-  EXPECT_FALSE(file_bytes(path("a001.mrc")) == file_bytes(path("a002.mrc")));
+  EXPECT_FALSE(read_file(path("a001.mrc")) == read_file(path("a002.mrc")));
 }
 
 TEST_F(Simulate, EverySampleTypeHoldsTheSameImage) {
@@ -190,8 +177,7 @@ TEST_F(Simulate, IceAndCarbonAreDarkAndTextured) {
   std::vector<double> values[4];
   for (long y = 0; y < image.head.ny; y += 2)
     for (long x = 0; x < image.head.nx; x += 2)
-      values[contamination_at(areas, static_cast<double>(x), static_cast<double>(y))].push_back(
-          image.at(x, y));
+      values[contamination_at(areas, static_cast<double>(x), static_cast<double>(y))].push_back(image.at(x, y));
   const auto mean = [](const std::vector<double>& v) {
     double sum = 0;
     for (const double value : v) sum += value;
