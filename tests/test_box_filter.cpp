@@ -48,12 +48,11 @@ std::string candidate_lines(const std::vector<Candidate>& candidates) {
 
 class BoxFilter : public FolderTest {
  protected:
-  std::string filter(const Setting& s, const std::string& lines, int kind = 2,
-                     const std::string& excluded = "NULL") {
+  std::string filter(const Setting& s, const std::string& lines, int kind = 2, const std::string& excluded = "NULL") {
     write_file(path("m_nonunique.box"), lines);
     const std::string out = path(kind == 1 ? "m_quorlin.star" : "m_quorlin.box");
-    box_filter(s.nx, s.ny, s.min_dist, s.cutoff, s.shrink, s.box_w, s.box_h, {0, 0},
-               path("m_nonunique.box").c_str(), excluded.c_str(), out.c_str(), kind);
+    box_filter(s.nx, s.ny, s.min_dist, s.cutoff, s.shrink, s.box_w, s.box_h, {0, 0}, path("m_nonunique.box").c_str(),
+               excluded.c_str(), out.c_str(), kind);
     EXPECT_EQ("", read_file(out + "~"));
     return read_file(out);
   }
@@ -159,8 +158,7 @@ TEST_F(BoxFilter, AgreesWithAnotherTellingOfItsRulesOnRandomCandidates) {
     std::vector<Candidate> candidates;
     for (int i = 0; i < 3000; i++) {
       const float score = static_cast<float>(in(-4, 64)) / 64.0f;  // few enough values for ties
-      candidates.push_back(
-          {in(-20, 450), in(-20, 450), score, in(0, 5), static_cast<float>(in(0, 719)) / 2.0f});
+      candidates.push_back({in(-20, 450), in(-20, 450), score, in(0, 5), static_cast<float>(in(0, 719)) / 2.0f});
     }
     std::vector<PTCL_BOX> excluded;
     std::string excluded_lines;
@@ -181,9 +179,7 @@ TEST_F(BoxFilter, AgreesWithAnotherTellingOfItsRulesOnRandomCandidates) {
 }
 
 TEST_F(BoxFilter, ThePickThatStaysOfAChainDependsOnTheOrderOfTheCells) {
-  const auto chain = [&](float a, float b, float c) {
-    return kept({{50, 100, a}, {75, 100, b}, {100, 100, c}});
-  };
+  const auto chain = [&](float a, float b, float c) { return kept({{50, 100, a}, {75, 100, b}, {100, 100, c}}); };
   EXPECT_EQ("100,100", chain(0.3f, 0.4f, 0.5f));
   EXPECT_EQ("50,100 100,100", chain(0.5f, 0.4f, 0.3f));
   EXPECT_EQ("50,100 100,100", chain(0.5f, 0.3f, 0.4f));
@@ -195,7 +191,7 @@ TEST_F(BoxFilter, LimitsOfDistanceScoreAndTiesAreAsTheyShouldBe) {
   EXPECT_EQ("50,90", kept({{50, 90, 0.5f}, {75, 106, 0.4f}}));         // 881
   EXPECT_EQ("75,106", kept({{50, 90, 0.5f}, {75, 106, 0.5f}}));        // of equals the later cell stays
   EXPECT_EQ("45,100 85,100", kept({{45, 100, 0.5f}, {62, 100, 0.4f}, {85, 100, 0.3f}}));
-  EXPECT_EQ("50,90", kept({{50, 90, 0.1f}, {120, 90, 0.099999f}}));  // score at the cutoff, and below
+  EXPECT_EQ("50,90", kept({{50, 90, 0.1f}, {120, 90, 0.099999f}}));            // score at the cutoff, and below
   EXPECT_EQ("51,91", kept({{50, 90, 0.4f}, {51, 91, 0.5f}, {52, 92, 0.5f}}));  // one cell: best, then first
   EXPECT_EQ("", kept({{50, 90, 0.0f}, {120, 90, -1.0f}}, {210, 210, 30.0f, -2.0f, 1.0f, 2, 2}));
 }
@@ -204,8 +200,7 @@ TEST_F(BoxFilter, TheOutermostCellsAndBoxesAcrossTheEdgeGiveNoPicks) {
   EXPECT_EQ("", kept({{15, 100, 0.5f}, {100, 20, 0.5f}, {189, 100, 0.5f}, {100, 209, 0.5f}}));
   EXPECT_EQ("", kept({{30, 30, 0.5f}, {10, 30, 0.6f}}, {42, 200, 30.0f, 0.1f, 1.0f, 2, 2}));  // two columns
   const Setting wide = {210, 210, 30.0f, 0.1f, 2.0f, 101, 120};
-  EXPECT_EQ("200,62 52,200",
-            kept({{25, 100, 0.5f}, {26, 100, 0.6f}, {100, 30, 0.5f}, {100, 31, 0.6f}}, wide));
+  EXPECT_EQ("200,62 52,200", kept({{25, 100, 0.5f}, {26, 100, 0.6f}, {100, 30, 0.5f}, {100, 31, 0.6f}}, wide));
   EXPECT_EQ("", kept({{25, 100, 0.5f}, {185, 100, 0.5f}, {100, 30, 0.5f}, {100, 180, 0.5f}}, wide));
   EXPECT_EQ("", filter(kPlain, ""));
   EXPECT_EQ(kStarHead, filter(kPlain, "", 1));
@@ -224,14 +219,12 @@ TEST_F(BoxFilter, ExcludedBoxesRemoveWhatLiesNearTheirCentres) {
   write_file(path("e.box"), "0 100 200 200\n");  // centre 100, 200: that of the first pick
   EXPECT_EQ("200,200", kept(candidates, s, path("e.box")));
   write_file(path("e.star"), "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n242.9 242.9\n");
-  EXPECT_EQ("100,200 200,200",
-            kept(candidates, s, path("e.star")));  // at the least distance: 42 down, 42 across
+  EXPECT_EQ("100,200 200,200", kept(candidates, s, path("e.star")));  // at the least distance: 42 down, 42 across
   write_file(path("e.star"), "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n242 241\n");
   EXPECT_EQ("100,200", kept(candidates, s, path("e.star")));
   write_file(path("e.box"), "-99999999999 99999999999 -99999999999 99999999999\n");
   EXPECT_EQ("100,200 200,200", kept(candidates, s, path("e.box")));
-  std::string warnings =
-      output_of([&] { EXPECT_EQ("100,200 200,200", kept(candidates, s, path("absent.box"))); });
+  std::string warnings = output_of([&] { EXPECT_EQ("100,200 200,200", kept(candidates, s, path("absent.box"))); });
   EXPECT_NE(std::string::npos, warnings.find("does NOT exist! Automatically ignored!"));
 }
 
@@ -241,18 +234,16 @@ TEST_F(BoxFilter, BrokenAndAbsurdCandidateLinesAreSkipped) {
   EXPECT_EQ(1, std::count(expected.begin(), expected.end(), '\n'));
   EXPECT_EQ(expected, filter(kPlain, "\n \t\n47 97 6 6 0.9 2\n47 97 6 6 0.9 2 \n" + good + "x\n"));
   EXPECT_EQ(expected, filter(kPlain, "a b c d 0.9 f g\n" + good));  // a cell at the edge
-  const char* numbers[] = {"-2147483648", "2147483647", "99999999999999999999", "-1", "0", "nan",
-                           "1e300",       "105"};
+  const char* numbers[] = {"-2147483648", "2147483647", "99999999999999999999", "-1", "0", "nan", "1e300", "105"};
   std::mt19937 random(3);
   std::string absurd;
   for (int i = 0; i < 4000; i++) {
     for (int column = 0; column < 7; column++) absurd += std::string(numbers[random() % 8]) + " ";
     absurd += "\n";
   }
-  for (const Setting& s :
-       {kPlain, Setting{210, 210, 1e30f, -1e30f, 1e30f, INT_MAX, INT_MIN},
-        Setting{1, 210, 1.5f, std::nanf(""), std::numeric_limits<float>::infinity(), -1, 0},
-        Setting{0, -5, 3.0f, 0.1f, 4.0f, 2, 2}, Setting{INT_MAX, INT_MAX, 1e6f, 0.0f, 1e9f, 2, 2}})
+  for (const Setting& s : {kPlain, Setting{210, 210, 1e30f, -1e30f, 1e30f, INT_MAX, INT_MIN},
+                           Setting{1, 210, 1.5f, std::nanf(""), std::numeric_limits<float>::infinity(), -1, 0},
+                           Setting{0, -5, 3.0f, 0.1f, 4.0f, 2, 2}, Setting{INT_MAX, INT_MAX, 1e6f, 0.0f, 1e9f, 2, 2}})
     for (const int kind : {1, 2}) filter(s, absurd + good, kind);
 }
 
@@ -295,8 +286,7 @@ TEST_F(BoxFilter, FilesThatCannotBeOpenedEndTheRun) {
 TEST_F(BoxFilter, AListThatCannotBeWrittenInFullLeavesTheEarlierOneAlone) {
   std::vector<Candidate> candidates;
   for (int i = 1; i < 9; i++)
-    for (int j = 1; j < 9; j++)
-      candidates.push_back({i * 21 + 10, j * 21 + 10, 0.2f + 0.01f * static_cast<float>(i)});
+    for (int j = 1; j < 9; j++) candidates.push_back({i * 21 + 10, j * 21 + 10, 0.2f + 0.01f * static_cast<float>(i)});
   write_file(path("m_quorlin.box"), "earlier\n");
   const ChildResult run = run_in_child([&] {
     signal(SIGXFSZ, SIG_IGN);

@@ -17,8 +17,7 @@ constexpr char kStarHead[] =
 
 std::string shown(const PTCL_BOX& box) {
   char text[256];
-  snprintf(text, sizeof text, "%d %d %d %d %g %d %g", box.x, box.y, box.w, box.h, box.score, box.class_number,
-           box.psi);
+  snprintf(text, sizeof text, "%d %d %d %d %g %d %g", box.x, box.y, box.w, box.h, box.score, box.class_number, box.psi);
   return text;
 }
 
@@ -28,8 +27,7 @@ std::vector<std::string> read_boxes(const std::string& name, const std::string& 
   std::vector<PTCL_BOX> boxes(100, PTCL_BOX{9, 9, 9, 9, 9.0f, 9, 9.0f});
   std::vector<std::string> found;
   int n = 0;
-  const std::string report =
-      output_of([&] { n = read_all_ptcl_boxes(boxes.data(), capacity, name.c_str()); });
+  const std::string report = output_of([&] { n = read_all_ptcl_boxes(boxes.data(), capacity, name.c_str()); });
   if (!report.empty()) found.push_back(report);
   for (int i = 0; i < n; i++) found.push_back(shown(boxes[i]));
   return found;
@@ -59,8 +57,7 @@ TEST_F(BoxFile, NumbersThatNoIntHoldsBecomeTheNearestAndNothingHostileBreaksTheR
   read_boxes(path("c.star"), kStarHead + binary);
   write_file(path("d.box"), binary);
   std::vector<PTCL_BOX> boxes(100);
-  const ChildResult run =
-      run_in_child([&] { read_all_ptcl_boxes(boxes.data(), 100, path("d.box").c_str()); });
+  const ChildResult run = run_in_child([&] { read_all_ptcl_boxes(boxes.data(), 100, path("d.box").c_str()); });
   EXPECT_TRUE(run.status == 1 || run.status == kDidNotExit);
   EXPECT_EQ((Records{"1 2 3 4 0 0 0"}), read_boxes(path("e.box"), "1 2 3 4" + std::string(1100, ' ')));
 }
@@ -82,8 +79,7 @@ TEST_F(BoxFile, TheNameAloneDecidesTheKindOfFile) {
     int kind;
   } names[] = {{"a.star", 1}, {"a.box", 2}, {"a.STAR", 0}, {".star", 1}, {".box", 2},
                {"box", 0},    {"star", 0},  {"", 0},       {"x", 0},     {"a.box.txt", 0}};
-  for (const auto& expected : names)
-    EXPECT_EQ(expected.kind, get_boxf_suffixf(expected.name)) << expected.name;
+  for (const auto& expected : names) EXPECT_EQ(expected.kind, get_boxf_suffixf(expected.name)) << expected.name;
   EXPECT_EQ((Records{warning_line("read_all_ptcl_boxes", "boxfile",
                                   "unrecognized box file format, only EMAN .box and Relion .star file are "
                                   "supported now.")}),
@@ -98,12 +94,10 @@ TEST_F(BoxFile, TheNameAloneDecidesTheKindOfFile) {
 
 TEST_F(BoxFile, StarLinesGiveTheColumnsThatTheHeadNames) {
   EXPECT_EQ((Records{"1234 5 0 0 0.75 3 45", "7 8 0 0 0.5 0 -90", "1 2 0 0 4 6 5"}),
-            read_boxes(path("a.star"),
-                       std::string(kStarHead) +
-                           "1234.7 5.9 45.9 3 0.75\n\n7 8 -90.9 0 0.5\n1 2 3 4\n1 2 5 6 4 extra\n"));
-  EXPECT_EQ(
-      (Records{"20 10 0 0 0 0 0"}),
-      read_boxes(path("swapped.star"), "data_\nloop_\n_rlnCoordinateY #1\n_rlnCoordinateX #2\n10 20\n"));
+            read_boxes(path("a.star"), std::string(kStarHead) +
+                                           "1234.7 5.9 45.9 3 0.75\n\n7 8 -90.9 0 0.5\n1 2 3 4\n1 2 5 6 4 extra\n"));
+  EXPECT_EQ((Records{"20 10 0 0 0 0 0"}),
+            read_boxes(path("swapped.star"), "data_\nloop_\n_rlnCoordinateY #1\n_rlnCoordinateX #2\n10 20\n"));
   EXPECT_EQ((Records{"5 6 0 0 0 0 0"}),  // optional columns that the head numbers out of the line
             read_boxes(path("far.star"),
                        "data_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnClassNumber #512\n"
@@ -111,11 +105,10 @@ TEST_F(BoxFile, StarLinesGiveTheColumnsThatTheHeadNames) {
 }
 
 TEST_F(BoxFile, AStarFileWithoutCoordinateColumnsHoldsNoParticles) {
-  for (const char* content : {"", "1 2 3 4\n", "data_\nloop_\n_rlnCoordinateX #1\n1\n",
-                              "# version 30001\ndata_\n_rlnCoordinateX #1\n",
-                              "data_\n_rlnCoordinateX #3\n_rlnCoordinateY #1\n1 2\n",
-                              "data_\n_rlnCoordinateX #0\n_rlnCoordinateY #-1\n1 2\n",
-                              "data_\n_rlnCoordinateX #x\n_rlnCoordinateY #99999999999\n1 2\n"}) {
+  for (const char* content :
+       {"", "1 2 3 4\n", "data_\nloop_\n_rlnCoordinateX #1\n1\n", "# version 30001\ndata_\n_rlnCoordinateX #1\n",
+        "data_\n_rlnCoordinateX #3\n_rlnCoordinateY #1\n1 2\n", "data_\n_rlnCoordinateX #0\n_rlnCoordinateY #-1\n1 2\n",
+        "data_\n_rlnCoordinateX #x\n_rlnCoordinateY #99999999999\n1 2\n"}) {
     write_file(path("a.star"), content);
     std::vector<PTCL_BOX> boxes(4);
     const ChildResult run = run_in_child([&] {

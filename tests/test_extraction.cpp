@@ -69,8 +69,7 @@ TEST_F(Extraction, BoxesAreCutFromEveryFrameWithZerosOutsideTheImage) {
         for (int f = 0; f < nz; f++)
           for (int j = 0; j < size; j++)
             for (int i = 0; i < size; i++)
-              expected.push_back((invert ? -1.0f : 1.0f) * movie_pixel(nx, ny,
-                                                                       static_cast<long>(corner[0]) + i,
+              expected.push_back((invert ? -1.0f : 1.0f) * movie_pixel(nx, ny, static_cast<long>(corner[0]) + i,
                                                                        static_cast<long>(corner[1]) + j, f));
       EXPECT_EQ(expected, extract("m.mrc", boxes, 0, invert));
       EXPECT_EQ(2, head.mode);

@@ -114,13 +114,11 @@ TEST(MrcHead, SizesOutsideWhatAnImageCanHaveAreInvalid) {
   const struct {
     int nx, ny, nz;
     bool valid;
-  } sizes[] = {{1, 1, 1, true},          {65535, 8192, kHuge, true},
-               {0, 5, 1, false},         {5, -1, 1, false},
-               {5, 5, 0, false},         {65536, 1, 1, false},
-               {65535, 65535, 1, false}, {kHuge, kHuge, kHuge, false},
-               {INT_MIN, 1, 1, false},   {4, INT_MIN, 1, false},
-               {4, 4, INT_MIN, false},   {32768, 16384, 1, true},
-               {32768, 16385, 1, false}};
+  } sizes[] = {
+      {1, 1, 1, true},         {65535, 8192, kHuge, true}, {0, 5, 1, false},         {5, -1, 1, false},
+      {5, 5, 0, false},        {65536, 1, 1, false},       {65535, 65535, 1, false}, {kHuge, kHuge, kHuge, false},
+      {INT_MIN, 1, 1, false},  {4, INT_MIN, 1, false},     {4, 4, INT_MIN, false},   {32768, 16384, 1, true},
+      {32768, 16385, 1, false}};
   for (const auto& size : sizes) {
     const MRC_HEAD head = head_of(size.nx, size.ny, size.nz, 2);
     EXPECT_EQ(size.valid, mrc_head_sizes_valid(&head)) << size.nx << " " << size.ny << " " << size.nz;
@@ -311,8 +309,7 @@ TEST_F(MrcFile, WritersRefuseOtherModesAndReportAMissingStamp) {
             run.out);
   EXPECT_EQ(0, get_file_size(open.file));
   memset(head.cmap, 0, 8);
-  const std::string problem =
-      warning_line("mrc_write_head", kUnit, "MRC format problem! Check file format!\n");
+  const std::string problem = warning_line("mrc_write_head", kUnit, "MRC format problem! Check file format!\n");
   EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, &head); }));
   EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, nullptr); }));
   EXPECT_EQ(1024, get_file_size(open.file));
@@ -341,8 +338,8 @@ TEST_F(MrcFile, AFileThatCannotBeReadOrWrittenInFullEndsTheRunByName) {
 TEST(MrcHead, MicrographsOfDifferentSizeOrModeEndTheRunWithBothShown) {
   const MRC_HEAD first = head_of(4096, 4096, 1, 2);
   EXPECT_EQ(0, check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &first));
-  for (const MRC_HEAD& other : {head_of(4095, 4096, 1, 2), head_of(4096, 1, 1, 2), head_of(4096, 4096, 2, 2),
-                                head_of(4096, 4096, 1, 1)})
+  for (const MRC_HEAD& other :
+       {head_of(4095, 4096, 1, 2), head_of(4096, 1, 1, 2), head_of(4096, 4096, 2, 2), head_of(4096, 4096, 1, 1)})
     EXPECT_EQ(1, run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other); }).status);
   const MRC_HEAD other = head_of(4096, 4096, 1, 6);
   EXPECT_EQ(

@@ -34,11 +34,10 @@ ReadHead read_head(const std::string& name, const std::string& content, long lin
 }  // namespace
 
 TEST_F(StarFile, ColumnNumbersComeFromTheHeadLinesInAnyOrder) {
-  const ReadHead read =
-      read_head(path("a.star"),
-                "\ndata_particles\n\n \t\nloop_\n_rlnCoordinateY #1 \n_rlnCoordinateX #2 # note\n"
-                "_rlnMicrographId #3\n_rlnDataDimensionality #4\n_rlnAutopickFigureOfMerit\t#5\n"
-                "_rlnCoordinateX #6\n 1 2 3 4 5 6\nsecond\n");
+  const ReadHead read = read_head(path("a.star"),
+                                  "\ndata_particles\n\n \t\nloop_\n_rlnCoordinateY #1 \n_rlnCoordinateX #2 # note\n"
+                                  "_rlnMicrographId #3\n_rlnDataDimensionality #4\n_rlnAutopickFigureOfMerit\t#5\n"
+                                  "_rlnCoordinateX #6\n 1 2 3 4 5 6\nsecond\n");
   EXPECT_EQ(6, read.head.n);
   EXPECT_STREQ("_rlnMicrographId", read.head.keywords[2]);
   EXPECT_EQ(3, read.head.numbers[2]);
@@ -50,11 +49,11 @@ TEST_F(StarFile, ColumnNumbersComeFromTheHeadLinesInAnyOrder) {
 }
 
 TEST_F(StarFile, TheFirstLineThatIsNoHeadLineEndsTheHead) {
-  for (const char* line : {"_rlnNoSuchThing #3\n", "_rlnCoordinateZ\n", "_rlnCoordinateZ 3\n",
-                           "# version 30001\n", "_rlncoordinatez #3\n", "dat\n"}) {
+  for (const char* line : {"_rlnNoSuchThing #3\n", "_rlnCoordinateZ\n", "_rlnCoordinateZ 3\n", "# version 30001\n",
+                           "_rlncoordinatez #3\n", "dat\n"}) {
     const ReadHead read =
-        read_head(path("a.star"), std::string("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n") +
-                                      line + "_rlnAnglePsi #4\n1 2 3 4\n");
+        read_head(path("a.star"), std::string("data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n") + line +
+                                      "_rlnAnglePsi #4\n1 2 3 4\n");
     EXPECT_EQ(2, read.head.n) << line;
     EXPECT_EQ(0, read.index.AnglePsi) << line;
     EXPECT_EQ(line, read.first_data_line);

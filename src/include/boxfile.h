@@ -57,9 +57,8 @@ int box_filter_cell_size(float min_dist);
 ///
 /// The list is written under the name `out` + "~" and renamed when it is complete. Files that can't be opened
 /// or written and a cell size below 1 end the run. Returns 0.
-int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w,
-               int box_h, int2 origin, const char* candidates, const char* excluded, const char* out,
-               int kind);
+int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
+               int2 origin, const char* candidates, const char* excluded, const char* out, int kind);
 
 /// Rewinds and writes the head of a STAR list of picks: x, y, psi, class, score. Returns 0.
 int output_starbox_head(FILE* file);

@@ -17,6 +17,5 @@ int set_name_shrinked_box(char* out, const char* mic, int shrink);
 /// template_index  counted from 0
 /// nx, ny          size of the working image, pixels
 /// box             box size in those pixels; peaks within half a box of the border are dropped
-int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc,
-                                  const float* grid_psi, int template_index, int n_cells, int nx, int ny,
-                                  int box);
+int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc, const float* grid_psi,
+                                  int template_index, int n_cells, int nx, int ny, int box);

@@ -8,12 +8,26 @@
 /// Most angles that one pass of the scan takes together.
 constexpr int kMaxScanBatch = 64;
 
+/// The ways to go through a scan: batched transforms of the device, or the host's own (lane_scan.h). Both give the
+/// same maps up to rounding.
+enum ScanWay { kDeviceTransforms, kHostLanes };
+
+/// The faster way of this build's device.
+#ifdef KESTRIX_CUDA
+constexpr ScanWay kFastestScanWay = kDeviceTransforms;
+#else
+constexpr ScanWay kFastestScanWay = kHostLanes;
+#endif
+
+struct LaneScan;
+
 /// What the scans of a run share: plans and buffers for nx by ny images and T_nx by T_ny templates, taking `batch`
 /// angles at a time. Spectra have rows of nx / 2 + 1 values.
 struct ScanWorkspace {
   int nx, ny;            // working image
   int T_nx, T_ny;        // template box, no larger than the working image
   int batch;             // angles in one pass
+  LaneScan* lanes;       // the host's own way; where it is used, what follows is empty
   float* padded;         // device, batch images: the turned templates in the middle, zero around
   float* correlation;    // device, batch images
   float2* mic_spectrum;  // device, one spectrum
@@ -25,7 +39,7 @@ struct ScanWorkspace {
 
 /// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. The caller releases
 /// them with scan_workspace_free. Ends the run on a device error.
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles);
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way = kFastestScanWay);
 void scan_workspace_free(ScanWorkspace* ws);
 
 /// Number of angles of a scan: start, start + step, ... up to but not including stop, added in float.

@@ -3,6 +3,8 @@
 
 #ifndef KESTRIX_CUDA
 #include <omp.h>
+
+#include "matching/lane_scan.h"
 #endif
 
 #include <algorithm>
@@ -19,9 +21,6 @@
 namespace {
 
 constexpr char unit[] = "quorlin56";
-
-// The float nearest to pi / 180.
-constexpr float kRadiansPerDegree = 0.017453292f;
 
 // Most memory that the angles of one pass may take, in bytes.
 constexpr size_t kBatchBytes = size_t{1} << 30;
@@ -63,16 +62,6 @@ int take_angles(float& angle, float stop, float step, int most, ScanAngles& angl
   return count;
 }
 
-ScanTurns turns_of(const ScanAngles& angles, int count) {
-  ScanTurns turns{};
-  for (int k = 0; k < count; k++) {
-    const float t = angles.psi[k] * kRadiansPerDegree;
-    turns.cosine[k] = cosf(t);
-    turns.sine[k] = sinf(t);
-  }
-  return turns;
-}
-
 // Leaves in ws->correlation the correlation of the micrograph with the template turned by each of the angles.
 void correlate_angles(ScanWorkspace* ws, const float* T, const ScanAngles& angles, int count) {
   const int hnx = ws->nx / 2 + 1;
@@ -96,7 +85,64 @@ float score_divisor(const ScanWorkspace& ws, const float* mic, const float* mask
   return sqrtf(((template_energy * energy) * area) / weight);
 }
 
+// Prints a dot for each of the angles of a pass.
+void put_dots(int count) {
+  for (int k = 0; k < count; k++) putchar('.');
+}
+
+// The scan by batched transforms of the device.
+void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start,
+                               float stop, float step) {
+  const int nx = ws->nx;
+  const int ny = ws->ny;
+  hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), nx, ny);
+  if (psi) hcuda_2d_empty(psi, nx, ny);
+  ScanAngles angles{};
+  while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
+    put_dots(count);
+    correlate_angles(ws, T, angles, count);
+    if (psi) {
+      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, nx, ny);
+    } else {
+      hcuda_update_ccmax_2d(ccmax, ws->correlation, count, nx, ny);
+    }
+  }
+  putchar('\n');
+  hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
+  if (psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
+  hcuda_2d_divide_inplace(ccmax, nx, ny, divisor);
+}
+
+#ifndef KESTRIX_CUDA
+
+// The scan's own way on the host.
+void scan_by_lanes(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start, float stop,
+                   float step) {
+  lane_scan_begin(ws->lanes);
+  ScanAngles angles{};
+  while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
+    put_dots(count);
+    lane_scan_add(ws->lanes, T, angles, count);
+  }
+  putchar('\n');
+  lane_scan_finish(ws->lanes, divisor, ccmax, psi);
+}
+
+#endif
+
 }  // namespace
+
+ScanTurns turns_of(const ScanAngles& angles, int count) {
+  // The float nearest to pi / 180.
+  constexpr float kRadiansPerDegree = 0.017453292f;
+  ScanTurns turns{};
+  for (int k = 0; k < count; k++) {
+    const float t = angles.psi[k] * kRadiansPerDegree;
+    turns.cosine[k] = cosf(t);
+    turns.sine[k] = sinf(t);
+  }
+  return turns;
+}
 
 int count_scan_angles(float start, float stop, float step) {
   int count = 0;
@@ -104,12 +150,20 @@ int count_scan_angles(float start, float stop, float step) {
   return count;
 }
 
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles) {
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way) {
   ScanWorkspace ws{};
   ws.nx = nx;
   ws.ny = ny;
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
+#ifndef KESTRIX_CUDA
+  if (way == kHostLanes) {
+    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny);
+    ws.batch = lane_scan_batch(ws.lanes);
+    return ws;
+  }
+#endif
+  static_cast<void>(way);
   ws.batch = batch_size(ws, n_angles);
   const auto batch = static_cast<size_t>(ws.batch);
   ws.padded = device_new<float>(batch * image_pixels(ws));
@@ -125,17 +179,25 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
 }
 
 void scan_workspace_free(ScanWorkspace* ws) {
-  cudaFree(ws->padded);
-  cudaFree(ws->correlation);
-  cudaFree(ws->mic_spectrum);
-  cudaFree(ws->spectra);
-  cufftDestroy(ws->mic_plan);
-  cufftDestroy(ws->forward_plan);
-  cufftDestroy(ws->inverse_plan);
+#ifndef KESTRIX_CUDA
+  lane_scan_free(ws->lanes);
+#endif
+  if (ws->padded) {
+    cudaFree(ws->padded);
+    cudaFree(ws->correlation);
+    cudaFree(ws->mic_spectrum);
+    cudaFree(ws->spectra);
+    cufftDestroy(ws->mic_plan);
+    cufftDestroy(ws->forward_plan);
+    cufftDestroy(ws->inverse_plan);
+  }
   *ws = ScanWorkspace{};
 }
 
 void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
+#ifndef KESTRIX_CUDA
+  if (ws->lanes) return lane_scan_transform_micrograph(ws->lanes, mic);
+#endif
   // A real-to-complex transform out of place leaves its input as it was.
   CHECK_CUFFT(cufftExecR2C(ws->mic_plan, const_cast<float*>(mic), ws->mic_spectrum));
 }
@@ -143,25 +205,15 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
                                       int keep_psi, const float* T, float radius, float start, float stop,
                                       float step) {
-  const bool with_psi = keep_psi && psi;
-  hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), ws->nx, ws->ny);
-  if (with_psi) hcuda_2d_empty(psi, ws->nx, ws->ny);
-  ScanAngles angles{};
-  float angle = start;
-  while (const int count = take_angles(angle, stop, step, ws->batch, angles)) {
-    for (int k = 0; k < count; k++) putchar('.');
-    correlate_angles(ws, T, angles, count);
-    if (with_psi) {
-      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, ws->nx, ws->ny);
-    } else {
-      hcuda_update_ccmax_2d(ccmax, ws->correlation, count, ws->nx, ws->ny);
-    }
-  }
-  putchar('\n');
+  float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
-  hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
-  if (with_psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
-  hcuda_2d_divide_inplace(ccmax, ws->nx, ws->ny, divisor);
+#ifndef KESTRIX_CUDA
+  if (ws->lanes) {
+    scan_by_lanes(ws, ccmax, kept_psi, T, divisor, start, stop, step);
+    return 0;
+  }
+#endif
+  scan_by_device_transforms(ws, ccmax, kept_psi, T, divisor, start, stop, step);
   return 0;
 }
 

@@ -10,6 +10,9 @@ struct ScanTurns {
   float sine[kMaxScanBatch];
 };
 
+/// The turns of the first count angles.
+ScanTurns turns_of(const ScanAngles& angles, int count);
+
 /// Box pixel (x, y) of template turn k: the template turned, in the middle of the k-th of the padded images. The
 /// turns stand one below the other: y runs over T_ny rows of each.
 KERNEL void cuda_turn_into_center(int x, int y, float* padded, const float* T, int nx, int ny, int T_nx, int T_ny,
