@@ -51,8 +51,7 @@ double integrate_along_view(const Phantom& phantom, const Orientation& o, double
 double poisson_chi_square(double mean, int draws, int* classes) {
   Random random = random_stream(11, Stream::noise, 0, static_cast<uint64_t>(mean * 10));
   std::vector<double> counts(400, 0);
-  for (int i = 0; i < draws; i++)
-    counts[static_cast<size_t>(std::min(399L, random_poisson(&random, mean)))]++;
+  for (int i = 0; i < draws; i++) counts[static_cast<size_t>(std::min(399L, random_poisson(&random, mean)))]++;
   double chi_square = 0;
   *classes = 0;
   for (int k = 0; k < 399; k++) {
@@ -87,8 +86,7 @@ TEST(Phantom, DrawingPutsTheCentreOnItsPixelAndAppliesThePixelSize) {
   add_projection(spots, 40.25, 33.5, 4, image.data(), 88, 70, 90);
   for (const int x : {25, 40, 50})
     for (const int y : {20, 33, 45})
-      EXPECT_NEAR(sum_of_spots(spots, (x - 40.25) * 4, (y - 33.5) * 4),
-                  image[static_cast<size_t>(y * 90 + x)], 2e-3)
+      EXPECT_NEAR(sum_of_spots(spots, (x - 40.25) * 4, (y - 33.5) * 4), image[static_cast<size_t>(y * 90 + x)], 2e-3)
           << "floats, and spots end at 5 sigma";
 }
 
@@ -98,8 +96,7 @@ TEST(Phantom, LiesWithinItsDiameterAndHasNoSymmetry) {
   for (int x = -70; x <= 70; x += 2)
     for (int y = -70; y <= 70; y += 2)
       for (int z = -70; z <= 70; z += 2) {
-        const double r = std::sqrt(1.0 * (x * x + y * y + z * z)),
-                     density = phantom_density(phantom, x, y, z);
+        const double r = std::sqrt(1.0 * (x * x + y * y + z * z)), density = phantom_density(phantom, x, y, z);
         all += density;
         if (r > 50) beyond += density;
         if (density > 0.25) reach = std::max(reach, r);
@@ -156,8 +153,7 @@ TEST(Ctf, AgreesWithTheFormInPhaseAndAmplitudeContrastInMetres) {
     const double g = 1e10 / resolution;
     const double chi = kPi * lambda * g * g * (defocus - 0.5 * lambda * lambda * g * g * cs);
     const double expected = -std::sqrt(1 - 0.01) * std::sin(chi) - 0.1 * std::cos(chi);
-    EXPECT_NEAR(expected, ctf_value(optics, 1 / resolution), 2e-4)
-        << resolution << " Å: five digits of lambda";
+    EXPECT_NEAR(expected, ctf_value(optics, 1 / resolution), 2e-4) << resolution << " Å: five digits of lambda";
   }
   EXPECT_DOUBLE_EQ(-0.1, ctf_value(optics, 0)) << "density is dark";
   EXPECT_NEAR(-1, ctf_value(optics, 1 / 25.0), 0.02) << "first maximum";
@@ -236,8 +232,7 @@ TEST(Scene, ParticlesKeepTheirDistancesAndKnowWhatTheyLieOn) {
   for (size_t i = 0; i < scene.particles.size(); i++) {
     const TrueParticle& p = scene.particles[i];
     EXPECT_GE(std::min({p.x, p.y, 1199 - p.x, 899 - p.y}), 34.5);
-    for (size_t j = 0; j < i; j++)
-      EXPECT_GE(std::hypot(p.x - scene.particles[j].x, p.y - scene.particles[j].y), 55);
+    for (size_t j = 0; j < i; j++) EXPECT_GE(std::hypot(p.x - scene.particles[j].x, p.y - scene.particles[j].y), 55);
     bool on_ice = false;
     for (const IceCrystal& crystal : scene.ice) on_ice |= ice_depth(crystal, p.x, p.y, 4) > 0.01;
     EXPECT_EQ(on_ice, (p.contamination & kOnIce) != 0);
@@ -265,8 +260,7 @@ TEST(Scene, CarbonCoversItsShareAndIceIsOfTheSizeTold) {
   for (const IceCrystal& crystal : scene.ice) {
     double across = 0;
     for (int i = 0; i < 180; i++)
-      across =
-          std::max(across, ice_outline(crystal, i * kPi / 180) + ice_outline(crystal, (i + 180) * kPi / 180));
+      across = std::max(across, ice_outline(crystal, i * kPi / 180) + ice_outline(crystal, (i + 180) * kPi / 180));
     EXPECT_GT(across * 2, 110);
     EXPECT_LE(across * 2, 400.001);
   }

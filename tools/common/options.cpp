@@ -75,10 +75,12 @@ void print_default(const Option& option) {
 }  // namespace
 
 void refuse(const char* format, ...) {
+  const int cause = errno;  // what %m in the format tells
   fflush(stdout);
   fprintf(stderr, "%s: ", program_invocation_short_name);
   va_list arguments;
   va_start(arguments, format);
+  errno = cause;
   vfprintf(stderr, format, arguments);
   va_end(arguments);
   fprintf(stderr, "\n");
@@ -86,8 +88,7 @@ void refuse(const char* format, ...) {
 }
 
 void print_help(const char* usage, const char* purpose, const Option* options, size_t count) {
-  printf("Usage: %s %s\n\n%s\n\nOptions, defaults in brackets:\n", program_invocation_short_name, usage,
-         purpose);
+  printf("Usage: %s %s\n\n%s\n\nOptions, defaults in brackets:\n", program_invocation_short_name, usage, purpose);
   for (size_t i = 0; i < count; i++) {
     printf("  --%-14s %s", options[i].name, options[i].help);
     print_default(options[i]);
@@ -96,8 +97,7 @@ void print_help(const char* usage, const char* purpose, const Option* options, s
   printf("  --%-14s print this help\n", "help");
 }
 
-int parse_options(int argc, char** argv, const Option* options, size_t count, const char** names,
-                  int most_names) {
+int parse_options(int argc, char** argv, const Option* options, size_t count, const char** names, int most_names) {
   for (int i = 1; i < argc; i++)
     if (is_keywd_help(argv[i])) return -1;
   int found = 0;

@@ -55,8 +55,7 @@ std::vector<std::string> split_words(const std::string& line) {
 double number_from_word(const std::string& word, const char* name, long line) {
   char* end = nullptr;
   const double number = strtod(word.c_str(), &end);
-  if (*end != '\0' || !std::isfinite(number))
-    refuse("%s, line %ld: '%s' is not a number", name, line, word.c_str());
+  if (*end != '\0' || !std::isfinite(number)) refuse("%s, line %ld: '%s' is not a number", name, line, word.c_str());
   return number;
 }
 

@@ -44,8 +44,7 @@ void write_truth(const char* name, const std::vector<TrueParticle>& particles) {
           "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAngleRot #3\n_rlnAngleTilt #4\n"
           "_rlnAnglePsi #5\n_kestrixOnContamination #6\n");
   for (const TrueParticle& p : particles)
-    fprintf(file, "%12.4f %12.4f %12.4f %12.4f %12.4f %2d\n", p.x, p.y, p.rot, p.tilt, p.psi,
-            p.contamination);
+    fprintf(file, "%12.4f %12.4f %12.4f %12.4f %12.4f %2d\n", p.x, p.y, p.rot, p.tilt, p.psi, p.contamination);
   finish(file, name);
 }
 
@@ -73,14 +72,12 @@ void write_areas(const char* name, const std::vector<Area>& areas) {
 }
 
 std::vector<Area> read_areas(const char* name) {
-  const char* const columns[] = {"_kestrixAreaNumber", "_kestrixAreaKind", "_kestrixCornerX",
-                                 "_kestrixCornerY"};
+  const char* const columns[] = {"_kestrixAreaNumber", "_kestrixAreaKind", "_kestrixCornerX", "_kestrixCornerY"};
   const std::vector<double> values = read_star_columns(name, columns, 4, 4);
   std::vector<Area> areas;
   double number = 0;
   for (size_t i = 0; i + 4 <= values.size(); i += 4) {
-    if (areas.empty() || values[i] != number)
-      areas.push_back({values[i + 1] == kOnIce ? kOnIce : kOnCarbon, {}, {}});
+    if (areas.empty() || values[i] != number) areas.push_back({values[i + 1] == kOnIce ? kOnIce : kOnCarbon, {}, {}});
     number = values[i];
     areas.back().x.push_back(values[i + 2]);
     areas.back().y.push_back(values[i + 3]);

@@ -36,9 +36,9 @@ void print_score(const Score& score, const char* truth, const char* picks, doubl
 }
 
 void print_brief(const Score& score, double tolerance) {
-  printf("%ld %ld %ld %.4f %.4f %.4f %.3f %.3f %.3f %ld %ld %ld %.2f\n", score.particles, score.picks,
-         score.matched, score.precision, score.recall, score.f1, score.dx, score.dy, score.distance,
-         score.flagged, score.matched_flagged, score.in_areas, tolerance);
+  printf("%ld %ld %ld %.4f %.4f %.4f %.3f %.3f %.3f %ld %ld %ld %.2f\n", score.particles, score.picks, score.matched,
+         score.precision, score.recall, score.f1, score.dx, score.dy, score.distance, score.flagged,
+         score.matched_flagged, score.in_areas, tolerance);
 }
 
 }  // namespace
@@ -51,8 +51,7 @@ int main(int argc, char** argv) {
       {"diameter", OptionKind::real, &diameter, 10, 10000, nullptr, "particle diameter, Å"},
       {"apix", OptionKind::real, &apix, 0.1, 100, nullptr, "pixel size of the micrograph, Å"},
       {"tolerance", OptionKind::real, &tolerance, 0.01, 2, nullptr, "largest distance, in particle radii"},
-      {"areas", OptionKind::text, &areas_name, 0, 0, "none",
-       "outlines of ice and carbon, a _areas.star file"},
+      {"areas", OptionKind::text, &areas_name, 0, 0, "none", "outlines of ice and carbon, a _areas.star file"},
       {"brief", OptionKind::flag, &brief, 0, 0, nullptr, "print one line of numbers"},
   };
   constexpr size_t kOptions = sizeof options / sizeof options[0];
@@ -68,8 +67,7 @@ int main(int argc, char** argv) {
   std::vector<Area> areas;
   if (areas_name) areas = read_areas(areas_name);
   const double pixels = tolerance * diameter / 2 / apix;
-  const Score score =
-      score_matching(truth, picks, match_picks(truth, picks, pixels), areas_name ? &areas : nullptr);
+  const Score score = score_matching(truth, picks, match_picks(truth, picks, pixels), areas_name ? &areas : nullptr);
   if (brief)
     print_brief(score, pixels);
   else

@@ -64,8 +64,7 @@ std::vector<long> match_picks(const std::vector<TrueParticle>& truth, const std:
 Score score_matching(const std::vector<TrueParticle>& truth, const std::vector<Pick>& picks,
                      const std::vector<long>& matching, const std::vector<Area>* areas) {
   Score score = {};
-  for (const TrueParticle& particle : truth)
-    (particle.contamination == kClean ? score.particles : score.flagged)++;
+  for (const TrueParticle& particle : truth) (particle.contamination == kClean ? score.particles : score.flagged)++;
   score.picks = static_cast<long>(picks.size());
   score.in_areas = areas ? 0 : -1;
   double dx = 0, dy = 0, distance = 0;

@@ -25,8 +25,7 @@ struct Score {
 /// For each pick the number of its particle, or -1. One to one: of all pairs within the tolerance (pixels)
 /// the closest is matched first, then the closest of the rest; among equal ones the first pick of the list.
 /// Where particles lie further apart than twice the tolerance no other matching finds more pairs.
-std::vector<long> match_picks(const std::vector<TrueParticle>& truth, const std::vector<Pick>& picks,
-                              double tolerance);
+std::vector<long> match_picks(const std::vector<TrueParticle>& truth, const std::vector<Pick>& picks, double tolerance);
 
 /// The figures of a matching. areas may be null.
 Score score_matching(const std::vector<TrueParticle>& truth, const std::vector<Pick>& picks,

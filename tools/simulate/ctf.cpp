@@ -39,8 +39,7 @@ void filter_row(fftwf_complex* row, const Canvas& canvas, double apix, double ky
   const double decay = std::log(2.0) * lowpass * lowpass;
   for (int x = 0; x <= canvas.nx / 2; x++) {
     const double kx = x / (canvas.nx * apix), k2 = kx * kx + ky * ky;
-    const auto factor =
-        static_cast<float>(scale * transfer(terms, k2) * (decay > 0 ? std::exp(-decay * k2) : 1));
+    const auto factor = static_cast<float>(scale * transfer(terms, k2) * (decay > 0 ? std::exp(-decay * k2) : 1));
     row[x][0] *= factor;
     row[x][1] *= factor;
   }

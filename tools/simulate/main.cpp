@@ -24,8 +24,8 @@ void check_brightness(const Settings& settings, const Workspace& workspace) {
   const double most = settings.mode == 0 ? 255 : settings.mode == 1 ? 32767 : 65535;
   const double brightest = brightest_count(settings, workspace);
   if (brightest + 6 * std::sqrt(brightest) > most)
-    refuse("--mode %ld holds counts up to %.0f, but %.1f electrons per pixel are expected; lower --dose",
-           settings.mode, most, brightest);
+    refuse("--mode %ld holds counts up to %.0f, but %.1f electrons per pixel are expected; lower --dose", settings.mode,
+           most, brightest);
 }
 
 void simulate_micrograph(const Settings& settings, const Phantom& phantom, long index, Workspace* workspace) {
@@ -38,8 +38,7 @@ void simulate_micrograph(const Settings& settings, const Phantom& phantom, long 
   if (!scene.areas.empty()) write_areas(output_name(settings, index, "_areas.star").c_str(), scene.areas);
   long contaminated = 0;
   for (const TrueParticle& particle : scene.particles) contaminated += particle.contamination != kClean;
-  printf("%s: %zu particles, %ld of them on ice or carbon\n", name.c_str(), scene.particles.size(),
-         contaminated);
+  printf("%s: %zu particles, %ld of them on ice or carbon\n", name.c_str(), scene.particles.size(), contaminated);
   fflush(stdout);
 }
 
@@ -58,8 +57,7 @@ int main(int argc, char** argv) {
   if (settings.number == 0) return 0;
   Workspace workspace;
   workspace_new(&workspace, settings);
-  for (long index = 1; index <= settings.number; index++)
-    simulate_micrograph(settings, phantom, index, &workspace);
+  for (long index = 1; index <= settings.number; index++) simulate_micrograph(settings, phantom, index, &workspace);
   workspace_free(&workspace);
   return 0;
 }

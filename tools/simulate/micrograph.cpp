@@ -42,8 +42,8 @@ void draw_particles(const Settings& s, const Phantom& phantom, const Scene& scen
   Spot spots[kBlobs];
   for (const TrueParticle& p : scene.particles) {
     project_phantom(phantom, {p.rot, p.tilt, p.psi}, 0, spots);
-    add_projection(spots, p.x + w->border, p.y + w->border, s.apix, w->canvas.image, w->canvas.nx,
-                   w->canvas.ny, w->canvas.stride);
+    add_projection(spots, p.x + w->border, p.y + w->border, s.apix, w->canvas.image, w->canvas.nx, w->canvas.ny,
+                   w->canvas.stride);
   }
   canvas_apply_ctf(&w->canvas, s.apix, s.optics, 0);
 }
@@ -95,8 +95,7 @@ double particle_contrast(const Settings& s, const Scene& scene, const Workspace&
 void copy_contrast(const Settings& s, double scale, Workspace* w) {
 #pragma omp parallel for schedule(static)
   for (long y = 0; y < s.ny; y++)
-    for (long x = 0; x < s.nx; x++)
-      w->expected[y * s.nx + x] = static_cast<float>(scale * *canvas_pixel(*w, x, y));
+    for (long x = 0; x < s.nx; x++) w->expected[y * s.nx + x] = static_cast<float>(scale * *canvas_pixel(*w, x, y));
 }
 
 double deepest_ice(const Scene& scene, double x, double y, double apix) {
@@ -146,8 +145,7 @@ void add_texture(const Settings& s, const Scene& scene, Workspace* w) {
   const double scale = std::sqrt(before / after);
 #pragma omp parallel for schedule(static)
   for (long y = 0; y < s.ny; y++)
-    for (long x = 0; x < s.nx; x++)
-      w->expected[y * s.nx + x] += static_cast<float>(scale * *canvas_pixel(*w, x, y));
+    for (long x = 0; x < s.nx; x++) w->expected[y * s.nx + x] += static_cast<float>(scale * *canvas_pixel(*w, x, y));
 }
 
 double share_left(const Material& material, double depth, uint64_t key, double x, double y, double apix) {
@@ -198,8 +196,7 @@ void workspace_free(Workspace* workspace) {
   workspace->expected = nullptr;
 }
 
-void expose_scene(const Settings& settings, const Phantom& phantom, const Scene& scene,
-                  Workspace* workspace) {
+void expose_scene(const Settings& settings, const Phantom& phantom, const Scene& scene, Workspace* workspace) {
   draw_particles(settings, phantom, scene, workspace);
   copy_contrast(settings, particle_contrast(settings, scene, *workspace), workspace);
   if (!scene.areas.empty()) add_texture(settings, scene, workspace);

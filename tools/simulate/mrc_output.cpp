@@ -54,8 +54,7 @@ void begin_output(Output* output, const char* name, long nx, long ny, long nz, l
   if (!output->file) refuse("cannot write %s: %m", name);
   output->head = mrc_new_head();
   MRC_HEAD* head = output->head;
-  mrc_set_head_xyz_mode(head, static_cast<int>(nx), static_cast<int>(ny), static_cast<int>(nz),
-                        static_cast<int>(mode));
+  mrc_set_head_xyz_mode(head, static_cast<int>(nx), static_cast<int>(ny), static_cast<int>(nz), static_cast<int>(mode));
   describe_images(head, apix);
   head->amin = INFINITY;
   head->amax = -INFINITY;
@@ -79,8 +78,7 @@ void add_section(Output* output, const void* samples, const std::vector<RowStati
 void finish_output(Output* output) {
   const double mean = output->sum / output->samples;
   output->head->amean = static_cast<float>(mean);
-  output->head->rms =
-      static_cast<float>(std::sqrt(std::max(0.0, output->square / output->samples - mean * mean)));
+  output->head->rms = static_cast<float>(std::sqrt(std::max(0.0, output->square / output->samples - mean * mean)));
   mrc_write_head(output->file, output->head);
   const bool failed = ferror(output->file) != 0;
   if (fclose(output->file) != 0 || failed) refuse("writing %s failed: is the disk full?", output->name);
@@ -93,11 +91,9 @@ float store_sample(void* row, long mode, long x, double value) {
     case 0:
       return static_cast<uint8_t*>(row)[x] = static_cast<uint8_t>(std::lround(std::clamp(value, 0.0, 255.0)));
     case 1:
-      return static_cast<int16_t*>(row)[x] =
-                 static_cast<int16_t>(std::lround(std::clamp(value, 0.0, 32767.0)));
+      return static_cast<int16_t*>(row)[x] = static_cast<int16_t>(std::lround(std::clamp(value, 0.0, 32767.0)));
     case 6:
-      return static_cast<uint16_t*>(row)[x] =
-                 static_cast<uint16_t>(std::lround(std::clamp(value, 0.0, 65535.0)));
+      return static_cast<uint16_t*>(row)[x] = static_cast<uint16_t>(std::lround(std::clamp(value, 0.0, 65535.0)));
     default:
       return static_cast<float*>(row)[x] = static_cast<float>(value);
   }
@@ -107,8 +103,7 @@ float store_sample(void* row, long mode, long x, double value) {
 /// counts.
 RowStatistics count_row(const Settings& s, long index, long frame, long y, const float* expected, void* row) {
   const uint64_t place = static_cast<uint64_t>(index) << 32 | static_cast<uint64_t>(frame);
-  Random random =
-      random_stream(static_cast<uint64_t>(s.seed), Stream::noise, place, static_cast<uint64_t>(y));
+  Random random = random_stream(static_cast<uint64_t>(s.seed), Stream::noise, place, static_cast<uint64_t>(y));
   RowStatistics statistics = {INFINITY, -INFINITY, 0, 0};
   for (long x = 0; x < s.nx; x++) {
     const double mean = expected[y * s.nx + x];

@@ -71,8 +71,7 @@ void pixels_within(double centre, double reach, int count, int* first, int* last
   *last = static_cast<int>(std::clamp(std::floor(centre + reach), -1.0, count - 1.0));
 }
 
-void add_spot(const Spot& spot, double cx, double cy, double apix, float* image, int nx, int ny,
-              long stride) {
+void add_spot(const Spot& spot, double cx, double cy, double apix, float* image, int nx, int ny, long stride) {
   const double sigma = spot.sigma / apix, scale = -0.5 / (sigma * sigma);
   int x0, x1, y0, y1;
   pixels_within(cx, 5 * sigma, nx, &x0, &x1);
@@ -143,8 +142,7 @@ void project_phantom(const Phantom& phantom, const Orientation& orientation, dou
   }
 }
 
-void add_projection(const Spot* spots, double x, double y, double apix, float* image, int nx, int ny,
-                    long stride) {
+void add_projection(const Spot* spots, double x, double y, double apix, float* image, int nx, int ny, long stride) {
   for (int i = 0; i < kBlobs; i++)
     add_spot(spots[i], x + spots[i].x / apix, y + spots[i].y / apix, apix, image, nx, ny, stride);
 }

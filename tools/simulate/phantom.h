@@ -45,5 +45,4 @@ void project_phantom(const Phantom& phantom, const Orientation& orientation, dou
 /// Adds the kBlobs spots to an image of ny rows of stride floats, nx of them used, pixel size apix Å, with
 /// the particle's centre at pixel (x, y). A spot is drawn out to 5 sigma, parts outside the image are left
 /// out.
-void add_projection(const Spot* spots, double x, double y, double apix, float* image, int nx, int ny,
-                    long stride);
+void add_projection(const Spot* spots, double x, double y, double apix, float* image, int nx, int ny, long stride);

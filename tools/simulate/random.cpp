@@ -88,9 +88,7 @@ uint64_t random_bits(Random* random) {
 
 double random_uniform(Random* random) { return unit_interval(random_bits(random)); }
 
-double random_between(Random* random, double from, double to) {
-  return from + (to - from) * random_uniform(random);
-}
+double random_between(Random* random, double from, double to) { return from + (to - from) * random_uniform(random); }
 
 double random_gauss(Random* random) {
   const double radius = std::sqrt(-2 * std::log(1 - random_uniform(random)));

@@ -38,8 +38,7 @@ IceCrystal make_crystal(const Settings& s, Random* random) {
     crystal.phase[k] = random_between(random, 0, kTwoPi);
   }
   crystal.widest = 0;
-  for (int i = 0; i < 360; i++)
-    crystal.widest = std::max(crystal.widest, outline_wave(crystal, i * kTwoPi / 360));
+  for (int i = 0; i < 360; i++) crystal.widest = std::max(crystal.widest, outline_wave(crystal, i * kTwoPi / 360));
   return crystal;
 }
 
@@ -48,8 +47,7 @@ double carbon_share(const Settings& s, const CarbonFilm& film) {
   int outside = 0;
   for (int i = 0; i < 128; i++)
     for (int j = 0; j < 128; j++) {
-      const double x = (i + 0.5) / 128 * static_cast<double>(s.nx),
-                   y = (j + 0.5) / 128 * static_cast<double>(s.ny);
+      const double x = (i + 0.5) / 128 * static_cast<double>(s.nx), y = (j + 0.5) / 128 * static_cast<double>(s.ny);
       if (std::hypot(x - film.x, y - film.y) > film.radius) outside++;
     }
   return outside / (128.0 * 128.0);
@@ -112,12 +110,10 @@ bool is_free(const std::vector<TrueParticle>& particles, double x, double y, dou
 bool add_particle(const Settings& s, Random* random, std::vector<TrueParticle>* particles) {
   const double margin = s.margin / s.apix, spacing = s.min_spacing / s.apix;
   // whole numbers are pixel centres: the micrograph reaches from -0.5 to nx - 0.5
-  const double x_end = static_cast<double>(s.nx) - 0.5 - margin,
-               y_end = static_cast<double>(s.ny) - 0.5 - margin;
+  const double x_end = static_cast<double>(s.nx) - 0.5 - margin, y_end = static_cast<double>(s.ny) - 0.5 - margin;
   if (x_end <= margin - 0.5 || y_end <= margin - 0.5) return false;
   for (int i = 0; i < kTries; i++) {
-    const double x = random_between(random, margin - 0.5, x_end),
-                 y = random_between(random, margin - 0.5, y_end);
+    const double x = random_between(random, margin - 0.5, x_end), y = random_between(random, margin - 0.5, y_end);
     if (!is_free(*particles, x, y, spacing)) continue;
     TrueParticle particle = {x, y, 0, 0, 0, kClean};
     turn_at_random(&particle, random);
@@ -130,8 +126,7 @@ bool add_particle(const Settings& s, Random* random, std::vector<TrueParticle>* 
 void place_particles(const Settings& s, Random* random, Scene* scene) {
   for (long i = 0; i < s.count; i++)
     if (!add_particle(s, random, &scene->particles))
-      refuse("only %ld of %ld particles find room; lower --count, --coverage, --min_spacing or --margin", i,
-             s.count);
+      refuse("only %ld of %ld particles find room; lower --count, --coverage, --min_spacing or --margin", i, s.count);
   for (TrueParticle& p : scene->particles) p.contamination = contamination_at(scene->areas, p.x, p.y);
 }
 

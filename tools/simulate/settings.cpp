@@ -59,12 +59,10 @@ std::vector<Option> option_table(Settings* s) {
       {"coverage", real, &s->coverage, 0, 1, nullptr, "share of the area within the margins under particles"},
       {"min_spacing", real, &s->min_spacing, 0, 1e6, "1.1 x diameter", "least distance of two centres, Å"},
       {"margin", real, &s->margin, 0, 1e6, "0.7 x diameter", "least distance of a centre from the edges, Å"},
-      {"snr", real, &s->snr, 0, 1000, nullptr,
-       "variance of the particles over that of the noise, raw pixels"},
+      {"snr", real, &s->snr, 0, 1000, nullptr, "variance of the particles over that of the noise, raw pixels"},
       {"dose", real, &s->dose, 0.001, 10000, nullptr, "electrons per square Å and section"},
       {"noise_free", flag, &s->noise_free, 0, 0, nullptr, "write the expected counts, without shot noise"},
-      {"gradient", real, &s->gradient, 0, 1, nullptr,
-       "relative change of the illumination from edge to edge"},
+      {"gradient", real, &s->gradient, 0, 1, nullptr, "relative change of the illumination from edge to edge"},
       {"ice", integer, &s->ice, 0, 1000, nullptr, "ice crystals, 150 to 400 Å across"},
       {"carbon", real, &s->carbon, 0, 0.9, nullptr, "share of the micrograph that is carbon film"},
       {"kv", real, &s->optics.kv, 10, 3000, nullptr, "acceleration voltage, kV"},
@@ -72,8 +70,7 @@ std::vector<Option> option_table(Settings* s) {
       {"cs", real, &s->optics.cs, 0, 10, nullptr, "spherical aberration, mm"},
       {"ac", real, &s->optics.ac, 0, 1, nullptr, "amplitude contrast"},
       {"no_ctf", flag, &s->optics.flat, 0, 0, nullptr, "no transfer function: plain dark projections"},
-      {"templates", integer, &s->templates, 0, 10000, nullptr,
-       "projections in the template stack, 0: no stack"},
+      {"templates", integer, &s->templates, 0, 10000, nullptr, "projections in the template stack, 0: no stack"},
       {"apixT", real, &s->apixT, 0.1, 100, "2 x apix", "pixel size of the templates, Å"},
       {"boxT", integer, &s->boxT, 4, 8192, "even, 1.25 x diameter", "side of the templates, pixels"},
       {"lowpass", real, &s->lowpass, 0, 1000, nullptr, "resolution of the templates, Å, 0: not filtered"},
@@ -98,11 +95,9 @@ void refuse_unworkable(const Settings& s) {
     refuse("--mode is %ld, but must be 0, 1, 2 or 6", s.mode);
   if (s.nx * s.ny > kMostSectionSamples)
     refuse("%ld x %ld pixels are too many, at most %ld fit a section", s.nx, s.ny, kMostSectionSamples);
-  if (s.diameter < 8 * s.apix)
-    refuse("--diameter is %g, but must be at least 8 pixels of %g Å", s.diameter, s.apix);
+  if (s.diameter < 8 * s.apix) refuse("--diameter is %g, but must be at least 8 pixels of %g Å", s.diameter, s.apix);
   if (s.apixT > 100) refuse("the templates' pixel size would be %g Å; set --apixT to at most 100", s.apixT);
-  if (s.boxT > 8192)
-    refuse("the templates would have %ld pixels a side; set --boxT or a larger --apixT", s.boxT);
+  if (s.boxT > 8192) refuse("the templates would have %ld pixels a side; set --boxT or a larger --apixT", s.boxT);
 }
 
 }  // namespace
