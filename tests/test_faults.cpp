@@ -1,5 +1,5 @@
-// Runs of the program on a device that fails: which line ends the run, and that finished work stays whole. The program
-// is kestrix_faulty, whose host device fails as KESTRIX_TEST_FAULTS says (faulty_device.cpp).
+// Runs of the program on a device that fails: which line ends the run, and that finished work stays whole. The host
+// device fails as KESTRIX_TEST_FAULTS says (faulty_device.cpp), on the host's own road through a run and on a GPU's.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,8 +10,6 @@
 #include <vector>
 
 #include "mrcfile.h"
-#include "platform/device.h"
-#include "quorlin56.h"
 #include "test_support.h"
 #include "test_support_programs.h"
 
@@ -53,6 +51,8 @@ using Files = std::map<std::string, std::string>;
 /// Two micrographs picked with every output and filter that there is, so that every use of the device is on the way.
 class FaultyRuns : public FolderTest {
  protected:
+  explicit FaultyRuns(const char* program = KESTRIX_FAULTY) : program_(program) {}
+
   void SetUp() override {
     for (unsigned m = 1; m <= 2; m++) write_micrograph(path("mic" + std::to_string(m) + ".mrc"), m);
     write_templates(path("templates.mrcs"));
@@ -67,7 +67,7 @@ class FaultyRuns : public FolderTest {
 
   ProgramRun run(const std::string& faults, const std::string& options = "") const {
     return run_program(path(""),
-                       "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + faults + " " KESTRIX_FAULTY " mic1.mrc mic2.mrc " +
+                       "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + faults + " '" + program_ + "' mic1.mrc mic2.mrc " +
                            options +
                            " --T templates.mrcs --apixM 2 --apixT 5 --diameter 40 --speed 1 --ang_step 90 "
                            "--lave_min -9 --lave_max 9 --lsigma_cutoff 9 --do_pre_filter --write_pref_mic "
@@ -135,7 +135,13 @@ class FaultyRuns : public FolderTest {
     FAIL() << "no run of less than " << kMost << " calls ended well";
   }
 
+  std::string program_;
   Files clean_files_;
+};
+
+class FaultyGpuRoadRuns : public FaultyRuns {
+ protected:
+  FaultyGpuRoadRuns() : FaultyRuns(KESTRIX_FAULTY_GPU_ROAD) {}
 };
 
 const std::string kNothing = "(?!)";
@@ -145,25 +151,21 @@ std::string fatal_pattern(const std::string& function, const std::string& unit, 
   return "Error in function " + function + "\\(\\), file " + unit + " on line [0-9]+: " + text + "! Exit now!\n";
 }
 
-TEST_F(FaultyRuns, EndWhenDeviceMemoryRunsOut) {
-  sweep("malloc", "Error out of memory" + kPlace,
-        fatal_pattern("safe_cudaMalloc", "cuda_general", "Device memory allocation failed"), false);
-}
+const std::string kNoMemory = "Error out of memory" + kPlace;
+const std::string kNoDeviceMemory = fatal_pattern("safe_cudaMalloc", "cuda_general", "Device memory allocation failed");
+const std::string kNoHostMemory = fatal_pattern("[a-z_]+", "[a-z0-9_]+", "Host memory allocation failed.*");
+const std::string kCopyFailed = "Error invalid argument" + kPlace;
+const std::string kLaunchFailed = "Error unspecified launch failure" + kPlace;
+const std::string kTransformFailed = "Error CUFFT_(ALLOC|EXEC)_FAILED, [A-Za-z ]+" + kPlace;
 
-TEST_F(FaultyRuns, EndWhenMemoryForTransfersRunsOut) {
-  sweep("malloc_host", "Error out of memory" + kPlace,
-        fatal_pattern("[a-z_]+", "[a-z0-9_]+", "Host memory allocation failed.*"), false);
-}
+TEST_F(FaultyRuns, EndWhenDeviceMemoryRunsOut) { sweep("malloc", kNoMemory, kNoDeviceMemory, false); }
+TEST_F(FaultyRuns, EndWhenMemoryForTransfersRunsOut) { sweep("malloc_host", kNoMemory, kNoHostMemory, false); }
+TEST_F(FaultyRuns, EndAtACopyThatFails) { sweep("memcpy", kCopyFailed, kNothing, true); }
+TEST_F(FaultyRuns, EndAtALaunchThatFails) { sweep("launch", kLaunchFailed, kNothing, true); }
 
-TEST_F(FaultyRuns, EndAtACopyThatFails) { sweep("memcpy", "Error invalid argument" + kPlace, kNothing, true); }
-
-TEST_F(FaultyRuns, EndAtALaunchThatFails) {
-  sweep("launch", "Error unspecified launch failure" + kPlace, kNothing, true);
-}
-
-TEST_F(FaultyRuns, EndAtATransformThatFails) {
-  sweep("fft", "Error CUFFT_(ALLOC|EXEC)_FAILED, [A-Za-z ]+" + kPlace, kNothing, true);
-}
+TEST_F(FaultyGpuRoadRuns, EndWhenDeviceMemoryRunsOut) { sweep("malloc", kNoMemory, kNoDeviceMemory, false); }
+TEST_F(FaultyGpuRoadRuns, EndAtALaunchThatFails) { sweep("launch", kLaunchFailed, kNothing, true); }
+TEST_F(FaultyGpuRoadRuns, EndAtATransformThatFails) { sweep("fft", kTransformFailed, kNothing, true); }
 
 TEST_F(FaultyRuns, ResumeAfterADeviceWasLost) {
   remove_outputs();
@@ -209,41 +211,6 @@ TEST_F(FaultyRuns, ReplaceAnUnknownDeviceByTheFirstOfTheHighestCapability) {
   EXPECT_EQ(1, unusable.status);
   EXPECT_EQ(std::string::npos, unusable.output.find("no GPU device found"));
   EXPECT_NE(std::string::npos, unusable.output.find("Failed to find any usable GPU device!"));
-}
-
-// The scan as a GPU makes it, on a device that fails at its n-th launch or transform.
-void scan_on_failing_device(long HostDeviceFaults::*fault, long n) {
-  constexpr int kSide = 32;
-  constexpr int kBox = 8;
-  std::vector<float> image(kSide * kSide, 1.0f);
-  std::vector<float> maps(2 * kSide * kSide);
-  ScanWorkspace scan = scan_workspace_new(kSide, kSide, kBox, kBox, 8, kDeviceTransforms);
-  host_device_faults().*fault = n;
-  quorlin_transform_micrograph(&scan, image.data());
-  quorlin_ccmax_psi_by_one_template(&scan, image.data(), image.data(), maps.data(), maps.data() + kSide * kSide, 1,
-                                    image.data(), 3.0f, 0.0f, 359.0f, 45.0f);
-  scan_workspace_free(&scan);
-}
-
-TEST(FaultyScan, EndsAtALaunchOrTransformThatFails) {
-  struct {
-    long HostDeviceFaults::*fault;
-    const char* text;
-  } const kinds[] = {{&HostDeviceFaults::fail_launch_at, "Error unspecified launch failure"},
-                     {&HostDeviceFaults::fail_fft_at, "Error CUFFT_EXEC_FAILED, Failed to execute an FFT on the GPU"}};
-  for (const auto& kind : kinds) {
-    int failed = 0;
-    ChildResult result{};
-    for (long n = 1; n < 200; n++) {
-      result = run_in_child([&] { scan_on_failing_device(kind.fault, n); });
-      if (result.status == kDidNotExit) break;
-      EXPECT_EQ(1, result.status);
-      EXPECT_EQ(0u, result.err.find(kind.text)) << result.err;
-      failed++;
-    }
-    EXPECT_EQ(kDidNotExit, result.status);
-    EXPECT_GT(failed, 4);
-  }
 }
 
 class GpuProbe : public FolderTest {};

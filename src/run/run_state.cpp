@@ -125,7 +125,7 @@ void free_run(Run* run) {
   for (float* buffer : {device.d_T_stack, device.d_mic, device.d_ccmax, device.d_psi, device.d_mask}) cudaFree(buffer);
   cudaFree(device.d_grid);
   if (run->ice.host_grid) ice_workspace_free(&run->ice);
-  if (run->pad.padded) mirror_pad_free(&run->pad);
+  mirror_pad_free(&run->pad);
   scan_workspace_free(&run->scan);
   peak_workspace_free(&run->peaks);
   hcuda_release_sum_scratch();

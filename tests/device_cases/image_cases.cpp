@@ -91,6 +91,13 @@ void record_filters(DeviceRecord& record, int P) {
   const OnDevice<float> wide(noise(floats, 42));
   hcuda_c2d_bandpass_guas(reinterpret_cast<float2*>(wide.data), P, 5.0f, 40.0f, 800.0f);
   record_array(record, "c2d_bandpass_guas" + size_tail(P, P), wide, 2 * (P / 2 + 1), P, kExponential);
+  const size_t quarter = static_cast<size_t>(P / 2) * (P / 2);
+  const OnDevice<float> soft_cosines(noise(quarter, 43));
+  hcuda_cosine_bandpass_softR(soft_cosines.data, P, 5.0f, 1000.0f, 24.0f, 8.0f);
+  record_array(record, "cosine_bandpass_softR" + size_tail(P, P), soft_cosines, P / 2, P / 2, kExponential);
+  const OnDevice<float> wide_cosines(noise(quarter, 44));
+  hcuda_cosine_bandpass_guas(wide_cosines.data, P, 5.0f, 40.0f, 800.0f);
+  record_array(record, "cosine_bandpass_guas" + size_tail(P, P), wide_cosines, P / 2, P / 2, kExponential);
 }
 
 void record_template_scaling(DeviceRecord& record) {

@@ -20,14 +20,14 @@ void record_transforms(DeviceRecord& record, int nx, int ny) {
   record_array(record, "2d_fft_c2r" + size_tail(nx, ny), back, nx, ny, kTransform);
 }
 
-void record_filters(DeviceRecord& record, int n) {
+void record_filters(DeviceRecord& record, int n, PadWay way, const std::string& tail) {
   const std::vector<float> values = noise(static_cast<size_t>(n) * n, 71);
   const OnDevice<float> in(values);
   const OnDevice<float> out(values.size());
   const auto record_out = [&](const std::string& name, const OnDevice<float>& array) {
-    record_array(record, name + size_tail(n, n), array, n, n, kTransform);
+    record_array(record, name + tail + size_tail(n, n), array, n, n, kTransform);
   };
-  MirrorPad pad = mirror_pad_new(n, n);
+  MirrorPad pad = mirror_pad_new(n, n, way);
   hcuda_2d_bandpass_softR_mpad(&pad, in.data, out.data, 5.0f, 10.0f, 500.0f, 8.0f);
   record_out("2d_bandpass_softR_mpad", out);
   hcuda_2d_bandpass_guas_mpad(&pad, in.data, out.data, 5.0f, 40.0f, 600.0f);
@@ -41,21 +41,24 @@ void record_filters(DeviceRecord& record, int n) {
   mirror_pad_free(&pad);
 }
 
-void record_local_maps(DeviceRecord& record, int n) {
+void record_local_maps(DeviceRecord& record, int n, PadWay way, const std::string& tail) {
   const size_t pixels = static_cast<size_t>(n) * n;
   const OnDevice<float> in(noise(pixels, 81));
   const OnDevice<float> out(pixels);
   const OnDevice<float> scratch(pixels);
-  MirrorPad pad = mirror_pad_new(n, n);
+  const auto record_out = [&](const std::string& name) {
+    record_array(record, name + tail + size_tail(n, n), out, n, n, kTransform);
+  };
+  MirrorPad pad = mirror_pad_new(n, n, way);
   DiscWindow window = disc_window_new(&pad, 6.3f, 8.0f);
-  record_number(record, "disc_window.sum" + size_tail(n, n), window.sum, kExponential);
+  record_number(record, "disc_window.sum" + tail + size_tail(n, n), window.sum, kTransform);
   hcuda_2d_mpad_transform(&pad, in.data);
   hcuda_2d_bg_mpad(&pad, &window, out.data);
-  record_array(record, "2d_bg_mpad" + size_tail(n, n), out, n, n, kTransform);
+  record_out("2d_bg_mpad");
   hcuda_2d_local_ave_softR_mpad(&pad, &window, out.data);
-  record_array(record, "2d_local_ave_softR_mpad" + size_tail(n, n), out, n, n, kTransform);
+  record_out("2d_local_ave_softR_mpad");
   hcuda_2d_local_sigma_softR_mpad(&pad, &window, in.data, out.data, scratch.data);
-  record_array(record, "2d_local_sigma_softR_mpad" + size_tail(n, n), out, n, n, kTransform);
+  record_out("2d_local_sigma_softR_mpad");
   disc_window_free(&window);
   mirror_pad_free(&pad);
 }
@@ -67,7 +70,9 @@ void record_transform_cases(DeviceRecord& record) {
   const int sizes[][2] = {{64, 64}, {128, 96}, {90, 250}, {97, 64}, {142, 142}, {33, 35}};
   for (const auto& size : sizes) record_transforms(record, size[0], size[1]);
   for (const int n : {64, 90, 118}) {
-    record_filters(record, n);
-    record_local_maps(record, n);
+    record_filters(record, n, kPaddedTransforms, "");
+    record_filters(record, n, kFastestPadWay, ".fastest");
+    record_local_maps(record, n, kPaddedTransforms, "");
+    record_local_maps(record, n, kFastestPadWay, ".fastest");
   }
 }
