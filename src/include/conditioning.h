@@ -31,9 +31,7 @@ struct MirrorPad {
   cufftHandle forward, inverse;
   // Cosine transforms; the members above are empty then:
   CosinePlans* cosines;
-  float* coefficients;         // nx*ny: the transform of an image
-  float* coefficient_product;  // (nx + 1) * (ny + 1): coefficients times a window's, the last row and column 0
-  float* correlation;          // (nx + 1) * (ny + 1)
+  float* coefficients;  // nx*ny: the transform of an image
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "host_memory.h"
@@ -202,6 +204,16 @@ double lane_plan_cost(int n) {
   double cost = 0;
   for (int i = 0; i < passes; i++) cost += radix[i] == 8 ? 1.3 : radix[i] == 5 ? 1.4 : 1.0;
   return cost;
+}
+
+LaneValue* lane_values_new(size_t n) {
+  constexpr size_t kCacheLine = 64;
+  static_assert(sizeof(LaneValue) % kCacheLine == 0, "a value fills whole cache lines");
+  const size_t bytes = std::max<size_t>(n, 1) * sizeof(LaneValue);
+  void* memory = aligned_alloc(kCacheLine, bytes);
+  if (!memory) host_malloc(SIZE_MAX, 1);  // reports the failure and ends the run
+  memset(memory, 0, bytes);
+  return static_cast<LaneValue*>(memory);
 }
 
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch) {
