@@ -1,0 +1,102 @@
+// What several tests need: a folder of their own, files as text, and the output of code that may end the
+// process.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <omp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+/// A fixture with a fresh folder, which is removed with all that it holds when the test ends.
+class FolderTest : public ::testing::Test {
+ protected:
+  FolderTest() {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    folder_ = std::filesystem::temp_directory_path() / ("kestrix_" + std::to_string(getpid())) /
+              (std::string(test->test_suite_name()) + "." + test->name());
+    std::filesystem::create_directories(folder_);
+  }
+  ~FolderTest() override { std::filesystem::remove_all(folder_.parent_path()); }
+
+  /// The name of a file in the folder.
+  std::string path(const std::string& name) const { return (folder_ / name).string(); }
+
+ private:
+  std::filesystem::path folder_;
+};
+
+inline void write_file(const std::string& name, const std::string& content) {
+  std::ofstream(name, std::ios::binary) << content;
+}
+
+/// The whole content of a file; empty if there is none.
+inline std::string read_file(const std::string& name) {
+  std::ifstream file(name, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// Replaces the line numbers of failure and warning lines by N, so that they can be compared as a whole.
+inline std::string without_line_numbers(std::string text) {
+  const std::string lead = "on line ";
+  for (size_t at = text.find(lead); at != std::string::npos; at = text.find(lead, at + 1)) {
+    const size_t number = at + lead.size();
+    text.replace(number, text.find_first_not_of("0123456789", number) - number, "N");
+  }
+  return text;
+}
+
+/// The line, less its line number, that a fatal error leaves on standard output.
+inline std::string fatal_line(const std::string& function, const std::string& unit, const std::string& text) {
+  return "Error in function " + function + "(), file " + unit + " on line N: " + text + "! Exit now!\n";
+}
+
+inline std::string warning_line(const std::string& function, const std::string& unit,
+                                const std::string& text) {
+  return "Warning in function " + function + "(), file " + unit + " on line N: " + text + "!\n";
+}
+
+/// What code leaves on standard output, less line numbers.
+template <class Code>
+std::string output_of(Code code) {
+  ::testing::internal::CaptureStdout();
+  code();
+  return without_line_numbers(::testing::internal::GetCapturedStdout());
+}
+
+constexpr int kDidNotExit = 254;
+
+struct ChildResult {
+  int status;            // exit status; kDidNotExit if the code returned; 1000 + the signal that ended it
+  std::string out, err;  // the two streams, less line numbers
+};
+
+/// Runs code that may end the process, in a child of its own.
+template <class Code>
+ChildResult run_in_child(Code code) {
+  FILE* streams[2] = {tmpfile(), tmpfile()};
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    omp_set_num_threads(1);  // a team that the parent has started doesn't exist here
+    for (int i = 0; i < 2; i++) dup2(fileno(streams[i]), i + 1);
+    code();
+    fflush(nullptr);
+    _exit(kDidNotExit);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  std::string texts[2];
+  for (int i = 0; i < 2; i++) {
+    rewind(streams[i]);
+    for (int c = fgetc(streams[i]); c != EOF; c = fgetc(streams[i])) texts[i] += static_cast<char>(c);
+    fclose(streams[i]);
+  }
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status), without_line_numbers(texts[0]),
+          without_line_numbers(texts[1])};
+}
