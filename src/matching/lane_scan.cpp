@@ -40,8 +40,8 @@ struct LaneScan {
   LaneValue* maps;          // strips * nx: as re the largest correlation so far, as im its angle
   float* turned_pixels;     // 2 * pairs templates of T_rows rows of T_nx
   int threads;
-  size_t scratch_values;    // of one thread's scratch
-  LaneValue* scratch;       // threads * 3 * scratch_values
+  size_t scratch_values;  // of one thread's scratch
+  LaneValue* scratch;     // threads * 3 * scratch_values
 };
 
 namespace {
@@ -195,8 +195,7 @@ void fold_rows(LaneScan* scan, const ScanAngles& angles, int count, size_t strip
     gather_rows(product, scratch.in, scan->blocks, scan->rows, strip * kLanes);
     lane_fft(&scan->x_plan, scratch.in, scratch.out, scratch.passes);
     const bool second = k + 1 < count;
-    update_strip(scratch.out, scan->maps + offset, scan->nx, angles.psi[k], second ? angles.psi[k + 1] : 0.0f,
-                 second);
+    update_strip(scratch.out, scan->maps + offset, scan->nx, angles.psi[k], second ? angles.psi[k + 1] : 0.0f, second);
   }
 }
 

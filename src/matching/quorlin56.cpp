@@ -13,8 +13,8 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "math_utils.h"
 #include "matching/quorlin56_kernels.h"
+#include "math_utils.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
@@ -50,8 +50,8 @@ cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
   const int spectrum = (nx / 2 + 1) * ny;
   const bool forward = type == CUFFT_R2C;
   cufftHandle plan;
-  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1,
-                            forward ? spectrum : image, type, batch));
+  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1, forward ? spectrum : image,
+                            type, batch));
   return plan;
 }
 
@@ -203,8 +203,7 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
 }
 
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
-                                      int keep_psi, const float* T, float radius, float start, float stop,
-                                      float step) {
+                                      int keep_psi, const float* T, float radius, float start, float stop, float step) {
   float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
 #ifndef KESTRIX_CUDA

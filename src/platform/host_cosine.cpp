@@ -34,8 +34,8 @@ bool plan_fftw(CosinePlans* plans) {
   fftwf_plan_with_nthreads(omp_get_max_threads());
   plans->forward = fftwf_plan_r2r_2d(ny, nx, plans->image, plans->image, FFTW_REDFT10, FFTW_REDFT10, FFTW_ESTIMATE);
   plans->inverse = fftwf_plan_r2r_2d(ny, nx, plans->image, plans->image, FFTW_REDFT01, FFTW_REDFT01, FFTW_ESTIMATE);
-  plans->correlate = fftwf_plan_r2r_2d(ny + 1, nx + 1, plans->product, plans->correlation, FFTW_REDFT00,
-                                       FFTW_REDFT00, FFTW_ESTIMATE);
+  plans->correlate =
+      fftwf_plan_r2r_2d(ny + 1, nx + 1, plans->product, plans->correlation, FFTW_REDFT00, FFTW_REDFT00, FFTW_ESTIMATE);
   return plans->forward && plans->inverse && plans->correlate;
 }
 

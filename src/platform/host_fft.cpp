@@ -104,13 +104,9 @@ cufftResult cufftPlan2d(cufftHandle* plan, int ny, int nx, cufftType type) {
   return cufftPlanMany(plan, 2, n, nullptr, 1, 0, nullptr, 1, 0, type, 1);
 }
 
-cufftResult cufftExecR2C(cufftHandle plan, float* in, float2* out) {
-  return transform_batch(plan, CUFFT_R2C, in, out);
-}
+cufftResult cufftExecR2C(cufftHandle plan, float* in, float2* out) { return transform_batch(plan, CUFFT_R2C, in, out); }
 
-cufftResult cufftExecC2R(cufftHandle plan, float2* in, float* out) {
-  return transform_batch(plan, CUFFT_C2R, out, in);
-}
+cufftResult cufftExecC2R(cufftHandle plan, float2* in, float* out) { return transform_batch(plan, CUFFT_C2R, out, in); }
 
 cufftResult cufftDestroy(cufftHandle plan) {
   const std::lock_guard<std::mutex> lock(plans_mutex);

@@ -22,9 +22,9 @@ namespace {
 /// One dimension's plans.
 struct CosineSide {
   int n;
-  LanePlan plan;    // length n
+  LanePlan plan;         // length n
   LanePlan double_plan;  // length 2n
-  float* turn;      // n pairs: cosine and sine of pi k / (2n)
+  float* turn;           // n pairs: cosine and sine of pi k / (2n)
 };
 
 struct Scratch {
