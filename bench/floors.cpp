@@ -22,6 +22,7 @@ template <class F>
 double median_seconds(F f) {
   f();
   std::vector<double> seconds;
+  seconds.reserve(kRepeats);
   for (int i = 0; i < kRepeats; i++) seconds.push_back(seconds_of(f));
   return median_of(seconds);
 }

@@ -58,7 +58,10 @@ cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
 // The next angles of the scan, starting at `angle`; moves `angle` on. Returns how many.
 int take_angles(float& angle, float stop, float step, int most, ScanAngles& angles) {
   int count = 0;
-  for (; count < most && stop > angle; angle += step) angles.psi[count++] = angle;
+  while (count < most && stop > angle) {
+    angles.psi[count++] = angle;
+    angle += step;
+  }
   return count;
 }
 
@@ -145,8 +148,10 @@ ScanTurns turns_of(const ScanAngles& angles, int count) {
 }
 
 int count_scan_angles(float start, float stop, float step) {
+  // Counted by adding up as the scan adds up, so that rounding ends both at the same angle.
+  ScanAngles angles{};
   int count = 0;
-  for (float angle = start; stop > angle; angle += step) count++;
+  while (const int taken = take_angles(start, stop, step, kMaxScanBatch, angles)) count += taken;
   return count;
 }
 

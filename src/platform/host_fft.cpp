@@ -74,6 +74,7 @@ cufftResult transform_batch(cufftHandle handle, cufftType type, float* image, fl
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-non-const-parameter): cuFFT's own signature
 cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int, int, int* onembed, int, int,
                           cufftType type, int batch) {
   const std::lock_guard<std::mutex> lock(plans_mutex);
