@@ -152,7 +152,7 @@ KERNEL_LOOP void turn_row(const float* T, float* out, int y, int T_nx, int T_ny,
 void transform_template_rows(LaneScan* scan, const float* T, const ScanTurns& turns, int count, int pair, size_t y0) {
   const ThreadScratch scratch = scratch_of_thread(scan);
   const auto T_nx = static_cast<size_t>(scan->T_nx);
-  memset(scratch.in, 0, scan->blocks * kLanes * sizeof(LaneValue));
+  memset(scratch.in, 0, T_nx * sizeof(LaneValue));
   for (int half = 0; half < 2 && 2 * pair + half < count; half++) {
     const int k = 2 * pair + half;
     for (int lane = 0; lane < kLanes && static_cast<int>(y0) + lane < scan->T_ny; lane++) {
@@ -167,7 +167,7 @@ void transform_template_rows(LaneScan* scan, const float* T, const ScanTurns& tu
       }
     }
   }
-  lane_fft(&scan->x_plan, scratch.in, scratch.out, scratch.passes);
+  lane_fft_of_few(&scan->x_plan, scratch.in, T_nx, scratch.out, scratch.passes);
   LaneValue* turned = scan->turned + static_cast<size_t>(pair) * scan->blocks * scan->T_rows;
   scatter_rows(scratch.out, turned, scan->blocks, scan->T_rows, y0);
 }
@@ -178,10 +178,7 @@ void correlate_columns(LaneScan* scan, int pair, size_t block) {
   const auto height = static_cast<size_t>(scan->y_plan.n);
   const LaneValue* turned = scan->turned + (static_cast<size_t>(pair) * scan->blocks + block) * scan->T_rows;
   LaneValue* product = scan->products + (static_cast<size_t>(pair) * scan->blocks + block) * scan->rows;
-  const auto T_rows = static_cast<size_t>(scan->T_ny);
-  memcpy(scratch.in, turned, T_rows * sizeof(LaneValue));
-  memset(scratch.in + T_rows, 0, (height - T_rows) * sizeof(LaneValue));
-  lane_fft(&scan->y_plan, scratch.in, scratch.out, scratch.passes);
+  lane_fft_of_few(&scan->y_plan, turned, static_cast<size_t>(scan->T_ny), scratch.out, scratch.passes);
   correlate_column(scan->mic + block * scan->rows, scratch.out, scratch.in, height);
   lane_fft(&scan->y_plan, scratch.in, product, scratch.passes);
 }
