@@ -112,7 +112,7 @@ TEST_F(CellSearch, EqualsAPlainLoopOnMapsWithTiesLimitsAndNaN) {
 TEST_F(CellSearch, MarksACellByOnePixelBeyondALimitThatBeatsTheFirst) {
   const Limits limits{-1, 1, 1.3f};
   const std::vector<float> flat(16, 0.0f);
-  const auto marked = [&](std::vector<float> lave, std::vector<float> lsigma) {
+  const auto marked = [&](const std::vector<float>& lave, const std::vector<float>& lsigma) {
     return searched_on_device(lave, lsigma, 4, 4, 4, limits).grid[0];
   };
   const auto with = [](size_t at, float value) {
@@ -190,7 +190,7 @@ TEST_F(IceDetection, MarksTheContaminatedCellsAndWritesListsAndMaps) {
 
   const auto map = [&](const char* suffix) {
     float* pixels = get_mrcf_data_all(path(std::string("m") + suffix).c_str());
-    const std::vector<float> copy(pixels, pixels + image.size());
+    std::vector<float> copy(pixels, pixels + image.size());
     free(pixels);
     return copy;
   };

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <complex>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -111,12 +112,18 @@ template <class T, class U>
                                        << want[worst];
 }
 
+inline uint32_t bits_of(float value) {
+  uint32_t bits = 0;
+  memcpy(&bits, &value, sizeof bits);
+  return bits;
+}
+
 /// Whether two arrays hold the same bits, but for the payloads of NaN.
 inline ::testing::AssertionResult same_bits(const std::vector<float>& got, const std::vector<float>& want) {
   if (got.size() != want.size())
     return ::testing::AssertionFailure() << got.size() << " values instead of " << want.size();
   for (size_t i = 0; i < got.size(); i++) {
-    const bool same = memcmp(&got[i], &want[i], sizeof(float)) == 0 || (std::isnan(got[i]) && std::isnan(want[i]));
+    const bool same = bits_of(got[i]) == bits_of(want[i]) || (std::isnan(got[i]) && std::isnan(want[i]));
     if (!same)
       return ::testing::AssertionFailure() << "element " << i << " is " << got[i] << " instead of " << want[i]
                                            << ", a difference of " << got[i] - want[i];
