@@ -27,11 +27,11 @@ constexpr int2 kOrigin{0, 0};
 
 /// The names that belong to one micrograph.
 struct MicrographNames {
-  const char* mic;               // the micrograph
-  char box[kTextBytes];          // final list, box form
-  char star[kTextBytes];         // final list, STAR form
-  char nonunique[kTextBytes];    // candidates
-  char excluded[kTextBytes];     // excluded coordinates, or "NULL"
+  const char* mic;             // the micrograph
+  char box[kTextBytes];        // final list, box form
+  char star[kTextBytes];       // final list, STAR form
+  char nonunique[kTextBytes];  // candidates
+  char excluded[kTextBytes];   // excluded coordinates, or "NULL"
 };
 
 // --- Start-up ---
@@ -41,9 +41,10 @@ void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
   for (int i = 0; i < n; i++) {
     const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
     if (access(files[i], R_OK) != 0) {
-      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
-             "ignored!\x1b[m\n\n",
-             __func__, unit, __LINE__, files[i], problem);
+      printf(
+          "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
+          "ignored!\x1b[m\n\n",
+          __func__, unit, __LINE__, files[i], problem);
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", files[i]);
@@ -178,8 +179,7 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   const float apix = static_cast<float>(para.shrink) * para.apixM;
   const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
   upload_working_image(run, names->mic, readable);
-  if (para.do_pre_filter)
-    hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
+  if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
   if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
   close_cells(run, names, excluded_n);
