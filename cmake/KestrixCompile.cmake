@@ -10,8 +10,13 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # errno are never looked at, and without them clamping loops vectorise.
 set(KESTRIX_FLAGS -fno-trapping-math -fno-math-errno -ffp-contract=off -Wall -Wextra -Wshadow)
 if(KESTRIX_SANITIZE)
-  list(APPEND KESTRIX_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=address,undefined)
+  set(KESTRIX_SANITIZERS address,undefined,float-cast-overflow)
+  list(APPEND KESTRIX_FLAGS -fsanitize=${KESTRIX_SANITIZERS} -fno-sanitize-recover=undefined,float-cast-overflow
+    -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KESTRIX_SANITIZERS})
+endif()
+if(KESTRIX_FUZZ)
+  list(APPEND KESTRIX_FLAGS -fsanitize=fuzzer-no-link -Wno-pass-failed)
 endif()
 
 find_package(OpenMP REQUIRED COMPONENTS CXX)
@@ -48,7 +53,8 @@ function(kestrix_use_device target)
     target_link_libraries(${target} PUBLIC CUDA::cudart CUDA::cufft OpenMP::OpenMP_CXX)
   else()
     target_sources(${target} PRIVATE
-      src/platform/host_runtime.cpp src/platform/host_fft.cpp src/platform/host_cosine.cpp src/platform/lane_fft.cpp)
+      src/platform/host_runtime.cpp src/platform/host_fft.cpp src/platform/host_cosine.cpp src/platform/lane_cosine.cpp
+      src/platform/lane_fft.cpp)
     target_include_directories(${target} PRIVATE ${FFTW3_INCLUDE_DIR})
     target_link_libraries(${target} PUBLIC ${FFTW3F_OMP_LIBRARY} ${FFTW3F_LIBRARY} OpenMP::OpenMP_CXX m)
   endif()

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "common/truth_file.h"
-#include "mrcfile.h"
 #include "simulate/phantom.h"
+#include "test_support_image.h"
 #include "test_support_phantom.h"
 #include "test_support_programs.h"
 
@@ -27,24 +27,6 @@ class Simulate : public FolderTest {
     ASSERT_EQ(0, result.status) << result.errors;
   }
 };
-
-/// An MRC file, all its sections as floats.
-struct Image {
-  MRC_HEAD head;
-  std::vector<float> data;
-  float at(long x, long y) const { return data[static_cast<size_t>(y * head.nx + x)]; }
-};
-
-Image read_image(const std::string& name) {
-  Image image;
-  MRC_HEAD* head = get_mrcf_head(name.c_str());
-  image.head = *head;
-  float* data = get_mrcf_data_all(name.c_str());
-  image.data.assign(data, data + static_cast<size_t>(head->nx) * head->ny * head->nz);
-  free(data);
-  free(head);
-  return image;
-}
 
 double variance(const std::vector<double>& values) {
   double sum = 0, square = 0;

@@ -21,7 +21,8 @@ KERNEL float softR_weight(float r, BandLimits limits, float soft) {
 
 KERNEL float guas_weight(float r, BandLimits limits, int P) {
   if (r < limits.low || r > limits.high) return 0.0f;
-  const auto H = static_cast<float>(P / 2 + 1);
+  const int beyond_nyquist = P / 2 + 1;
+  const auto H = static_cast<float>(beyond_nyquist);
   return hd_guasf(r, limits.high / 3) * hd_guasf(H - r, (H - limits.low) / 3);
 }
 
@@ -43,11 +44,11 @@ KERNEL void cuda_c2d_bandpass_guas(int x, int y, float2* data, int P, BandLimits
 
 /// The same on the cosine coefficients of the image itself, P/2 to a row.
 KERNEL void cuda_cosine_bandpass_softR(int x, int y, float* data, int P, BandLimits limits, float soft) {
-  float& value = data[pixel_at(x, y, P / 2)];
-  value = weighted(value, softR_weight(frequency_radius(x, y, P), limits, soft));
+  const size_t i = pixel_at(x, y, P / 2);
+  data[i] = weighted(data[i], softR_weight(frequency_radius(x, y, P), limits, soft));
 }
 
 KERNEL void cuda_cosine_bandpass_guas(int x, int y, float* data, int P, BandLimits limits) {
-  float& value = data[pixel_at(x, y, P / 2)];
-  value = weighted(value, guas_weight(frequency_radius(x, y, P), limits, P));
+  const size_t i = pixel_at(x, y, P / 2);
+  data[i] = weighted(data[i], guas_weight(frequency_radius(x, y, P), limits, P));
 }

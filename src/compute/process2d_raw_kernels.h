@@ -127,6 +127,16 @@ KERNEL void cuda_2d_generate_rmask_soft(int x, int y, float* mask, int nx, float
   mask[pixel_at(x, y, nx)] = value;
 }
 
+/// -v by its sign bit. Where a loop stores a sum and a difference of products side by side, g++ 12 fuses them into
+/// multiply-adds (vfmaddsub) in spite of -ffp-contract=off; two sums it leaves as they are.
+KERNEL float sign_flipped(float v) {
+  uint32_t bits = 0;
+  memcpy(&bits, &v, sizeof bits);
+  bits ^= 0x80000000u;
+  memcpy(&v, &bits, sizeof v);
+  return v;
+}
+
 KERNEL void cuda_c2d_multconj_norm(int x, int y, const float2* A, const float2* B, float2* C, int hnx, float norm) {
   const size_t i = pixel_at(x, y, hnx);
   const float a = A[i].x;
@@ -134,5 +144,5 @@ KERNEL void cuda_c2d_multconj_norm(int x, int y, const float2* A, const float2* 
   const float c = B[i].x;
   const float d = B[i].y;
   C[i].x = (a * c + b * d) / norm;
-  C[i].y = (b * c - a * d) / norm;
+  C[i].y = (b * c + a * sign_flipped(d)) / norm;
 }

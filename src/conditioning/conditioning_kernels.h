@@ -8,16 +8,10 @@ KERNEL void cuda_2d_recentred_mean(int x, int y, float* out, const float* correl
   out[pixel_at(x, y, nx)] = correlation[pixel_at(x + nx, y + ny, 2 * nx)] / sum;
 }
 
-/// Coefficient (x, y) of image times window, into rows of nx + 1.
-KERNEL void cuda_cosine_product(int x, int y, float* product, const float* image, const float* window, int nx,
-                                float norm) {
+/// out = a * b / norm.
+KERNEL void cuda_2d_product(int x, int y, float* out, const float* a, const float* b, int nx, float norm) {
   const size_t i = pixel_at(x, y, nx);
-  product[pixel_at(x, y, nx + 1)] = image[i] * window[i] / norm;
-}
-
-/// Pixel (x, y) of a map from the correlation at whole positions, (nx + 1) by (ny + 1), divided by sum.
-KERNEL void cuda_cosine_mean(int x, int y, float* out, const float* correlation, int nx, int ny, float sum) {
-  out[pixel_at(x, y, nx)] = correlation[pixel_at(nx - x, ny - y, nx + 1)] / sum;
+  out[i] = a[i] * b[i] / norm;
 }
 
 /// The limits of the local maps beyond which a pixel is suspect.

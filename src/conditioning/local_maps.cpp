@@ -37,13 +37,11 @@ DiscWindow cosine_window(MirrorPad* pad, float cx, float cy, float R, float soft
 // The phases of image and disc cancel in the product, which leaves a transform at the whole positions: pixel (x, y) of
 // the map is position (nx - x, ny - y).
 void cosine_mean(MirrorPad* pad, const DiscWindow* window, float* out) {
-  CHECK_DEVICE(launch_2d<cuda_cosine_product>(pad->nx, pad->ny, pad->coefficient_product,
-                                              static_cast<const float*>(pad->coefficients),
-                                              static_cast<const float*>(window->coefficients), pad->nx,
-                                              number_of_padded_pixels(pad)));
-  cosine_correlate(pad->cosines);
-  CHECK_DEVICE(launch_2d<cuda_cosine_mean>(pad->nx, pad->ny, out, static_cast<const float*>(pad->correlation), pad->nx,
-                                           pad->ny, window->sum));
+  CHECK_DEVICE(launch_2d<cuda_2d_product>(pad->nx, pad->ny, out, static_cast<const float*>(pad->coefficients),
+                                          static_cast<const float*>(window->coefficients), pad->nx,
+                                          number_of_padded_pixels(pad)));
+  cosine_correlate(pad->cosines, out);
+  hcuda_2d_divide_inplace(out, pad->nx, pad->ny, window->sum);
 }
 
 #endif

@@ -20,15 +20,9 @@ int padded_side(const MirrorPad* pad) { return 2 * pad->nx; }
 #ifndef KESTRIX_CUDA
 
 void plan_cosines(MirrorPad* pad) {
-  const size_t pixels = static_cast<size_t>(pad->nx) * pad->ny;
-  const size_t whole_positions = (static_cast<size_t>(pad->nx) + 1) * (static_cast<size_t>(pad->ny) + 1);
-  pad->coefficients = device_new<float>(pixels);
-  pad->coefficient_product = device_new<float>(whole_positions);
-  pad->correlation = device_new<float>(whole_positions);
-  pad->cosines =
-      cosine_plans_new(pad->nx, pad->ny, pad->coefficients, pad->coefficient_product, pad->correlation);
-  if (!pad->cosines) device_failure(cuFFT_GetErrorString(CUFFT_INTERNAL_ERROR), __LINE__, unit);
-  hcuda_empty(pad->coefficient_product, whole_positions * sizeof(float));
+  pad->coefficients = device_new<float>(static_cast<size_t>(pad->nx) * pad->ny);
+  pad->cosines = cosine_plans_new(pad->nx, pad->ny);
+  if (!pad->cosines) device_failure(cuFFT_GetErrorString(CUFFT_ALLOC_FAILED), __LINE__, unit);
 }
 
 #endif
@@ -36,7 +30,7 @@ void plan_cosines(MirrorPad* pad) {
 void transform_back(MirrorPad* pad, float* out) {
 #ifndef KESTRIX_CUDA
   if (pad->cosines) {
-    cosine_inverse(pad->cosines);
+    cosine_inverse(pad->cosines, pad->coefficients);
     memcpy(out, pad->coefficients, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
     return;
   }
@@ -79,8 +73,6 @@ void mirror_pad_free(MirrorPad* pad) {
   cudaFree(pad->spectrum);
   cudaFree(pad->product);
   cudaFree(pad->coefficients);
-  cudaFree(pad->coefficient_product);
-  cudaFree(pad->correlation);
   *pad = MirrorPad{};
 }
 
@@ -88,7 +80,7 @@ void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 #ifndef KESTRIX_CUDA
   if (pad->cosines) {
     memcpy(pad->coefficients, in, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
-    return cosine_forward(pad->cosines);
+    return cosine_forward(pad->cosines, pad->coefficients);
   }
 #endif
   hcuda_2d_mirror_pad(pad->padded, in, pad->nx, pad->ny);

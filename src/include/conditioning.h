@@ -31,9 +31,7 @@ struct MirrorPad {
   cufftHandle forward, inverse;
   // Cosine transforms; the members above are empty then:
   CosinePlans* cosines;
-  float* coefficients;         // nx*ny: the transform of an image
-  float* coefficient_product;  // (nx + 1) * (ny + 1): coefficients times a window's, the last row and column 0
-  float* correlation;          // (nx + 1) * (ny + 1)
+  float* coefficients;  // nx*ny: the transform of an image
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.
@@ -85,12 +83,12 @@ void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, c
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.
 struct IceWorkspace {
   int grid_nx, grid_ny;
-  float* lsigma_map;  // device, nx*ny
-  float* lave_map;    // device, nx*ny
-  float* scratch;     // device, nx*ny
-  float* grid_lave;   // device, one per cell
-  float* grid_lsigma; // device, one per cell
-  unsigned* host_grid;      // host copies, one per cell
+  float* lsigma_map;    // device, nx*ny
+  float* lave_map;      // device, nx*ny
+  float* scratch;       // device, nx*ny
+  float* grid_lave;     // device, one per cell
+  float* grid_lsigma;   // device, one per cell
+  unsigned* host_grid;  // host copies, one per cell
   float* host_grid_lave;
   float* host_grid_lsigma;
   DiscWindow lsigma_window, lave_window;
@@ -128,8 +126,7 @@ void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const
 
 /// The same with the coordinates of a file. A missing file is a warning and adds nothing.
 /// boxes   room for one record per cell
-void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink,
-                              PTCL_BOX* boxes);
+void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink, PTCL_BOX* boxes);
 
 /// mask (device, Nx*Ny) = `value` on the pixels of marked cells, 1 - value on those of clean ones.
 void hcuda_2d_generate_mask_by_coords(float* mask, int Nx, int Ny, int box, const unsigned* d_grid, int value);

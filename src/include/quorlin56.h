@@ -24,14 +24,14 @@ struct LaneScan;
 /// What the scans of a run share: plans and buffers for nx by ny images and T_nx by T_ny templates, taking `batch`
 /// angles at a time. Spectra have rows of nx / 2 + 1 values.
 struct ScanWorkspace {
-  int nx, ny;            // working image
-  int T_nx, T_ny;        // template box, no larger than the working image
-  int batch;             // angles in one pass
-  LaneScan* lanes;       // the host's own way; where it is used, what follows is empty
-  float* padded;         // device, batch images: the turned templates in the middle, zero around
-  float* correlation;    // device, batch images
-  float2* mic_spectrum;  // device, one spectrum
-  float2* spectra;       // device, batch spectra
+  int nx, ny;                // working image
+  int T_nx, T_ny;            // template box, no larger than the working image
+  int batch;                 // angles in one pass
+  LaneScan* lanes;           // the host's own way; where it is used, what follows is empty
+  float* padded;             // device, batch images: the turned templates in the middle, zero around
+  float* correlation;        // device, batch images
+  float2* mic_spectrum;      // device, one spectrum
+  float2* spectra;           // device, batch spectra
   cufftHandle mic_plan;      // forward, one image
   cufftHandle forward_plan;  // forward, a batch
   cufftHandle inverse_plan;  // inverse, a batch
@@ -59,8 +59,7 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic);
 /// The score at pixel p is that of template pixel (T_nx / 2, T_ny / 2), for an odd size the one after it, lying over
 /// p; the sum wraps around the image's edges. Prints a dot for each angle, then a newline. Returns 0.
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
-                                      int keep_psi, const float* T, float radius, float start, float stop,
-                                      float step);
+                                      int keep_psi, const float* T, float radius, float start, float stop, float step);
 
 /// Up to kMaxScanBatch angles in degrees, handed to a kernel by value.
 struct ScanAngles {
@@ -84,11 +83,11 @@ int grid_cell_size(float min_dist, float pixel_size);
 /// Device arrays of one entry per cell, made once for the run, and room for the excluded points.
 struct PeakWorkspace {
   int grid_nx, grid_ny;
-  unsigned* found;       // pixel of each cell's peak, 0: none
-  unsigned* kept;        // the same after the filter
-  float* cc;             // score of the peak
-  float* psi;            // angle of the peak in degrees
-  unsigned* excluded;    // device: excluded points, each once
+  unsigned* found;          // pixel of each cell's peak, 0: none
+  unsigned* kept;           // the same after the filter
+  float* cc;                // score of the peak
+  float* psi;               // angle of the peak in degrees
+  unsigned* excluded;       // device: excluded points, each once
   unsigned* host_excluded;  // host: the same, and room for the list they come from
 };
 

@@ -19,7 +19,7 @@
 // so that one inverse transform gives the correlations c1 and c2 of two angles as its real and imaginary part.
 //
 // Spectra lie in blocks of eight columns: value (x, y) is lane x % 8 of the LaneValue at x / 8 * rows + y. Maps lie in
-// strips of eight rows: pixel (x, y) is lane y % 8 of the Lane at y / 8 * nx + x. A column's transform so runs over
+// strips of eight rows: pixel (x, y) is lane y % 8 of the value at y / 8 * nx + x. A column's transform so runs over
 // memory in order with eight columns as its lanes, a row's with eight rows, and between them stand transpositions of
 // eight by eight values.
 //
@@ -37,12 +37,11 @@ struct LaneScan {
   LaneValue* mic;           // blocks * rows: the micrograph's spectrum over the number of its values
   LaneValue* turned;        // pairs * blocks * T_rows: the templates' rows transformed
   LaneValue* products;      // pairs * blocks * rows: columns done, real and imaginary part exchanged
-  Lane* best;               // strips * nx: largest correlation so far
-  Lane* best_psi;           // strips * nx: its angle
+  LaneValue* maps;          // strips * nx: as re the largest correlation so far, as im its angle
   float* turned_pixels;     // 2 * pairs templates of T_rows rows of T_nx
   int threads;
-  size_t scratch_values;    // of one thread's scratch
-  LaneValue* scratch;       // threads * 3 * scratch_values
+  size_t scratch_values;  // of one thread's scratch
+  LaneValue* scratch;     // threads * 3 * scratch_values
 };
 
 namespace {
@@ -52,16 +51,6 @@ constexpr size_t kBatchBytes = size_t{64} << 20;
 constexpr int kMostPairs = 8;
 
 size_t up_to_lanes(int n) { return (static_cast<size_t>(n) + kLanes - 1) / kLanes * kLanes; }
-
-template <class T>
-T* cleared_new(size_t count) {
-  constexpr size_t kCacheLine = 64;
-  const size_t bytes = (std::max<size_t>(count, 1) * sizeof(T) + kCacheLine - 1) / kCacheLine * kCacheLine;
-  void* memory = aligned_alloc(kCacheLine, bytes);
-  if (!memory) host_malloc(SIZE_MAX, sizeof(T));  // reports the failure
-  memset(memory, 0, bytes);
-  return static_cast<T*>(memory);
-}
 
 // The side to transform for images of side n and templates of side t.
 int padded_side(int n, int t) {
@@ -137,20 +126,20 @@ KERNEL_LOOP void correlate_column(const LaneValue* mic, const LaneValue* turned,
 }
 
 // Takes the correlations of one angle, or of two, in a strip into the maps.
-KERNEL_LOOP void update_strip(const LaneValue* row, Lane* best, Lane* best_psi, int nx, float first_psi,
-                              float second_psi, bool second) {
+KERNEL_LOOP void update_strip(const LaneValue* row, LaneValue* maps, int nx, float first_psi, float second_psi,
+                              bool second) {
   for (int x = 0; x < nx; x++) {
     const Lane first = row[x].im;
-    const Lane unsettled = best[x];
-    Lane value = unsettled < first ? first : unsettled;
-    Lane psi = unsettled < first ? Lane{} + first_psi : best_psi[x];
+    const LaneValue best = maps[x];
+    Lane value = best.re < first ? first : best.re;
+    Lane psi = best.re < first ? Lane{} + first_psi : best.im;
     if (second) {
       const Lane other = row[x].re;
       psi = value < other ? Lane{} + second_psi : psi;
       value = value < other ? other : value;
     }
-    best[x] = value;
-    best_psi[x] = psi;
+    maps[x].re = value;
+    maps[x].im = psi;
   }
 }
 
@@ -163,7 +152,7 @@ KERNEL_LOOP void turn_row(const float* T, float* out, int y, int T_nx, int T_ny,
 void transform_template_rows(LaneScan* scan, const float* T, const ScanTurns& turns, int count, int pair, size_t y0) {
   const ThreadScratch scratch = scratch_of_thread(scan);
   const auto T_nx = static_cast<size_t>(scan->T_nx);
-  memset(scratch.in, 0, scan->blocks * kLanes * sizeof(LaneValue));
+  memset(scratch.in, 0, T_nx * sizeof(LaneValue));
   for (int half = 0; half < 2 && 2 * pair + half < count; half++) {
     const int k = 2 * pair + half;
     for (int lane = 0; lane < kLanes && static_cast<int>(y0) + lane < scan->T_ny; lane++) {
@@ -178,7 +167,7 @@ void transform_template_rows(LaneScan* scan, const float* T, const ScanTurns& tu
       }
     }
   }
-  lane_fft(&scan->x_plan, scratch.in, scratch.out, scratch.passes);
+  lane_fft_of_few(&scan->x_plan, scratch.in, T_nx, scratch.out, scratch.passes);
   LaneValue* turned = scan->turned + static_cast<size_t>(pair) * scan->blocks * scan->T_rows;
   scatter_rows(scratch.out, turned, scan->blocks, scan->T_rows, y0);
 }
@@ -189,10 +178,7 @@ void correlate_columns(LaneScan* scan, int pair, size_t block) {
   const auto height = static_cast<size_t>(scan->y_plan.n);
   const LaneValue* turned = scan->turned + (static_cast<size_t>(pair) * scan->blocks + block) * scan->T_rows;
   LaneValue* product = scan->products + (static_cast<size_t>(pair) * scan->blocks + block) * scan->rows;
-  const auto T_rows = static_cast<size_t>(scan->T_ny);
-  memcpy(scratch.in, turned, T_rows * sizeof(LaneValue));
-  memset(scratch.in + T_rows, 0, (height - T_rows) * sizeof(LaneValue));
-  lane_fft(&scan->y_plan, scratch.in, scratch.out, scratch.passes);
+  lane_fft_of_few(&scan->y_plan, turned, static_cast<size_t>(scan->T_ny), scratch.out, scratch.passes);
   correlate_column(scan->mic + block * scan->rows, scratch.out, scratch.in, height);
   lane_fft(&scan->y_plan, scratch.in, product, scratch.passes);
 }
@@ -206,8 +192,7 @@ void fold_rows(LaneScan* scan, const ScanAngles& angles, int count, size_t strip
     gather_rows(product, scratch.in, scan->blocks, scan->rows, strip * kLanes);
     lane_fft(&scan->x_plan, scratch.in, scratch.out, scratch.passes);
     const bool second = k + 1 < count;
-    update_strip(scratch.out, scan->best + offset, scan->best_psi + offset, scan->nx, angles.psi[k],
-                 second ? angles.psi[k + 1] : 0.0f, second);
+    update_strip(scratch.out, scan->maps + offset, scan->nx, angles.psi[k], second ? angles.psi[k + 1] : 0.0f, second);
   }
 }
 
@@ -230,15 +215,14 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny) {
   const size_t spectrum = scan->blocks * scan->rows;
   scan->pairs = static_cast<int>(std::clamp<size_t>(kBatchBytes / (spectrum * sizeof(LaneValue)), 1, kMostPairs));
   const auto pairs = static_cast<size_t>(scan->pairs);
-  scan->mic = cleared_new<LaneValue>(spectrum);
-  scan->turned = cleared_new<LaneValue>(pairs * scan->blocks * scan->T_rows);
-  scan->products = cleared_new<LaneValue>(pairs * spectrum);
-  scan->best = cleared_new<Lane>(static_cast<size_t>(strips_of(scan)) * nx);
-  scan->best_psi = cleared_new<Lane>(static_cast<size_t>(strips_of(scan)) * nx);
-  scan->turned_pixels = cleared_new<float>(2 * pairs * scan->T_rows * static_cast<size_t>(T_nx));
+  scan->mic = lane_values_new(spectrum);
+  scan->turned = lane_values_new(pairs * scan->blocks * scan->T_rows);
+  scan->products = lane_values_new(pairs * spectrum);
+  scan->maps = lane_values_new(static_cast<size_t>(strips_of(scan)) * nx);
+  scan->turned_pixels = host_new<float>(2 * pairs * scan->T_rows * static_cast<size_t>(T_nx));
   scan->threads = omp_get_max_threads();
   scan->scratch_values = std::max(scan->blocks * kLanes, scan->rows);
-  scan->scratch = cleared_new<LaneValue>(static_cast<size_t>(scan->threads) * 3 * scan->scratch_values);
+  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 3 * scan->scratch_values);
   return scan;
 }
 
@@ -246,9 +230,7 @@ void lane_scan_free(LaneScan* scan) {
   if (!scan) return;
   lane_plan_free(&scan->x_plan);
   lane_plan_free(&scan->y_plan);
-  for (LaneValue* values : {scan->mic, scan->turned, scan->products, scan->scratch}) free(values);
-  free(scan->best);
-  free(scan->best_psi);
+  for (LaneValue* values : {scan->mic, scan->turned, scan->products, scan->maps, scan->scratch}) free(values);
   free(scan->turned_pixels);
   free(scan);
 }
@@ -279,8 +261,7 @@ void lane_scan_transform_micrograph(LaneScan* scan, const float* mic) {
 
 void lane_scan_begin(LaneScan* scan) {
   const size_t n = static_cast<size_t>(strips_of(scan)) * static_cast<size_t>(scan->nx);
-  std::fill_n(scan->best, n, Lane{} - std::numeric_limits<float>::infinity());
-  memset(scan->best_psi, 0, n * sizeof(Lane));
+  std::fill_n(scan->maps, n, LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
 }
 
 void lane_scan_add(LaneScan* scan, const float* T, const ScanAngles& angles, int count) {
@@ -315,8 +296,8 @@ void lane_scan_finish(const LaneScan* scan, float divisor, float* ccmax, float* 
     for (int x = 0; x < nx; x++) {
       const size_t from = strip + static_cast<size_t>((x - place_x + nx) % nx);
       const size_t i = pixel_at(x, y, nx);
-      ccmax[i] = scan->best[from][lane] / divisor;
-      if (psi) psi[i] = scan->best_psi[from][lane];
+      ccmax[i] = scan->maps[from].re[lane] / divisor;
+      if (psi) psi[i] = scan->maps[from].im[lane];
     }
   }
 }

@@ -13,8 +13,8 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "math_utils.h"
 #include "matching/quorlin56_kernels.h"
+#include "math_utils.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
@@ -50,15 +50,18 @@ cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
   const int spectrum = (nx / 2 + 1) * ny;
   const bool forward = type == CUFFT_R2C;
   cufftHandle plan;
-  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1,
-                            forward ? spectrum : image, type, batch));
+  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1, forward ? spectrum : image,
+                            type, batch));
   return plan;
 }
 
 // The next angles of the scan, starting at `angle`; moves `angle` on. Returns how many.
 int take_angles(float& angle, float stop, float step, int most, ScanAngles& angles) {
   int count = 0;
-  for (; count < most && stop > angle; angle += step) angles.psi[count++] = angle;
+  while (count < most && stop > angle) {
+    angles.psi[count++] = angle;
+    angle += step;
+  }
   return count;
 }
 
@@ -145,8 +148,10 @@ ScanTurns turns_of(const ScanAngles& angles, int count) {
 }
 
 int count_scan_angles(float start, float stop, float step) {
+  // Counted by adding up as the scan adds up, so that rounding ends both at the same angle.
+  ScanAngles angles{};
   int count = 0;
-  for (float angle = start; stop > angle; angle += step) count++;
+  while (const int taken = take_angles(start, stop, step, kMaxScanBatch, angles)) count += taken;
   return count;
 }
 
@@ -203,8 +208,7 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
 }
 
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
-                                      int keep_psi, const float* T, float radius, float start, float stop,
-                                      float step) {
+                                      int keep_psi, const float* T, float radius, float start, float stop, float step) {
   float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
 #ifndef KESTRIX_CUDA

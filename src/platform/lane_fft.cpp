@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "host_memory.h"
@@ -137,6 +139,32 @@ void run_pass(int radix, const LaneValue* x, LaneValue* y, size_t n, size_t stri
   }
 }
 
+// The first pass where no butterfly has more than its first value: each becomes `radix` values that differ by their
+// factors only.
+KERNEL_LOOP void spread(size_t radix, const LaneValue* x, size_t n_in, LaneValue* y, size_t n, const float* factors) {
+  for (size_t p = 0; p < n_in; p++) {
+    const LaneValue value = x[p];
+    y[p * radix] = value;
+    for (size_t k = 1; k < radix; k++, factors += 2) y[p * radix + k] = turned(value, factors);
+  }
+  memset(y + n_in * radix, 0, (n - n_in * radix) * sizeof(LaneValue));
+}
+
+// The passes alternate between out and scratch so that the last one writes out: where the first one writes.
+LaneValue* first_target(const LanePlan* plan, LaneValue* out, LaneValue* scratch) {
+  return plan->n_passes % 2 == 1 ? out : scratch;
+}
+
+// All passes but the first, from `from` to `other` and back.
+void run_later_passes(const LanePlan* plan, LaneValue* from, LaneValue* other) {
+  size_t stride = 1;
+  for (int i = 1; i < plan->n_passes; i++) {
+    stride *= static_cast<size_t>(plan->radix[i - 1]);
+    run_pass(plan->radix[i], from, other, static_cast<size_t>(plan->n), stride, plan->factors[i]);
+    std::swap(from, other);
+  }
+}
+
 // Splits n into radices, long ones first; a lone factor of 2 beside an 8 becomes two 4s. Returns how many.
 int split_into_radices(int n, int* radix) {
   int count = 0;
@@ -204,20 +232,44 @@ double lane_plan_cost(int n) {
   return cost;
 }
 
+LaneValue* lane_values_new(size_t n) {
+  constexpr size_t kCacheLine = 64;
+  static_assert(sizeof(LaneValue) % kCacheLine == 0, "a value fills whole cache lines");
+  const size_t bytes = std::max<size_t>(n, 1) * sizeof(LaneValue);
+  void* memory = aligned_alloc(kCacheLine, bytes);
+  if (!memory) host_malloc(SIZE_MAX, 1);  // reports the failure and ends the run
+  memset(memory, 0, bytes);
+  return static_cast<LaneValue*>(memory);
+}
+
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch) {
-  const auto n = static_cast<size_t>(plan->n);
-  if (plan->n_passes == 0) out[0] = in[0];
-  // The passes alternate between out and scratch so that the last one writes out.
-  LaneValue* to = plan->n_passes % 2 == 1 ? out : scratch;
-  LaneValue* other = plan->n_passes % 2 == 1 ? scratch : out;
-  const LaneValue* from = in;
-  size_t stride = 1;
-  for (int i = 0; i < plan->n_passes; i++) {
-    run_pass(plan->radix[i], from, to, n, stride, plan->factors[i]);
-    stride *= static_cast<size_t>(plan->radix[i]);
-    from = to;
-    std::swap(to, other);
+  if (plan->n_passes == 0) {
+    out[0] = in[0];
+    return;
   }
+  LaneValue* to = first_target(plan, out, scratch);
+  run_pass(plan->radix[0], in, to, static_cast<size_t>(plan->n), 1, plan->factors[0]);
+  run_later_passes(plan, to, to == out ? scratch : out);
+}
+
+void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch) {
+  const auto n = static_cast<size_t>(plan->n);
+  const auto radix = static_cast<size_t>(std::max(plan->radix[0], 1));
+  if (plan->n_passes == 0 || n_in > n / radix) {
+    // Too many for the short cut. The first pass never writes where its input can lie.
+    LaneValue* padded = first_target(plan, out, scratch) == out ? scratch : out;
+    memcpy(padded, in, n_in * sizeof(LaneValue));
+    memset(padded + n_in, 0, (n - n_in) * sizeof(LaneValue));
+    if (plan->n_passes == 0) {
+      out[0] = padded[0];
+      return;
+    }
+    run_pass(plan->radix[0], padded, first_target(plan, out, scratch), n, 1, plan->factors[0]);
+  } else {
+    spread(radix, in, n_in, first_target(plan, out, scratch), n, plan->factors[0]);
+  }
+  LaneValue* first = first_target(plan, out, scratch);
+  run_later_passes(plan, first, first == out ? scratch : out);
 }
 
 KERNEL_LOOP void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride) {

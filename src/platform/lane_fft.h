@@ -46,6 +46,12 @@ double lane_plan_cost(int n);
 /// Exchanging re and im before and after gives the inverse.
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch);
 
+/// lane_fft of arrays of which only the first n_in values are not 0; in holds just these.
+void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch);
+
+/// n values, cleared, on a cache line's boundary, for free. A lack of memory ends the run.
+LaneValue* lane_values_new(size_t n);
+
 /// Turns eight rows of eight floats into eight columns: to[j][i] = from[i][j].
 /// from, to   row j at from + j * from_stride, to + j * to_stride; different places; strides in Lanes
 void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride);

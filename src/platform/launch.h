@@ -135,7 +135,7 @@ cudaError_t launch_1d(unsigned long n, Args... args) {
 /// Runs Kernel(x, y, args...) for every pixel of nx by ny, rows shared among the cores, each row vectorised.
 template <auto Kernel, class... Args>
 cudaError_t launch_2d(int nx, int ny, Args... args) {
-#pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
+#pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++) launch_detail::loop_row<Kernel>(y, nx, args...);
   return cudaThreadSynchronize();
 }
@@ -153,7 +153,7 @@ cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
 /// A row stays in the cache while its k go by.
 template <auto Kernel, class... Args>
 cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
-#pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
+#pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++)
     for (int k = 0; k < times; k++) launch_detail::loop_row_once<Kernel>(y, k, nx, args...);
   return cudaThreadSynchronize();

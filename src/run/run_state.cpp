@@ -38,9 +38,10 @@ void check_micrograph_size(const Run* run) {
 void check_cell_size(const Run* run) {
   const Kestrix_Para& para = run->para;
   if (run->sizes.grid_size < 1 || box_filter_cell_size(para.min_dist_px) < 1)
-    KESTRIX_FATAL("--min_dist %g (from --diameter where not given) is too small: a cell of the peak grid must have at "
-                  "least 1 pixel, which takes %g angstrom or more at this --apixM and --speed",
-                  static_cast<double>(para.min_dist), 1.4143 * static_cast<double>(para.apixM) * para.shrink);
+    KESTRIX_FATAL(
+        "--min_dist %g (from --diameter where not given) is too small: a cell of the peak grid must have at "
+        "least 1 pixel, which takes %g angstrom or more at this --apixM and --speed",
+        static_cast<double>(para.min_dist), 1.4143 * static_cast<double>(para.apixM) * para.shrink);
 }
 
 }  // namespace

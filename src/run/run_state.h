@@ -47,8 +47,8 @@ struct Run {
   RunSizes sizes;
   HostBuffers host;
   DeviceBuffers device;
-  MirrorPad pad;        // empty where neither filter nor ice detection runs
-  IceWorkspace ice;     // empty without ice detection
+  MirrorPad pad;     // empty where neither filter nor ice detection runs
+  IceWorkspace ice;  // empty without ice detection
   ScanWorkspace scan;
   PeakWorkspace peaks;
 };

@@ -1,0 +1,161 @@
+#include <algorithm>
+
+#include "conditioning.h"
+#include "img_filter.h"
+#include "test_numeric.h"
+
+namespace {
+
+/// What one filter call is given; soft is negative for the filter of two Gaussians.
+struct Band {
+  float apix, res1, res2, soft;
+};
+
+double gaussian(double x, double sigma) { return 0.39894228 * std::exp(-x * x / (2 * sigma * sigma)); }
+
+/// Weight of the radius r (Fourier pixels) in a transform of P by P, by definition.
+double weight(double r, int P, const Band& band) {
+  const float length = static_cast<float>(P) * band.apix;
+  const float low = length / std::max(band.res1, band.res2), high = length / std::min(band.res1, band.res2);
+  if (r < low) return 0;
+  if (band.soft < 0) {
+    const int H = P / 2 + 1;
+    return r > high ? 0 : gaussian(r, high / 3.0) * gaussian(H - r, (H - low) / 3);
+  }
+  if (r <= high) return 1;
+  return r <= high + band.soft ? gaussian(r - high, band.soft / 3.0) : 0;
+}
+
+/// The mirrored image's transform, weighted and transformed back unnormalised; its top-left quadrant.
+std::vector<double> filtered_by_definition(const std::vector<float>& image, int N, const Band& band) {
+  const int P = 2 * N;
+  std::vector<Complex> padded;
+  for (int y = 0; y < P; y++)
+    for (int x = 0; x < P; x++) padded.emplace_back(image[static_cast<size_t>(mirrored(y, N)) * N + mirrored(x, N)]);
+  std::vector<Complex> spectrum = fourier_sums(padded, P, P, -1);
+  for (int v = 0; v < P; v++)
+    for (int u = 0; u < P; u++)
+      spectrum[static_cast<size_t>(v) * P + u] *= weight(std::hypot(std::min(u, P - u), std::min(v, P - v)), P, band);
+  const std::vector<Complex> back = fourier_sums(spectrum, P, P, 1);
+  std::vector<double> out;
+  for (int y = 0; y < N; y++)
+    for (int x = 0; x < N; x++) out.push_back(back[static_cast<size_t>(y) * P + x].real());
+  return out;
+}
+
+struct Pad {
+  explicit Pad(int N) : pad(mirror_pad_new(N, N)) {}
+  ~Pad() { mirror_pad_free(&pad); }
+  Pad(const Pad&) = delete;
+  Pad& operator=(const Pad&) = delete;
+  MirrorPad pad;
+};
+
+void filter(MirrorPad* pad, const float* in, float* out, const Band& band) {
+  if (band.soft < 0) {
+    hcuda_2d_bandpass_guas_mpad(pad, in, out, band.apix, band.res1, band.res2);
+  } else {
+    hcuda_2d_bandpass_softR_mpad(pad, in, out, band.apix, band.res1, band.res2, band.soft);
+  }
+}
+
+std::vector<float> filtered(const std::vector<float>& image, int N, const Band& band) {
+  Pad shared(N);
+  const auto in = to_device(image), out = unwritten(image.size());
+  filter(&shared.pad, in.get(), out.get(), band);
+  EXPECT_TRUE(same_bits(to_host(in, image.size()), image)) << "the filter changed its input";
+  return to_host(out, image.size());
+}
+
+std::vector<float> filtered_in_place(const std::vector<float>& image, int N, const Band& band) {
+  Pad shared(N);
+  const auto d = to_device(image);
+  if (band.soft < 0) {
+    hcuda_2d_bandpass_guas_mpad_inplace(&shared.pad, d.get(), band.apix, band.res1, band.res2);
+  } else {
+    hcuda_2d_bandpass_softR_mpad_inplace(&shared.pad, d.get(), band.apix, band.res1, band.res2, band.soft);
+  }
+  return to_host(d, image.size());
+}
+
+const Band kBands[] = {
+    {1.5f, 7, 40, 3},      // both limits inside the transform
+    {1.5f, 3, 25, 8},      // the Nyquist period and a roll-off into the corners
+    {1.5f, 11, 11, 2},     // limits that coincide: the roll-off alone
+    {1.5f, 7, 40, -1},     // the same for the two Gaussians
+    {1.5f, 2, 200, -1},    // beyond Nyquist, and next to everything else
+    {0.5f, 4, 2.5f, 100},  // limits in the other order, a roll-off beyond the corners
+};
+
+}  // namespace
+
+using BandPass = DeviceTest;
+using BandWeights = DeviceTest;
+
+TEST_F(BandPass, AgreesWithItsDefinitionInTheFrequencyDomain) {
+  for (const int N : {10, 15, 22}) {
+    const std::vector<float> image = random_values(static_cast<size_t>(N) * N, static_cast<unsigned>(N));
+    for (const Band& band : kBands) {
+      // The output is (2N)^2 times the image; float transforms and weights are off by some 1e-7 of that.
+      EXPECT_TRUE(all_near(filtered(image, N, band), filtered_by_definition(image, N, band), 1e-6 * 4 * N * N))
+          << N << ": " << band.res1 << " to " << band.res2 << ", " << band.soft;
+    }
+  }
+}
+
+TEST_F(BandPass, IsTheSameInPlaceAndWithTheLimitsInEitherOrder) {
+  const int N = 22;
+  const std::vector<float> image = random_values(static_cast<size_t>(N) * N, 1);
+  for (const Band& band : kBands) {
+    const std::vector<float> once = filtered(image, N, band);
+    EXPECT_TRUE(same_bits(filtered_in_place(image, N, band), once));
+    EXPECT_TRUE(same_bits(filtered(image, N, {band.apix, band.res2, band.res1, band.soft}), once));
+  }
+}
+
+TEST_F(BandPass, OfAConstantImageIsZeroEverywhere) {
+  const int N = 15;
+  const std::vector<float> image(static_cast<size_t>(N) * N, 50.0f);
+  for (const Band& band : kBands)
+    EXPECT_TRUE(all_near(filtered(image, N, band), std::vector<float>(image.size(), 0.0f), 1e-6 * 50 * 4 * N * N));
+}
+
+TEST_F(BandPass, GivesTheSameBitsAgainWithSharedBuffers) {
+  const int N = 22;
+  const std::vector<float> image = random_values(static_cast<size_t>(N) * N, 2);
+  Pad shared(N);
+  const auto in = to_device(image), first = unwritten(image.size()), again = unwritten(image.size());
+  filter(&shared.pad, in.get(), first.get(), kBands[0]);
+  filter(&shared.pad, in.get(), again.get(), kBands[3]);  // leaves something else in the buffers
+  filter(&shared.pad, in.get(), again.get(), kBands[0]);
+  EXPECT_TRUE(same_bits(to_host(again, image.size()), to_host(first, image.size())));
+}
+
+TEST_F(BandWeights, KeepRadiiEqualToALimit) {
+  // P = 20 and 1 A per pixel: 10, 4 and 2.5 A lie at the radii 2, 5 and 8 exactly, which (2,0), (3,4), (5,0) and (8,0)
+  // and their mirror images have.
+  const int P = 20, row = P / 2 + 1;
+  for (const Band& band : {Band{1, 4, 10, 3}, Band{1, 10, 4, -1}, Band{1, 4, 4, -1}}) {
+    const auto spectrum = to_device(std::vector<float2>(static_cast<size_t>(row) * P, float2{3, -2}));
+    if (band.soft < 0) {
+      hcuda_c2d_bandpass_guas(spectrum.get(), P, band.apix, band.res1, band.res2);
+    } else {
+      hcuda_c2d_bandpass_softR(spectrum.get(), P, band.apix, band.res1, band.res2, band.soft);
+    }
+    std::vector<double> want;
+    std::vector<float> got;
+    for (const float2& v : to_host(spectrum, static_cast<size_t>(row) * P)) {
+      got.push_back(v.x);
+      got.push_back(v.y);
+    }
+    for (int v = 0; v < P; v++) {
+      for (int u = 0; u < row; u++) {
+        const double w = weight(std::hypot(u, std::min(v, P - v)), P, band);
+        want.push_back(3 * w);
+        want.push_back(-2 * w);
+      }
+    }
+    EXPECT_TRUE(all_near(got, want, 1e-6)) << band.res1 << " to " << band.res2 << ", " << band.soft;
+  }
+  EXPECT_NEAR(0.0044, weight(8, P, {1, 4, 10, 3}), 1e-4);  // the definition itself: still passed at the roll-off's end
+}

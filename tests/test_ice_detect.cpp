@@ -1,0 +1,241 @@
+#include <climits>
+#include <cstdlib>
+
+#include "conditioning.h"
+#include "mrcfile.h"
+#include "test_numeric.h"
+#include "test_support.h"
+
+namespace {
+
+struct Limits {
+  float lave_min, lave_max, lsigma_cutoff;
+};
+
+/// What the search leaves in each cell.
+struct Cells {
+  std::vector<unsigned> grid;
+  std::vector<float> lave, lsigma;
+};
+
+/// The search as a plain loop. A running value starts at the cell's first pixel and follows every recorded one.
+Cells searched(const std::vector<float>& lave, const std::vector<float>& lsigma, int Nx, int Ny, int box,
+               const Limits& limits) {
+  Cells cells;
+  for (int y0 = 0; y0 < Ny; y0 += box) {
+    for (int x0 = 0; x0 < Nx; x0 += box) {
+      unsigned point = 0;
+      float A = lave[static_cast<size_t>(y0) * Nx + x0], B = lsigma[static_cast<size_t>(y0) * Nx + x0];
+      for (int y = y0; y < Ny && y < y0 + box; y++) {
+        for (int x = x0; x < Nx && x < x0 + box; x++) {
+          const size_t i = static_cast<size_t>(y) * Nx + x;
+          const bool rough = lsigma[i] > limits.lsigma_cutoff && lsigma[i] > B;
+          const bool dark = lave[i] < limits.lave_min && lave[i] < A;
+          const bool bright = lave[i] > limits.lave_max && lave[i] > A;
+          if (!rough && !dark && !bright) continue;
+          A = lave[i];
+          B = lsigma[i];
+          point = static_cast<unsigned>(i);
+        }
+      }
+      cells.grid.push_back(point);
+      cells.lave.push_back(A);
+      cells.lsigma.push_back(B);
+    }
+  }
+  return cells;
+}
+
+Cells searched_on_device(const std::vector<float>& lave, const std::vector<float>& lsigma, int Nx, int Ny, int box,
+                         const Limits& limits) {
+  const size_t n = static_cast<size_t>((Nx - 1) / box + 1) * ((Ny - 1) / box + 1);
+  const auto a = to_device(lave), s = to_device(lsigma), grid_lave = unwritten(n), grid_lsigma = unwritten(n);
+  const auto grid = to_device(std::vector<unsigned>(n, 12345u));
+  hcuda_find_sigma_grids(a.get(), s.get(), grid.get(), grid_lave.get(), grid_lsigma.get(), Nx, Ny, box, limits.lave_min,
+                         limits.lave_max, limits.lsigma_cutoff);
+  return {to_host(grid, n), to_host(grid_lave, n), to_host(grid_lsigma, n)};
+}
+
+void expect_same_cells(const Cells& got, const Cells& want) {
+  EXPECT_EQ(want.grid, got.grid);
+  EXPECT_TRUE(same_bits(got.lave, want.lave));
+  EXPECT_TRUE(same_bits(got.lsigma, want.lsigma));
+}
+
+/// Maps of few different values, so that many equal each other or a limit, with NaN among them.
+std::vector<float> coarse_map(size_t n, unsigned seed, float nan_share) {
+  std::vector<float> map = random_values(n, seed, -4, 4), choice = random_values(n, seed + 1, 0, 1);
+  for (size_t i = 0; i < n; i++) map[i] = choice[i] < nan_share ? kNaN : std::round(map[i] * 2) / 2;
+  return map;
+}
+
+class RejectedList : public FolderTest {
+ protected:
+  /// The list that is written for cells of 10 pixels of a 40 by 30 image shrunk by 4.
+  std::string written(const std::vector<unsigned>& grid, int format, int2 origin = {0, 0}) const {
+    std::vector<float> lave, lsigma;
+    for (size_t i = 0; i < grid.size(); i++) {
+      lave.push_back(-1.25f + static_cast<float>(i));
+      lsigma.push_back(2.5f * static_cast<float>(i));
+    }
+    output_ice_coord(path("list").c_str(), grid.data(), lave.data(), lsigma.data(), 40, 30, origin, 10, 4, format);
+    return read_file(path("list"));
+  }
+};
+
+const std::string kStarHead = "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n";
+
+struct IceDetection : FolderTest {
+  void SetUp() override { REQUIRE_DEVICE(); }
+};
+
+}  // namespace
+
+using CellSearch = DeviceTest;
+
+TEST_F(CellSearch, EqualsAPlainLoopOnMapsWithTiesLimitsAndNaN) {
+  const int Nx = 47, Ny = 38;
+  const size_t n = static_cast<size_t>(Nx) * Ny;
+  const Limits limits{-1.5f, 1.0f, 2.0f};  // values that the maps hold
+  unsigned seed = 1;
+  for (const int box : {1, 2, 5, 7, 16, 46, 47, 1000, INT_MAX}) {
+    for (const float nan_share : {0.0f, 0.1f, 0.6f}) {
+      SCOPED_TRACE(testing::Message() << "cells of " << box << ", NaN " << nan_share);
+      const std::vector<float> lave = coarse_map(n, seed++, nan_share), lsigma = coarse_map(n, seed++, nan_share);
+      // A plain loop's own index would overflow with the largest cell.
+      const Cells want = searched(lave, lsigma, Nx, Ny, std::min(box, 1000), limits);
+      expect_same_cells(searched_on_device(lave, lsigma, Nx, Ny, box, limits), want);
+    }
+  }
+}
+
+TEST_F(CellSearch, MarksACellByOnePixelBeyondALimitThatBeatsTheFirst) {
+  const Limits limits{-1, 1, 1.3f};
+  const std::vector<float> flat(16, 0.0f);
+  const auto marked = [&](const std::vector<float>& lave, const std::vector<float>& lsigma) {
+    return searched_on_device(lave, lsigma, 4, 4, 4, limits).grid[0];
+  };
+  const auto with = [](size_t at, float value) {
+    std::vector<float> map(16, 0.0f);
+    map[at] = value;
+    return map;
+  };
+  EXPECT_EQ(0u, marked(flat, flat));
+  EXPECT_EQ(6u, marked(flat, with(6, 1.31f)));
+  EXPECT_EQ(0u, marked(flat, with(6, 1.3f))) << "a value equal to a limit";
+  EXPECT_EQ(6u, marked(with(6, 1.01f), flat));
+  EXPECT_EQ(6u, marked(with(6, -1.01f), flat));
+  EXPECT_EQ(0u, marked(with(6, -1.0f), flat));
+  EXPECT_EQ(0u, marked(with(0, 9.0f), with(0, 9.0f))) << "the first pixel alone";
+  std::vector<float> spoilt = with(6, 5.0f);
+  spoilt[0] = kNaN;
+  EXPECT_EQ(0u, marked(spoilt, flat)) << "nothing beats a NaN at the first pixel";
+}
+
+TEST_F(RejectedList, HoldsWhatIsFartherThanHalfACellFromTheEdges) {
+  // Points of the 40 by 30 image: none, (5,6) too far left, (6,6), (34,6), (35,6) too far right, (6,24), (6,25) too low.
+  const std::vector<unsigned> grid{0,           6 * 40 + 5, 6 * 40 + 6, 6 * 40 + 34, 6 * 40 + 35, 24 * 40 + 6,
+                                   25 * 40 + 6, 0,          0,          0,           0,           0};
+  EXPECT_EQ(
+      "4       4       40      40      \t0.750000\t5.000000\n"
+      "116     4       40      40      \t1.750000\t7.500000\n"
+      "4       76      40      40      \t3.750000\t12.500000\n",
+      written(grid, 2));
+  EXPECT_EQ(kStarHead + "24      24      \n136     24      \n24      96      \n", written(grid, 1));
+  EXPECT_EQ(kStarHead + "27      29      \n139     29      \n27      101     \n", written(grid, 1, {3, 5}));
+  EXPECT_EQ(0u, written(grid, 2, {3, 5}).find("7       9       40      40      \t"));
+}
+
+TEST_F(RejectedList, OfACleanGridIsEmptyButThere) {
+  const std::vector<unsigned> clean(12, 0);
+  EXPECT_EQ("", written(clean, 2));
+  EXPECT_TRUE(std::filesystem::exists(path("list")));
+  EXPECT_EQ(kStarHead, written(clean, 1));
+}
+
+TEST_F(RejectedList, ThatCannotBeWrittenEndsTheRunAndNamesTheFile) {
+  const unsigned grid = 0;
+  const float map = 0;
+  const std::string name = path("absent") + "/list";
+  const ChildResult result = run_in_child([&] {
+    output_ice_coord(name.c_str(), &grid, &map, &map, 4, 4, {0, 0}, 4, 1, 2);
+  });
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ("Cannot write to file " + name + ". Permission denied or no space left!\n" +
+                fatal_line("output_ice_coord", "quorlin56", "open file failed."),
+            result.out);
+}
+
+TEST_F(IceDetection, MarksTheContaminatedCellsAndWritesListsAndMaps) {
+  const int N = 60, box = 12, cells = 5;
+  std::vector<float> image = random_values(static_cast<size_t>(N) * N, 1, -0.5f, 0.5f);
+  for (int y = 26; y < 38; y++)  // a dark patch with a rough rim, in the middle
+    for (int x = 27; x < 40; x++) image[static_cast<size_t>(y) * N + x] -= 6;
+  Kestrix_Para para{};
+  para.shrink = 2;
+  para.lsigma_radius_px = 3.3f;
+  para.lave_radius_px = 3.6f;
+  para.local_edge_width = 2.0f;
+  para.lave_min = -1;
+  para.lave_max = 1;
+  para.lsigma_cutoff = 1.3f;
+  para.write_rejected_box = para.write_bg_mic = para.write_lsigma_mic = 1;
+  MirrorPad pad = mirror_pad_new(N, N);
+  IceWorkspace ws = ice_workspace_new(&pad, cells, cells, &para);
+  const auto d = to_device(image);
+  const auto d_grid = to_device(std::vector<unsigned>(25, 777u));
+  hcuda_2d_ice_detect(&pad, &ws, d.get(), N, N, {0, 0}, d_grid.get(), box, path("m.mrc").c_str(), &para);
+  ice_workspace_free(&ws);
+  mirror_pad_free(&pad);
+
+  const auto map = [&](const char* suffix) {
+    float* pixels = get_mrcf_data_all(path(std::string("m") + suffix).c_str());
+    std::vector<float> copy(pixels, pixels + image.size());
+    free(pixels);
+    return copy;
+  };
+  const std::vector<float> lave = map("_bg.mrc"), lsigma = map("_lsigma.mrc");
+  const Cells want = searched(lave, lsigma, N, N, box, {-1, 1, 1.3f});
+  const std::vector<unsigned> grid = to_host(d_grid, 25);
+  EXPECT_EQ(want.grid, grid);
+  EXPECT_NEAR(-6, lave[32 * 60 + 33], 0.3) << "the mean well inside the patch";
+  EXPECT_NEAR(0, lave[5 * 60 + 5], 0.2);
+  EXPECT_GT(lsigma[32 * 60 + 27], 2) << "the deviation on its rim";
+  for (size_t cell = 0; cell < 25; cell++) {
+    const bool near_patch = cell % 5 >= 1 && cell % 5 <= 3 && cell / 5 >= 1 && cell / 5 <= 3;
+    EXPECT_TRUE(near_patch || grid[cell] == 0) << cell;
+  }
+  EXPECT_NE(0u, grid[12]);
+  for (const int format : {1, 2}) {
+    output_ice_coord(path("again").c_str(), want.grid.data(), want.lave.data(), want.lsigma.data(), N, N, {0, 0}, box,
+                     2, format);
+    EXPECT_EQ(read_file(path("again")), read_file(path(format == 1 ? "m_rejected.star" : "m_rejected.box")));
+  }
+  EXPECT_NE("", read_file(path("m_rejected.box")));
+}
+
+TEST_F(IceDetection, OfACleanImageLeavesAnEmptyGridAndEmptyLists) {
+  const int N = 30, box = 10;
+  const std::vector<float> image = random_values(static_cast<size_t>(N) * N, 2);
+  Kestrix_Para para{};
+  para.shrink = 2;
+  para.lsigma_radius_px = para.lave_radius_px = 3.3f;
+  para.local_edge_width = 2.0f;
+  para.lave_min = -1;
+  para.lave_max = 1;
+  para.lsigma_cutoff = 1.3f;
+  para.write_rejected_box = 1;
+  MirrorPad pad = mirror_pad_new(N, N);
+  IceWorkspace ws = ice_workspace_new(&pad, 3, 3, &para);
+  const auto d = to_device(image);
+  const auto d_grid = to_device(std::vector<unsigned>(9, 777u));
+  hcuda_2d_ice_detect(&pad, &ws, d.get(), N, N, {0, 0}, d_grid.get(), box, path("m.mrcs").c_str(), &para);
+  ice_workspace_free(&ws);
+  mirror_pad_free(&pad);
+  EXPECT_EQ(std::vector<unsigned>(9, 0u), to_host(d_grid, 9));
+  EXPECT_TRUE(std::filesystem::exists(path("m_rejected.box")));
+  EXPECT_EQ("", read_file(path("m_rejected.box")));
+  EXPECT_EQ(kStarHead, read_file(path("m_rejected.star")));
+  EXPECT_FALSE(std::filesystem::exists(path("m_bg.mrc")));
+  EXPECT_FALSE(std::filesystem::exists(path("m_lsigma.mrc")));
+}

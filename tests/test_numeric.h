@@ -1,0 +1,183 @@
+// Helpers of the numeric tests: arrays on the device, random images, comparisons that say where two arrays differ, and
+// plain computations in double precision to compare with.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cmath>
+#include <complex>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "platform/device.h"
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+// --- The device ---
+
+/// Skips the test that calls it, visibly, on a machine without a device.
+#define REQUIRE_DEVICE()                                                                                    \
+  do {                                                                                                      \
+    int devices = 0;                                                                                        \
+    if (cudaGetDeviceCount(&devices) != cudaSuccess || devices < 1) GTEST_SKIP() << "no device is present"; \
+  } while (0)
+
+/// Tests that need a device.
+struct DeviceTest : ::testing::Test {
+  void SetUp() override { REQUIRE_DEVICE(); }
+};
+
+struct DeviceFree {
+  void operator()(void* pointer) const { cudaFree(pointer); }
+};
+
+/// An array in device memory, freed at the end of its scope; get() gives the device pointer.
+template <class T>
+using DeviceArray = std::unique_ptr<T[], DeviceFree>;
+
+template <class T>
+DeviceArray<T> to_device(const std::vector<T>& host) {
+  T* pointer = nullptr;
+  EXPECT_EQ(cudaSuccess, cudaMalloc(reinterpret_cast<void**>(&pointer), host.size() * sizeof(T)));
+  EXPECT_EQ(cudaSuccess, cudaMemcpy(pointer, host.data(), host.size() * sizeof(T), cudaMemcpyHostToDevice));
+  return DeviceArray<T>(pointer);
+}
+
+template <class T>
+std::vector<T> to_host(const T* device, size_t count) {
+  std::vector<T> host(count);
+  EXPECT_EQ(cudaSuccess, cudaMemcpy(host.data(), device, count * sizeof(T), cudaMemcpyDeviceToHost));
+  return host;
+}
+
+template <class T>
+std::vector<T> to_host(const DeviceArray<T>& device, size_t count) {
+  return to_host(static_cast<const T*>(device.get()), count);
+}
+
+/// An output of NaN, so that a place that is never written shows.
+inline DeviceArray<float> unwritten(size_t count) { return to_device(std::vector<float>(count, kNaN)); }
+
+/// Sets the number of cores that the host device uses, and gives them all back at the end of the scope.
+struct Cores {
+  explicit Cores(int count) : before(omp_get_max_threads()) { omp_set_num_threads(count); }
+  ~Cores() { omp_set_num_threads(before); }
+  Cores(const Cores&) = delete;
+  Cores& operator=(const Cores&) = delete;
+  int before;
+};
+
+// --- Data ---
+
+/// Values spread evenly over [low, high), the same on every run.
+inline std::vector<float> random_values(size_t count, unsigned seed, float low = -1, float high = 1) {
+  std::mt19937 generator(seed);
+  std::vector<float> values(count);
+  for (float& v : values) v = low + (high - low) * (static_cast<float>(generator() >> 8) / 16777216.0f);
+  return values;
+}
+
+template <class T>
+std::vector<double> widened(const std::vector<T>& values) {
+  return {values.begin(), values.end()};
+}
+
+// --- Comparisons ---
+
+/// Whether two arrays agree within the tolerance at every place. NaN agrees with NaN only, an infinity with itself.
+template <class T, class U>
+::testing::AssertionResult all_near(const std::vector<T>& got, const std::vector<U>& want, double tolerance) {
+  if (got.size() != want.size())
+    return ::testing::AssertionFailure() << got.size() << " values instead of " << want.size();
+  size_t worst = 0, wrong = 0;
+  double largest = 0;
+  for (size_t i = 0; i < got.size(); i++) {
+    const auto g = static_cast<double>(got[i]);
+    const auto w = static_cast<double>(want[i]);
+    const double difference = std::abs(g - w);
+    if (g == w || (std::isnan(g) && std::isnan(w)) || difference <= tolerance) continue;
+    wrong++;
+    if (!(difference <= largest)) worst = i;
+    if (!(difference <= largest)) largest = difference;
+  }
+  if (wrong == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << wrong << " of " << got.size() << " values differ by more than " << tolerance
+                                       << "; element " << worst << " is " << got[worst] << " instead of "
+                                       << want[worst];
+}
+
+inline uint32_t bits_of(float value) {
+  uint32_t bits = 0;
+  memcpy(&bits, &value, sizeof bits);
+  return bits;
+}
+
+/// Whether two arrays hold the same bits, but for the payloads of NaN.
+inline ::testing::AssertionResult same_bits(const std::vector<float>& got, const std::vector<float>& want) {
+  if (got.size() != want.size())
+    return ::testing::AssertionFailure() << got.size() << " values instead of " << want.size();
+  for (size_t i = 0; i < got.size(); i++) {
+    const bool same = bits_of(got[i]) == bits_of(want[i]) || (std::isnan(got[i]) && std::isnan(want[i]));
+    if (!same)
+      return ::testing::AssertionFailure() << "element " << i << " is " << got[i] << " instead of " << want[i]
+                                           << ", a difference of " << got[i] - want[i];
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// --- Plain computations in double precision ---
+
+/// Bilinear value of an image at the position (sx, sy), in the textbook form; 0 outside the image.
+inline double bilinear(const std::vector<float>& image, int nx, int ny, double sx, double sy) {
+  if (sx < 0 || sx > nx - 1 || sy < 0 || sy > ny - 1) return 0;
+  const int x0 = static_cast<int>(sx), y0 = static_cast<int>(sy);
+  const int x1 = x0 + 1 < nx ? x0 + 1 : x0, y1 = y0 + 1 < ny ? y0 + 1 : y0;
+  const double fx = sx - x0, fy = sy - y0;
+  const auto pixel = [&](int x, int y) { return static_cast<double>(image[static_cast<size_t>(y) * nx + x]); };
+  return (1 - fy) * ((1 - fx) * pixel(x0, y0) + fx * pixel(x1, y0)) +
+         fy * ((1 - fx) * pixel(x0, y1) + fx * pixel(x1, y1));
+}
+
+struct Place {
+  double x, y;
+};
+
+/// Where pixel (x, y) of an image turned about its centre by `degrees`, from +x towards +y, comes from.
+inline Place source_of_turn(int x, int y, int nx, int ny, double degrees) {
+  const double t = degrees * std::acos(-1.0) / 180, cx = (nx - 1) / 2.0, cy = (ny - 1) / 2.0;
+  const double dx = x - cx, dy = y - cy;
+  return {cx + std::cos(t) * dx + std::sin(t) * dy, cy - std::sin(t) * dx + std::cos(t) * dy};
+}
+
+/// Position in an image of n pixels of the place i, which may lie outside, when the image is mirrored at its edges.
+inline int mirrored(int i, int n) {
+  const int j = ((i % (2 * n)) + 2 * n) % (2 * n);
+  return j < n ? j : 2 * n - 1 - j;
+}
+
+using Complex = std::complex<double>;
+
+/// Unnormalised Fourier sums of all frequencies of an nx by ny image, by definition, rows first. sign: -1 forward, 1
+/// inverse.
+inline std::vector<Complex> fourier_sums(const std::vector<Complex>& image, int nx, int ny, int sign) {
+  const double turn = sign * 2 * std::acos(-1.0);
+  std::vector<Complex> rows(image.size()), sums(image.size());
+  for (int y = 0; y < ny; y++)
+    for (int u = 0; u < nx; u++)
+      for (int x = 0; x < nx; x++)
+        rows[static_cast<size_t>(y) * nx + u] +=
+            image[static_cast<size_t>(y) * nx + x] * std::polar(1.0, turn * (static_cast<double>(u) * x / nx));
+  for (int v = 0; v < ny; v++)
+    for (int y = 0; y < ny; y++) {
+      const Complex phase = std::polar(1.0, turn * (static_cast<double>(v) * y / ny));
+      for (int u = 0; u < nx; u++)
+        sums[static_cast<size_t>(v) * nx + u] += rows[static_cast<size_t>(y) * nx + u] * phase;
+    }
+  return sums;
+}
