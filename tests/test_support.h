@@ -56,8 +56,7 @@ inline std::string fatal_line(const std::string& function, const std::string& un
   return "Error in function " + function + "(), file " + unit + " on line N: " + text + "! Exit now!\n";
 }
 
-inline std::string warning_line(const std::string& function, const std::string& unit,
-                                const std::string& text) {
+inline std::string warning_line(const std::string& function, const std::string& unit, const std::string& text) {
   return "Warning in function " + function + "(), file " + unit + " on line N: " + text + "!\n";
 }
 

@@ -32,8 +32,8 @@ int check_and_set_gid(int& gid) {
   int best_minor = 0;
   for (int device = 0; device < count; device++) {
     if (cudaGetDeviceProperties(&properties, device) != cudaSuccess) continue;
-    const bool better = properties.major > best_major ||
-                        (properties.major == best_major && properties.minor > best_minor);
+    const bool better =
+        properties.major > best_major || (properties.major == best_major && properties.minor > best_minor);
     if (!better) continue;
     best_major = properties.major;
     best_minor = properties.minor;

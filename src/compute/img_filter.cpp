@@ -26,3 +26,13 @@ void hcuda_c2d_bandpass_guas(float2* data, int P, float apix, float res1, float 
   const BandLimits limits = band_limits(P, apix, res1, res2);
   CHECK_DEVICE(launch_2d<cuda_c2d_bandpass_guas>(P / 2 + 1, P, data, P, limits));
 }
+
+void hcuda_cosine_bandpass_softR(float* data, int P, float apix, float res1, float res2, float soft) {
+  const BandLimits limits = band_limits(P, apix, res1, res2);
+  CHECK_DEVICE(launch_2d<cuda_cosine_bandpass_softR>(P / 2, P / 2, data, P, limits, soft));
+}
+
+void hcuda_cosine_bandpass_guas(float* data, int P, float apix, float res1, float res2) {
+  const BandLimits limits = band_limits(P, apix, res1, res2);
+  CHECK_DEVICE(launch_2d<cuda_cosine_bandpass_guas>(P / 2, P / 2, data, P, limits));
+}

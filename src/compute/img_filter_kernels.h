@@ -14,30 +14,41 @@ KERNEL float frequency_radius(int x, int y, int P) {
   return sqrtf(static_cast<float>(x * x + v * v));
 }
 
-KERNEL void scale_value(float2& value, float weight) {
-  value.x *= weight;
-  value.y *= weight;
+KERNEL float softR_weight(float r, BandLimits limits, float soft) {
+  if (r < limits.low || r > limits.high + soft) return 0.0f;
+  return r > limits.high ? hd_guasf(r - limits.high, soft / 3) : 1.0f;
+}
+
+KERNEL float guas_weight(float r, BandLimits limits, int P) {
+  if (r < limits.low || r > limits.high) return 0.0f;
+  const int beyond_nyquist = P / 2 + 1;
+  const auto H = static_cast<float>(beyond_nyquist);
+  return hd_guasf(r, limits.high / 3) * hd_guasf(H - r, (H - limits.low) / 3);
+}
+
+/// The product, where a weight of 0 gives exactly 0.
+KERNEL float weighted(float value, float weight) { return weight == 0.0f ? 0.0f : value * weight; }
+
+KERNEL void weigh_value(float2& value, float weight) {
+  value.x = weighted(value.x, weight);
+  value.y = weighted(value.y, weight);
 }
 
 KERNEL void cuda_c2d_bandpass_softR(int x, int y, float2* data, int P, BandLimits limits, float soft) {
-  const float r = frequency_radius(x, y, P);
-  float2& value = data[pixel_at(x, y, P / 2 + 1)];
-  if (r < limits.low || r > limits.high + soft) {
-    value.x = 0.0f;
-    value.y = 0.0f;
-  } else if (r > limits.high) {
-    scale_value(value, hd_guasf(r - limits.high, soft / 3));
-  }
+  weigh_value(data[pixel_at(x, y, P / 2 + 1)], softR_weight(frequency_radius(x, y, P), limits, soft));
 }
 
 KERNEL void cuda_c2d_bandpass_guas(int x, int y, float2* data, int P, BandLimits limits) {
-  const float r = frequency_radius(x, y, P);
-  float2& value = data[pixel_at(x, y, P / 2 + 1)];
-  if (r < limits.low || r > limits.high) {
-    value.x = 0.0f;
-    value.y = 0.0f;
-  } else {
-    const auto H = static_cast<float>(P / 2 + 1);
-    scale_value(value, hd_guasf(r, limits.high / 3) * hd_guasf(H - r, (H - limits.low) / 3));
-  }
+  weigh_value(data[pixel_at(x, y, P / 2 + 1)], guas_weight(frequency_radius(x, y, P), limits, P));
+}
+
+/// The same on the cosine coefficients of the image itself, P/2 to a row.
+KERNEL void cuda_cosine_bandpass_softR(int x, int y, float* data, int P, BandLimits limits, float soft) {
+  const size_t i = pixel_at(x, y, P / 2);
+  data[i] = weighted(data[i], softR_weight(frequency_radius(x, y, P), limits, soft));
+}
+
+KERNEL void cuda_cosine_bandpass_guas(int x, int y, float* data, int P, BandLimits limits) {
+  const size_t i = pixel_at(x, y, P / 2);
+  data[i] = weighted(data[i], guas_weight(frequency_radius(x, y, P), limits, P));
 }

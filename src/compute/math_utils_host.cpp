@@ -13,9 +13,7 @@ double hm_sum(const float* d, unsigned long n) {
   return sum;
 }
 
-float hm_meanf(const float* d, unsigned long n) {
-  return static_cast<float>(hm_sum(d, n) / static_cast<double>(n));
-}
+float hm_meanf(const float* d, unsigned long n) { return static_cast<float>(hm_sum(d, n) / static_cast<double>(n)); }
 
 void hm_multi_inplace(float* d, unsigned long n, float v) {
   for (unsigned long i = 0; i < n; i++) d[i] *= v;

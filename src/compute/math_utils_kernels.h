@@ -22,8 +22,7 @@ KERNEL void cuda_x1d_multi(unsigned long i, float* out, const float* a, const fl
 KERNEL void cuda_sqr_withmask(unsigned long i, float* out, const float* d, const float* mask) {
   out[i] = cuda_sqr_withmask_value(i, d, mask);
 }
-KERNEL void cuda_data_submean_sqr_withmask(unsigned long i, float* out, const float* d, const float* mask,
-                                           float mean) {
+KERNEL void cuda_data_submean_sqr_withmask(unsigned long i, float* out, const float* d, const float* mask, float mean) {
   out[i] = cuda_data_submean_sqr_withmask_value(i, d, mask, mean);
 }
 KERNEL void cuda_sub_inplace(unsigned long i, float* d, float v) { d[i] -= v; }

@@ -46,18 +46,22 @@ KERNEL float sample_bilinear(const float* in, int nx, int ny, float sx, float sy
   const float last_x = static_cast<float>(nx - 1);
   const float last_y = static_cast<float>(ny - 1);
   const bool inside = (sx >= 0.0f) & (sx <= last_x) & (sy >= 0.0f) & (sy <= last_y);
-  sx = fminf(fmaxf(sx, 0.0f), last_x);
-  sy = fminf(fmaxf(sy, 0.0f), last_y);
+  sx = sx > 0.0f ? sx : 0.0f;
+  sy = sy > 0.0f ? sy : 0.0f;
+  sx = sx < last_x ? sx : last_x;
+  sy = sy < last_y ? sy : last_y;
   const int ix = static_cast<int>(sx);
   const int iy = static_cast<int>(sy);
   const float fx = sx - static_cast<float>(ix);
   const float fy = sy - static_cast<float>(iy);
-  const int right = ix + static_cast<int>(fx != 0.0f);
-  const int below = iy + static_cast<int>(fy != 0.0f);
-  const float s00 = in[pixel_at(ix, iy, nx)];
-  const float s10 = in[pixel_at(right, iy, nx)];
-  const float s01 = in[pixel_at(ix, below, nx)];
-  const float s11 = in[pixel_at(right, below, nx)];
+  // 32-bit indices: an image has fewer than 2^31 pixels, and vectors of 64-bit products are slow.
+  const int corner = iy * nx + ix;
+  const int right = fx > 0.0f ? 1 : 0;
+  const int below = fy > 0.0f ? nx : 0;
+  const float s00 = in[corner];
+  const float s10 = in[corner + right];
+  const float s01 = in[corner + below];
+  const float s11 = in[corner + right + below];
   const float value = s00 + fx * (s10 - s00) + fy * (s01 - s00) + fx * fy * ((s00 + s11) - s10 - s01);
   return keep_or_zero(inside, value);
 }

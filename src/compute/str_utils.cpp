@@ -16,7 +16,7 @@ bool text_fits(const char* text) { return strlen(text) < kTextBytes; }
 size_t strlcpy(char* dest, const char* src) {
   memset(dest, 0, kTextBytes);
   const size_t length = strlen(src);
-  memcpy(dest, src, length);
+  memcpy(dest, src, length + 1);
   return length;
 }
 
@@ -63,7 +63,7 @@ int set_outname_by_suffix(char* out, const char* name, const char* suffix) {
     KESTRIX_FATAL("the output name of %s with the suffix %s has more than %zu characters", name, suffix,
                   kTextBytes - 1);
   memset(out, 0, kTextBytes);
-  memcpy(out, name, kept);
-  memcpy(out + kept, suffix, strlen(suffix));
+  memcpy(out, name, kept);  // NOLINT(bugprone-not-null-terminated-result): the suffix goes behind it
+  memcpy(out + kept, suffix, strlen(suffix) + 1);
   return 0;
 }

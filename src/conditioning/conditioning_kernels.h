@@ -8,6 +8,12 @@ KERNEL void cuda_2d_recentred_mean(int x, int y, float* out, const float* correl
   out[pixel_at(x, y, nx)] = correlation[pixel_at(x + nx, y + ny, 2 * nx)] / sum;
 }
 
+/// out = a * b / norm.
+KERNEL void cuda_2d_product(int x, int y, float* out, const float* a, const float* b, int nx, float norm) {
+  const size_t i = pixel_at(x, y, nx);
+  out[i] = a[i] * b[i] / norm;
+}
+
 /// The limits of the local maps beyond which a pixel is suspect.
 struct MapLimits {
   float lave_min, lave_max, lsigma_cutoff;

@@ -27,8 +27,7 @@ void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const
       continue;
     }
     const auto point = static_cast<unsigned>(cy * Nx + cx);
-    CHECK_DEVICE(static_cast<cudaError_t>(
-        memcpy_H2D(d_grid + (cy / box) * grid_nx + cx / box, &point, sizeof point)));
+    CHECK_DEVICE(static_cast<cudaError_t>(memcpy_H2D(d_grid + (cy / box) * grid_nx + cx / box, &point, sizeof point)));
   }
   if (outside > 0) safety_note(source, "%d of %d excluded coordinates lie outside the image; skipped.", outside, n);
 }

@@ -108,8 +108,8 @@ void output_ice_coord(const char* file, const unsigned* grid, const float* grid_
     if (format == 1) {
       fprintf(out, "%-8d%-8d\n", x * shrink + origin.x, y * shrink + origin.y);
     } else {
-      fprintf(out, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (x - half) * shrink + origin.x,
-              (y - half) * shrink + origin.y, box * shrink, box * shrink, grid_lave[i], grid_lsigma[i]);
+      fprintf(out, "%-8d%-8d%-8d%-8d\t%-8.6f\t%-8.6f\n", (x - half) * shrink + origin.x, (y - half) * shrink + origin.y,
+              box * shrink, box * shrink, grid_lave[i], grid_lsigma[i]);
     }
   }
   const bool failed = ferror(out) != 0;

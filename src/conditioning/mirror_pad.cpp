@@ -1,8 +1,15 @@
-// Band-pass filters of the mirror-padded image.
+// The mirrored image's transforms and its band-pass filters.
+#include <cstring>
+
 #include "conditioning.h"
 #include "cuda_general.h"
+#include "failure.h"
 #include "img_filter.h"
 #include "process2d_raw.h"
+
+#ifndef KESTRIX_CUDA
+#include "platform/host_cosine.h"
+#endif
 
 namespace {
 
@@ -10,17 +17,41 @@ constexpr char unit[] = "img_filter";
 
 int padded_side(const MirrorPad* pad) { return 2 * pad->nx; }
 
+#ifndef KESTRIX_CUDA
+
+void plan_cosines(MirrorPad* pad) {
+  pad->coefficients = device_new<float>(static_cast<size_t>(pad->nx) * pad->ny);
+  pad->cosines = cosine_plans_new(pad->nx, pad->ny);
+  if (!pad->cosines) device_failure(cuFFT_GetErrorString(CUFFT_ALLOC_FAILED), __LINE__, unit);
+}
+
+#endif
+
 void transform_back(MirrorPad* pad, float* out) {
+#ifndef KESTRIX_CUDA
+  if (pad->cosines) {
+    cosine_inverse(pad->cosines, pad->coefficients);
+    memcpy(out, pad->coefficients, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
+    return;
+  }
+#endif
   CHECK_CUFFT(cufftExecC2R(pad->inverse, pad->spectrum, pad->padded));
   hcuda_2d_mirror_pad_inv(out, pad->padded, pad->nx, pad->ny);
 }
 
 }  // namespace
 
-MirrorPad mirror_pad_new(int nx, int ny) {
+MirrorPad mirror_pad_new(int nx, int ny, PadWay way) {
   MirrorPad pad{};
   pad.nx = nx;
   pad.ny = ny;
+#ifndef KESTRIX_CUDA
+  if (way == kHostCosines) {
+    plan_cosines(&pad);
+    return pad;
+  }
+#endif
+  static_cast<void>(way);
   const size_t values = (static_cast<size_t>(nx) + 1) * (2 * static_cast<size_t>(ny));
   pad.padded = device_new<float>(4 * static_cast<size_t>(nx) * ny);
   pad.spectrum = device_new<float2>(values);
@@ -31,15 +62,27 @@ MirrorPad mirror_pad_new(int nx, int ny) {
 }
 
 void mirror_pad_free(MirrorPad* pad) {
+#ifndef KESTRIX_CUDA
+  cosine_plans_free(pad->cosines);
+#endif
+  if (pad->padded) {
+    cufftDestroy(pad->forward);
+    cufftDestroy(pad->inverse);
+  }
   cudaFree(pad->padded);
   cudaFree(pad->spectrum);
   cudaFree(pad->product);
-  cufftDestroy(pad->forward);
-  cufftDestroy(pad->inverse);
+  cudaFree(pad->coefficients);
   *pad = MirrorPad{};
 }
 
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
+#ifndef KESTRIX_CUDA
+  if (pad->cosines) {
+    memcpy(pad->coefficients, in, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
+    return cosine_forward(pad->cosines, pad->coefficients);
+  }
+#endif
   hcuda_2d_mirror_pad(pad->padded, in, pad->nx, pad->ny);
   CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->spectrum));
 }
@@ -47,7 +90,11 @@ void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 void hcuda_2d_bandpass_softR_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2,
                                   float soft) {
   hcuda_2d_mpad_transform(pad, in);
-  hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
+  if (pad->cosines) {
+    hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
+  } else {
+    hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
+  }
   transform_back(pad, out);
 }
 
@@ -57,7 +104,11 @@ void hcuda_2d_bandpass_softR_mpad_inplace(MirrorPad* pad, float* d, float apix, 
 
 void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2) {
   hcuda_2d_mpad_transform(pad, in);
-  hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);
+  if (pad->cosines) {
+    hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
+  } else {
+    hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);
+  }
   transform_back(pad, out);
 }
 

@@ -27,8 +27,7 @@ void average_blocks_any(float* out, const float* rows, size_t nx, int count, int
   for (int x = 0; x < count; x++) {
     float sum = 0.0f;
     for (int j = 0; j < shrink; j++)
-      for (int i = 0; i < shrink; i++)
-        sum += rows[static_cast<size_t>(j) * nx + static_cast<size_t>(x) * shrink + i];
+      for (int i = 0; i < shrink; i++) sum += rows[static_cast<size_t>(j) * nx + static_cast<size_t>(x) * shrink + i];
     out[x] = sum / static_cast<float>(shrink * shrink);
   }
 }

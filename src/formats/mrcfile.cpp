@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "failure.h"
+#include "host_memory.h"
 #include "math_utils.h"
 
 namespace {
@@ -46,9 +47,7 @@ long bounded_product(long a, long b) {
   return product;
 }
 
-long sample_count(const MRC_HEAD* head) {
-  return bounded_product(static_cast<long>(head->nx) * head->ny, head->nz);
-}
+long sample_count(const MRC_HEAD* head) { return bounded_product(static_cast<long>(head->nx) * head->ny, head->nz); }
 
 long sample_position(long samples_before, int bytes) {
   const long data_bytes = bounded_product(samples_before, bytes);
@@ -104,8 +103,7 @@ void read_section(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
 void read_y_plane(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
   const long nx = head->nx;
   const long ny = head->ny;
-  for (long k = 0; k < head->nz; k++)
-    read_run(file, head->mode, bounded_product(nx, k * ny + slice), nx, dst + k * nx);
+  for (long k = 0; k < head->nz; k++) read_run(file, head->mode, bounded_product(nx, k * ny + slice), nx, dst + k * nx);
 }
 
 void read_x_plane(FILE* file, const MRC_HEAD* head, long slice, float* dst) {
@@ -128,8 +126,8 @@ void print_sizes(const char* name, const MRC_HEAD* head) {
 }  // namespace
 
 MRC_HEAD* mrc_new_head() {
-  auto* head = static_cast<MRC_HEAD*>(calloc(1, sizeof(MRC_HEAD)));
-  if (!head) KESTRIX_FATAL("no memory for the header of an MRC file");
+  auto* head = host_new<MRC_HEAD>(1);
+  memset(head, 0, sizeof *head);
   mrc_init_head(head);
   return head;
 }
@@ -195,8 +193,7 @@ void note_extended_header(const char* name, const MRC_HEAD* head) {
     safety_note(name, "has an extended header of %d bytes, which is read as image data; remove it first.", head->next);
 }
 
-int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1,
-                             const MRC_HEAD* head2) {
+int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1, const MRC_HEAD* head2) {
   const bool sizes_agree = head1->nx == head2->nx && head1->ny == head2->ny && head1->nz == head2->nz;
   if (sizes_agree && head1->mode == head2->mode) return 0;
   printf(
@@ -266,8 +263,7 @@ int mrc_read_all(FILE* file, const MRC_HEAD* head, float* dst) {
   refuse_wrong_size(file, head);
   fseek(file, kMrcHeadBytes, SEEK_SET);
   if (head->mode == 2) {
-    const size_t section_bytes =
-        static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny) * sizeof(float);
+    const size_t section_bytes = static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny) * sizeof(float);
     if (fread(dst, section_bytes, static_cast<size_t>(head->nz), file) == 0) {
       KESTRIX_WARNING("Reading file failed!\n");
       return -1;
@@ -294,8 +290,8 @@ float* get_mrcf_data_all(const char* name) {
   mrc_read_head(file, head);
   refuse_wrong_size(file, head);
   const auto count = static_cast<size_t>(sample_count(head));
-  auto* data = static_cast<float*>(calloc(std::max<size_t>(count, 1), sizeof(float)));
-  if (!data) KESTRIX_FATAL("no memory for the %zu samples of %s", count, name);
+  auto* data = host_new<float>(count);
+  std::fill_n(data, count, 0.0f);  // for a mode that can't be read, or a read that fails
   mrc_read_all(file, head, data);
   free(head);
   fclose(file);
@@ -313,13 +309,12 @@ long get_mrcf_dim_size(const char* name, const char* keyword) {
     const char* keyword;
     long size;
   };
-  const Dimension dimensions[] = {{"x", nx},       {"y", ny},       {"z", nz},       {"xy", nx * ny},
-                                  {"yx", nx * ny}, {"xz", nx * nz}, {"zx", nx * nz}, {"yz", ny * nz},
-                                  {"zy", ny * nz}, {"xyz", all}};
+  const Dimension dimensions[] = {{"x", nx},       {"y", ny},       {"z", nz},       {"xy", nx * ny}, {"yx", nx * ny},
+                                  {"xz", nx * nz}, {"zx", nx * nz}, {"yz", ny * nz}, {"zy", ny * nz}, {"xyz", all}};
   for (const Dimension& dimension : dimensions)
     if (strcasecmp(keyword, dimension.keyword) == 0) return dimension.size;
-  printf("Error in function %s(), file %s on line %d: unrecognized dimension keywords %s !\n", __func__, unit,
-         __LINE__, keyword);
+  printf("Error in function %s(), file %s on line %d: unrecognized dimension keywords %s !\n", __func__, unit, __LINE__,
+         keyword);
   printf("valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n");
   return 0;
 }

@@ -3,15 +3,14 @@
 
 #include "cuda_general.h"
 #include "failure.h"
+#include "host_memory.h"
 #include "mrcfile.h"
 
 namespace {
 
 constexpr char unit[] = "mrcfile";
 
-size_t section_floats(const MRC_HEAD* head) {
-  return static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny);
-}
+size_t section_floats(const MRC_HEAD* head) { return static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny); }
 
 size_t all_floats(const MRC_HEAD* head) { return section_floats(head) * static_cast<size_t>(head->nz); }
 
@@ -24,12 +23,12 @@ void refuse_other_than_float(const MRC_HEAD* head, const char* function) {
 void write_with_statistics(FILE* file, MRC_HEAD* head, const float* data) {
   mrc_set_head_mmm_from_data(head, data, all_floats(head));
   mrc_write_head(file, head);
+  if (all_floats(head) == 0) return;
   fwrite(data, section_floats(head) * sizeof(float), static_cast<size_t>(head->nz), file);
 }
 
 MRC_HEAD* new_float_head(const char* name, int nx, int ny, int nz) {
-  if (nx < 0 || ny < 0 || nz < 0)
-    KESTRIX_FATAL("%s can't be written with the sizes %d x %d x %d", name, nx, ny, nz);
+  if (nx < 0 || ny < 0 || nz < 0) KESTRIX_FATAL("%s can't be written with the sizes %d x %d x %d", name, nx, ny, nz);
   MRC_HEAD* head = mrc_new_head();
   mrc_set_head_xyz_mode(head, nx, ny, nz, 2);
   return head;
@@ -54,8 +53,7 @@ int mrc_write_head_data(FILE* file, MRC_HEAD* head, const float* data) {
 int mrc_write_head_ddata(FILE* file, MRC_HEAD* head, const float* ddata) {
   refuse_other_than_float(head, __func__);
   const size_t bytes = all_floats(head) * sizeof(float);
-  auto* data = static_cast<float*>(malloc(bytes > 0 ? bytes : 1));
-  if (!data) KESTRIX_FATAL("no memory for %zu bytes to be written", bytes);
+  auto* data = host_new<float>(all_floats(head));
   if (bytes > 0) CHECK_DEVICE(cudaMemcpy(data, ddata, bytes, cudaMemcpyDeviceToHost));
   write_with_statistics(file, head, data);
   free(data);

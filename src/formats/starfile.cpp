@@ -3,14 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "failure.h"
-#include "saturate.h"
+#include "host_memory.h"
 #include "str_utils.h"
+#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {
-
-constexpr char unit[] = "starfile";
 
 enum class LineKind { kKeyword, kNeutral, kData };
 
@@ -30,9 +28,11 @@ void add_column(StarHead* head, const char* keyword, int number) {
   head->n++;
 }
 
+using ColumnField = int ParticleInfoIndex::*;
+
 struct KeywordField {
   const char* keyword;
-  int ParticleInfoIndex::*field;
+  ColumnField field;
 };
 
 constexpr KeywordField kKeywordFields[] = {
@@ -74,8 +74,7 @@ int star_head_empty(StarHead* head) {
 }
 
 StarHead* star_head_new() {
-  auto* head = static_cast<StarHead*>(malloc(sizeof(StarHead)));
-  if (!head) KESTRIX_FATAL("no memory for the head of a STAR file");
+  auto* head = host_new<StarHead>(1);
   star_head_empty(head);
   return head;
 }
@@ -92,8 +91,7 @@ int particle_info_index_init(ParticleInfoIndex* index) {
 }
 
 ParticleInfoIndex* particle_info_index_new() {
-  auto* index = static_cast<ParticleInfoIndex*>(malloc(sizeof(ParticleInfoIndex)));
-  if (!index) KESTRIX_FATAL("no memory for the columns of a STAR file");
+  auto* index = host_new<ParticleInfoIndex>(1);
   particle_info_index_init(index);
   return index;
 }
@@ -106,7 +104,7 @@ int star_read_head(FILE* file, StarHead* head) {
     char* tokens[2];
     const LineKind kind = classify_line(line, tokens);
     if (kind == LineKind::kData) return 0;
-    if (kind == LineKind::kKeyword) add_column(head, tokens[0], int_from_text(tokens[1] + 1));
+    if (kind == LineKind::kKeyword) add_column(head, tokens[0], text_to_int(tokens[1] + 1));
   }
   return 0;
 }
@@ -119,8 +117,7 @@ int set_info_index_from_keyword_number(const char* keyword, int number, Particle
 
 int set_info_index_from_star_head(const StarHead* head, ParticleInfoIndex* index) {
   particle_info_index_init(index);
-  for (int i = 0; i < head->n; i++)
-    set_info_index_from_keyword_number(head->keywords[i], head->numbers[i], index);
+  for (int i = 0; i < head->n; i++) set_info_index_from_keyword_number(head->keywords[i], head->numbers[i], index);
   return 0;
 }
 

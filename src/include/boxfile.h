@@ -1,4 +1,4 @@
-// Particle lists: the record of one particle, the reader of box and STAR files, and the final selection of
+// Particle lists: the record of one particle, the reader of coordinate files, and the final selection of
 // picks.
 #pragma once
 
@@ -26,11 +26,14 @@ int resize_ptcl_boxes(PTCL_BOX* boxes, int n, int size);
 int get_boxf_suffixf(const char* name);
 
 /// Reads a coordinate file, whose kind is told by get_boxf_suffixf, into the caller's `capacity` records;
-/// what lies beyond them is not read. Returns the number of records filled. A box file holds lines of 4 to 7
-/// columns: x y w h [score [class [psi]]]; further columns are ignored. Of a STAR file the lines with as many
-/// tokens as the head has columns, or more, are read, psi in whole degrees. A file that can't be opened and a
-/// box line of 1 to 3 columns end the run; another kind of name gives a warning and 0 records; a STAR file
-/// without coordinate columns gives 0 records and a note on standard error.
+/// what lies beyond them is not read. Returns the number of records filled.
+///
+/// A box file holds lines of 4 to 7 columns, x y w h [score [class [psi]]]; further columns are ignored. Of a
+/// STAR file those lines are read that have as many tokens as the head has columns, or more; psi in whole
+/// degrees.
+///
+/// A file that can't be opened and a box line of 1 to 3 columns end the run. Another kind of name gives a
+/// warning and 0 records, a STAR file without coordinate columns 0 records and a note on standard error.
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int capacity, const char* name);
 
 /// Side of the cells of the final selection in shrunk pixels, for the least distance of two picks in shrunk
@@ -40,21 +43,22 @@ int box_filter_cell_size(float min_dist);
 /// The final selection for one micrograph: keeps the best candidate of each cell, removes those that have a
 /// better one nearby, score below cc_cutoff, lie near an excluded box or closer to the image's edge than half
 /// a box, and writes the rest to `out`, in raw micrograph pixels and in the order of the cells. Candidates in
-/// the outermost ring of cells are removed too. shrink_nx, shrink_ny   the micrograph's size in shrunk pixels
-/// min_dist               least distance of two picks, shrunk pixels
-/// shrink                 raw pixels per shrunk pixel
-/// box_w, box_h           box size in raw pixels
-/// origin                 added to every written coordinate
-/// candidates             name of the complete candidate file; its lines of fewer than seven columns and
-/// those with
-///                        a negative centre are skipped
-/// excluded               name of a coordinate file, or "NULL"
-/// kind                   2 writes a box file, 1 a STAR file of the box centres
+/// the outermost ring of cells are removed too.
+///
+/// shrink_nx, _ny  size of the micrograph in shrunk pixels
+/// min_dist        least distance of two picks, shrunk pixels
+/// shrink          raw pixels per shrunk pixel
+/// box_w, box_h    box size in raw pixels
+/// origin          added to every written coordinate
+/// candidates      name of the candidate file, complete; lines of fewer than seven columns or with a negative
+///                 centre are skipped
+/// excluded        name of a coordinate file, or "NULL"
+/// kind            2 writes a box file, 1 a STAR file of the box centres
+///
 /// The list is written under the name `out` + "~" and renamed when it is complete. Files that can't be opened
 /// or written and a cell size below 1 end the run. Returns 0.
-int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w,
-               int box_h, int2 origin, const char* candidates, const char* excluded, const char* out,
-               int kind);
+int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
+               int2 origin, const char* candidates, const char* excluded, const char* out, int kind);
 
 /// Rewinds and writes the head of a STAR list of picks: x, y, psi, class, score. Returns 0.
 int output_starbox_head(FILE* file);

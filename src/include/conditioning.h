@@ -8,17 +8,34 @@
 
 // --- What the filters and local maps of a run share ---
 
+/// The ways to transform the mirrored image: as it is, twice the sides long (any device), or by cosine transforms of
+/// the image itself (host). Both give the same up to rounding.
+enum PadWay { kPaddedTransforms, kHostCosines };
+
+/// The faster way of this build's device. KESTRIX_DEVICE_WAYS is for tests that take a GPU's road on the host.
+#if defined(KESTRIX_CUDA) || defined(KESTRIX_DEVICE_WAYS)
+constexpr PadWay kFastestPadWay = kPaddedTransforms;
+#else
+constexpr PadWay kFastestPadWay = kHostCosines;
+#endif
+
+struct CosinePlans;
+
 /// Plans and buffers for images of nx by ny pixels mirrored to twice their sides (NX = 2*nx, NY = 2*ny).
 struct MirrorPad {
   int nx, ny;
-  float* padded;      // device, NX*NY floats
-  float2* spectrum;   // device, NY rows of NX/2 + 1 values: the transform of an image
-  float2* product;    // device, the same shape: spectrum times a window's
+  // Padded transforms:
+  float* padded;     // device, NX*NY floats
+  float2* spectrum;  // device, NY rows of NX/2 + 1 values: the transform of an image
+  float2* product;   // device, the same shape: spectrum times a window's
   cufftHandle forward, inverse;
+  // Cosine transforms; the members above are empty then:
+  CosinePlans* cosines;
+  float* coefficients;  // nx*ny: the transform of an image
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.
-MirrorPad mirror_pad_new(int nx, int ny);
+MirrorPad mirror_pad_new(int nx, int ny, PadWay way = kFastestPadWay);
 void mirror_pad_free(MirrorPad* pad);
 
 // --- Band-pass filters. Images of N by N floats on the device; the output is the filtered image times (2N)^2. ---
@@ -38,7 +55,8 @@ void hcuda_2d_bandpass_guas_mpad_inplace(MirrorPad* pad, float* d, float apix, f
 
 /// A disc of the given radius and soft edge (pixels), ready for the maps: its transform and its sum.
 struct DiscWindow {
-  float2* spectrum;  // device, NY rows of NX/2 + 1 values
+  float2* spectrum;     // device, NY rows of NX/2 + 1 values; null where cosines are used
+  float* coefficients;  // nx*ny, where cosines are used
   float sum;
 };
 
@@ -46,17 +64,17 @@ struct DiscWindow {
 DiscWindow disc_window_new(MirrorPad* pad, float R, float soft);
 void disc_window_free(DiscWindow* window);
 
-/// Mirrors the image `in` (nx*ny, device) and leaves its transform in pad->spectrum, for the maps below.
+/// Mirrors the image `in` (nx*ny, device) and leaves its transform in pad, for the maps below.
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in);
 
-/// out (nx*ny, device) = the mean under the window of the image in pad->spectrum, which stays.
+/// out (nx*ny, device) = the mean under the window of the image whose transform is in pad, where it stays.
 void hcuda_2d_bg_mpad(MirrorPad* pad, const DiscWindow* window, float* out);
 
 /// The local average, by another name.
 void hcuda_2d_local_ave_softR_mpad(MirrorPad* pad, const DiscWindow* window, float* out);
 
-/// out = sqrt(E[x^2] - E[x]^2) under the window for the image `in`, whose transform is in pad->spectrum; afterwards
-/// that of its square is there. scratch: nx*ny floats on the device. NaN where rounding takes the difference below 0.
+/// out = sqrt(E[x^2] - E[x]^2) under the window for the image `in`, whose transform is in pad; afterwards that of its
+/// square is there. scratch: nx*ny floats on the device. NaN where rounding takes the difference below 0.
 void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, const float* in, float* out,
                                      float* scratch);
 
@@ -65,12 +83,12 @@ void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, c
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.
 struct IceWorkspace {
   int grid_nx, grid_ny;
-  float* lsigma_map;  // device, nx*ny
-  float* lave_map;    // device, nx*ny
-  float* scratch;     // device, nx*ny
-  float* grid_lave;   // device, one per cell
-  float* grid_lsigma; // device, one per cell
-  unsigned* host_grid;      // host copies, one per cell
+  float* lsigma_map;    // device, nx*ny
+  float* lave_map;      // device, nx*ny
+  float* scratch;       // device, nx*ny
+  float* grid_lave;     // device, one per cell
+  float* grid_lsigma;   // device, one per cell
+  unsigned* host_grid;  // host copies, one per cell
   float* host_grid_lave;
   float* host_grid_lsigma;
   DiscWindow lsigma_window, lave_window;
@@ -108,8 +126,7 @@ void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const
 
 /// The same with the coordinates of a file. A missing file is a warning and adds nothing.
 /// boxes   room for one record per cell
-void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink,
-                              PTCL_BOX* boxes);
+void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink, PTCL_BOX* boxes);
 
 /// mask (device, Nx*Ny) = `value` on the pixels of marked cells, 1 - value on those of clean ones.
 void hcuda_2d_generate_mask_by_coords(float* mask, int Nx, int Ny, int box, const unsigned* d_grid, int value);

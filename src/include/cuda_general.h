@@ -7,19 +7,17 @@
 [[noreturn]] void device_failure(const char* text, int line, const char* unit);
 
 /// device_failure unless status is success. For launches and copies of a unit that names itself by `unit`.
-#define CHECK_DEVICE(status)                                                                              \
-  do {                                                                                                    \
-    const cudaError_t check_device_status = (status);                                                     \
-    if (check_device_status != cudaSuccess)                                                               \
-      device_failure(cudaGetErrorString(check_device_status), __LINE__, unit);                            \
+#define CHECK_DEVICE(status)                                                                                         \
+  do {                                                                                                               \
+    const cudaError_t check_device_status = (status);                                                                \
+    if (check_device_status != cudaSuccess) device_failure(cudaGetErrorString(check_device_status), __LINE__, unit); \
   } while (0)
 
 /// The same for results of cuFFT.
-#define CHECK_CUFFT(result)                                                                               \
-  do {                                                                                                    \
-    const cufftResult check_cufft_result = (result);                                                      \
-    if (check_cufft_result != CUFFT_SUCCESS)                                                              \
-      device_failure(cuFFT_GetErrorString(check_cufft_result), __LINE__, unit);                           \
+#define CHECK_CUFFT(result)                                                                                            \
+  do {                                                                                                                 \
+    const cufftResult check_cufft_result = (result);                                                                   \
+    if (check_cufft_result != CUFFT_SUCCESS) device_failure(cuFFT_GetErrorString(check_cufft_result), __LINE__, unit); \
   } while (0)
 
 /// Makes gid the number of a usable device: itself if it is one, else the first device of the highest compute

@@ -13,3 +13,7 @@ void hcuda_c2d_bandpass_softR(float2* data, int P, float apix, float res1, float
 /// The same with the weight hd_guasf(r, Rhi / 3) * hd_guasf(H - r, (H - Rlo) / 3) between the two limits and 0
 /// outside them, H = P/2 + 1.
 void hcuda_c2d_bandpass_guas(float2* data, int P, float apix, float res1, float res2);
+
+/// The two filters on the P/2 by P/2 cosine coefficients that make up the transform of a mirrored image of P by P.
+void hcuda_cosine_bandpass_softR(float* data, int P, float apix, float res1, float res2, float soft);
+void hcuda_cosine_bandpass_guas(float* data, int P, float apix, float res1, float res2);

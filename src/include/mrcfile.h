@@ -34,9 +34,8 @@ struct MRC_HEAD {
 };
 
 static_assert(sizeof(MRC_HEAD) == kMrcHeadBytes, "an MRC header has 1024 bytes");
-static_assert(offsetof(MRC_HEAD, amin) == 76 && offsetof(MRC_HEAD, creatid) == 96 &&
-                  offsetof(MRC_HEAD, xorg) == 196 && offsetof(MRC_HEAD, cmap) == 208 &&
-                  offsetof(MRC_HEAD, nlabl) == 220,
+static_assert(offsetof(MRC_HEAD, amin) == 76 && offsetof(MRC_HEAD, creatid) == 96 && offsetof(MRC_HEAD, xorg) == 196 &&
+                  offsetof(MRC_HEAD, cmap) == 208 && offsetof(MRC_HEAD, nlabl) == 220,
               "the fields of an MRC header stand at fixed offsets");
 
 // --- The record ---
@@ -76,8 +75,7 @@ void note_extended_header(const char* name, const MRC_HEAD* head);
 
 /// Returns 0 if both headers agree in nx, ny, nz and mode; otherwise prints both and ends the run with
 /// status 1.
-int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1,
-                             const MRC_HEAD* head2);
+int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1, const MRC_HEAD* head2);
 
 // --- Reading an open file ---
 

@@ -1,4 +1,4 @@
-// The candidate file of a micrograph: the picks of all its templates, one line each, in pixels of the shrunk
+// The candidate file of a micrograph: the picks of all its templates, a line each, in pixels of the shrunk
 // image.
 #pragma once
 
@@ -9,11 +9,13 @@
 /// fit ends the run.
 int set_name_shrinked_box(char* out, const char* mic, int shrink);
 
-/// Appends the picks of one template to the open candidate file, cell by cell.
-/// grid_index, grid_cc, grid_psi   host, n_cells values: pixel index of the cell's peak (0: none), score,
-/// degrees template_index                  counted from 0 nx, ny                          size of the working
-/// image box                             box size in its pixels; a peak within half a box of the border is
-/// dropped Returns 0.
-int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc,
-                                  const float* grid_psi, int template_index, int n_cells, int nx, int ny,
-                                  int box);
+/// Appends the picks of one template to the open candidate file, cell by cell. Returns 0.
+///
+/// grid_index      host, n_cells pixel indices of the cells' peaks; 0: no peak
+/// grid_cc         their scores
+/// grid_psi        their in-plane angles, degrees
+/// template_index  counted from 0
+/// nx, ny          size of the working image, pixels
+/// box             box size in those pixels; peaks within half a box of the border are dropped
+int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc, const float* grid_psi,
+                                  int template_index, int n_cells, int nx, int ny, int box);

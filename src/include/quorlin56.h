@@ -8,16 +8,30 @@
 /// Most angles that one pass of the scan takes together.
 constexpr int kMaxScanBatch = 64;
 
+/// The ways to go through a scan: batched transforms of the device, or the host's own (lane_scan.h). Both give the
+/// same maps up to rounding.
+enum ScanWay { kDeviceTransforms, kHostLanes };
+
+/// The faster way of this build's device. KESTRIX_DEVICE_WAYS is for tests that take a GPU's road on the host.
+#if defined(KESTRIX_CUDA) || defined(KESTRIX_DEVICE_WAYS)
+constexpr ScanWay kFastestScanWay = kDeviceTransforms;
+#else
+constexpr ScanWay kFastestScanWay = kHostLanes;
+#endif
+
+struct LaneScan;
+
 /// What the scans of a run share: plans and buffers for nx by ny images and T_nx by T_ny templates, taking `batch`
 /// angles at a time. Spectra have rows of nx / 2 + 1 values.
 struct ScanWorkspace {
-  int nx, ny;            // working image
-  int T_nx, T_ny;        // template box, no larger than the working image
-  int batch;             // angles in one pass
-  float* padded;         // device, batch images: the turned templates in the middle, zero around
-  float* correlation;    // device, batch images
-  float2* mic_spectrum;  // device, one spectrum
-  float2* spectra;       // device, batch spectra
+  int nx, ny;                // working image
+  int T_nx, T_ny;            // template box, no larger than the working image
+  int batch;                 // angles in one pass
+  LaneScan* lanes;           // the host's own way; where it is used, what follows is empty
+  float* padded;             // device, batch images: the turned templates in the middle, zero around
+  float* correlation;        // device, batch images
+  float2* mic_spectrum;      // device, one spectrum
+  float2* spectra;           // device, batch spectra
   cufftHandle mic_plan;      // forward, one image
   cufftHandle forward_plan;  // forward, a batch
   cufftHandle inverse_plan;  // inverse, a batch
@@ -25,7 +39,7 @@ struct ScanWorkspace {
 
 /// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. The caller releases
 /// them with scan_workspace_free. Ends the run on a device error.
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles);
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way = kFastestScanWay);
 void scan_workspace_free(ScanWorkspace* ws);
 
 /// Number of angles of a scan: start, start + step, ... up to but not including stop, added in float.
@@ -45,8 +59,7 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic);
 /// The score at pixel p is that of template pixel (T_nx / 2, T_ny / 2), for an odd size the one after it, lying over
 /// p; the sum wraps around the image's edges. Prints a dot for each angle, then a newline. Returns 0.
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
-                                      int keep_psi, const float* T, float radius, float start, float stop,
-                                      float step);
+                                      int keep_psi, const float* T, float radius, float start, float stop, float step);
 
 /// Up to kMaxScanBatch angles in degrees, handed to a kernel by value.
 struct ScanAngles {
@@ -70,11 +83,11 @@ int grid_cell_size(float min_dist, float pixel_size);
 /// Device arrays of one entry per cell, made once for the run, and room for the excluded points.
 struct PeakWorkspace {
   int grid_nx, grid_ny;
-  unsigned* found;       // pixel of each cell's peak, 0: none
-  unsigned* kept;        // the same after the filter
-  float* cc;             // score of the peak
-  float* psi;            // angle of the peak in degrees
-  unsigned* excluded;    // device: excluded points, each once
+  unsigned* found;          // pixel of each cell's peak, 0: none
+  unsigned* kept;           // the same after the filter
+  float* cc;                // score of the peak
+  float* psi;               // angle of the peak in degrees
+  unsigned* excluded;       // device: excluded points, each once
   unsigned* host_excluded;  // host: the same, and room for the list they come from
 };
 

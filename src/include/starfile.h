@@ -23,10 +23,9 @@ struct StarHead {
 /// The column numbers of the keywords that the program knows by meaning; 0: no such column.
 struct ParticleInfoIndex {
   int Bfactor, MicrographName, ImageName, CoordinateX, CoordinateY, Voltage, PhaseShift, DefocusU, DefocusV,
-      DefocusAngle, SphericalAberration, DetectorPixelSize, Magnification, AmplitudeContrast,
-      CtfFigureOfMerit, CtfMaxResolution, ClassNumber, GroupNumber, RandomSubset, NormCorrection, OriginX,
-      OriginY, AngleRot, AngleTilt, AnglePsi, LogLikeliContribution, NrOfSignificantSamples,
-      MaxValueProbDistribution, AutopickFigureOfMerit;
+      DefocusAngle, SphericalAberration, DetectorPixelSize, Magnification, AmplitudeContrast, CtfFigureOfMerit,
+      CtfMaxResolution, ClassNumber, GroupNumber, RandomSubset, NormCorrection, OriginX, OriginY, AngleRot, AngleTilt,
+      AnglePsi, LogLikeliContribution, NrOfSignificantSamples, MaxValueProbDistribution, AutopickFigureOfMerit;
 };
 
 /// Makes head a head without columns. Returns 0.

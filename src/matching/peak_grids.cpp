@@ -69,7 +69,7 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, const float* c
   const size_t cells = static_cast<size_t>(ws->grid_nx) * ws->grid_ny;
   const unsigned n_points = gather_excluded(ws, excluded, n_excluded);
   CHECK_DEVICE(launch_cells<cuda_find_ccmax_psi_grids>(ws->grid_nx, ws->grid_ny, ccmax, psi, ws->found, ws->cc, ws->psi,
-                                                    nx, ny, ws->grid_nx, grid_size));
+                                                       nx, ny, ws->grid_nx, grid_size));
   CHECK_DEVICE(launch_cells<cuda_filter_ccmax_psi_grids_exclusive>(
       ws->grid_nx, ws->grid_ny, static_cast<const unsigned*>(ws->found), ws->kept, static_cast<const float*>(ws->cc),
       cc_cutoff, nx, ws->grid_nx, ws->grid_ny, grid_size, static_cast<const unsigned*>(ws->excluded), n_points));

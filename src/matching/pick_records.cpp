@@ -6,9 +6,8 @@ int set_name_shrinked_box(char* out, const char* mic, int /*shrink*/) {
   return set_outname_by_suffix(out, mic, "_nonunique.box");
 }
 
-int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc,
-                                  const float* grid_psi, int template_index, int n_cells, int nx, int ny,
-                                  int box) {
+int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc, const float* grid_psi,
+                                  int template_index, int n_cells, int nx, int ny, int box) {
   const long half = box / 2;
   const auto width = static_cast<unsigned>(nx);
   for (int i = 0; i < n_cells; i++) {
@@ -17,8 +16,8 @@ int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const 
     const long y = grid_index[i] / width;
     const bool inside = half < x && x < nx - half && half < y && y < ny - half;
     if (!inside) continue;
-    fprintf(file, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d\t%-8.3f\n", static_cast<int>(x - half),
-            static_cast<int>(y - half), box, box, grid_cc[i], template_index, grid_psi[i]);
+    fprintf(file, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d\t%-8.3f\n", static_cast<int>(x - half), static_cast<int>(y - half), box,
+            box, grid_cc[i], template_index, grid_psi[i]);
   }
   return 0;
 }

@@ -3,6 +3,8 @@
 
 #ifndef KESTRIX_CUDA
 #include <omp.h>
+
+#include "matching/lane_scan.h"
 #endif
 
 #include <algorithm>
@@ -11,17 +13,14 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "math_utils.h"
 #include "matching/quorlin56_kernels.h"
+#include "math_utils.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
 namespace {
 
 constexpr char unit[] = "quorlin56";
-
-// The float nearest to pi / 180.
-constexpr float kRadiansPerDegree = 0.017453292f;
 
 // Most memory that the angles of one pass may take, in bytes.
 constexpr size_t kBatchBytes = size_t{1} << 30;
@@ -51,26 +50,19 @@ cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
   const int spectrum = (nx / 2 + 1) * ny;
   const bool forward = type == CUFFT_R2C;
   cufftHandle plan;
-  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1,
-                            forward ? spectrum : image, type, batch));
+  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1, forward ? spectrum : image,
+                            type, batch));
   return plan;
 }
 
 // The next angles of the scan, starting at `angle`; moves `angle` on. Returns how many.
 int take_angles(float& angle, float stop, float step, int most, ScanAngles& angles) {
   int count = 0;
-  for (; count < most && stop > angle; angle += step) angles.psi[count++] = angle;
-  return count;
-}
-
-ScanTurns turns_of(const ScanAngles& angles, int count) {
-  ScanTurns turns{};
-  for (int k = 0; k < count; k++) {
-    const float t = angles.psi[k] * kRadiansPerDegree;
-    turns.cosine[k] = cosf(t);
-    turns.sine[k] = sinf(t);
+  while (count < most && stop > angle) {
+    angles.psi[count++] = angle;
+    angle += step;
   }
-  return turns;
+  return count;
 }
 
 // Leaves in ws->correlation the correlation of the micrograph with the template turned by each of the angles.
@@ -96,20 +88,87 @@ float score_divisor(const ScanWorkspace& ws, const float* mic, const float* mask
   return sqrtf(((template_energy * energy) * area) / weight);
 }
 
+// Prints a dot for each of the angles of a pass.
+void put_dots(int count) {
+  for (int k = 0; k < count; k++) putchar('.');
+}
+
+// The scan by batched transforms of the device.
+void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start,
+                               float stop, float step) {
+  const int nx = ws->nx;
+  const int ny = ws->ny;
+  hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), nx, ny);
+  if (psi) hcuda_2d_empty(psi, nx, ny);
+  ScanAngles angles{};
+  while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
+    put_dots(count);
+    correlate_angles(ws, T, angles, count);
+    if (psi) {
+      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, nx, ny);
+    } else {
+      hcuda_update_ccmax_2d(ccmax, ws->correlation, count, nx, ny);
+    }
+  }
+  putchar('\n');
+  hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
+  if (psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
+  hcuda_2d_divide_inplace(ccmax, nx, ny, divisor);
+}
+
+#ifndef KESTRIX_CUDA
+
+// The scan's own way on the host.
+void scan_by_lanes(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start, float stop,
+                   float step) {
+  lane_scan_begin(ws->lanes);
+  ScanAngles angles{};
+  while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
+    put_dots(count);
+    lane_scan_add(ws->lanes, T, angles, count);
+  }
+  putchar('\n');
+  lane_scan_finish(ws->lanes, divisor, ccmax, psi);
+}
+
+#endif
+
 }  // namespace
 
+ScanTurns turns_of(const ScanAngles& angles, int count) {
+  // The float nearest to pi / 180.
+  constexpr float kRadiansPerDegree = 0.017453292f;
+  ScanTurns turns{};
+  for (int k = 0; k < count; k++) {
+    const float t = angles.psi[k] * kRadiansPerDegree;
+    turns.cosine[k] = cosf(t);
+    turns.sine[k] = sinf(t);
+  }
+  return turns;
+}
+
 int count_scan_angles(float start, float stop, float step) {
+  // Counted by adding up as the scan adds up, so that rounding ends both at the same angle.
+  ScanAngles angles{};
   int count = 0;
-  for (float angle = start; stop > angle; angle += step) count++;
+  while (const int taken = take_angles(start, stop, step, kMaxScanBatch, angles)) count += taken;
   return count;
 }
 
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles) {
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way) {
   ScanWorkspace ws{};
   ws.nx = nx;
   ws.ny = ny;
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
+#ifndef KESTRIX_CUDA
+  if (way == kHostLanes) {
+    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny);
+    ws.batch = lane_scan_batch(ws.lanes);
+    return ws;
+  }
+#endif
+  static_cast<void>(way);
   ws.batch = batch_size(ws, n_angles);
   const auto batch = static_cast<size_t>(ws.batch);
   ws.padded = device_new<float>(batch * image_pixels(ws));
@@ -125,43 +184,40 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
 }
 
 void scan_workspace_free(ScanWorkspace* ws) {
-  cudaFree(ws->padded);
-  cudaFree(ws->correlation);
-  cudaFree(ws->mic_spectrum);
-  cudaFree(ws->spectra);
-  cufftDestroy(ws->mic_plan);
-  cufftDestroy(ws->forward_plan);
-  cufftDestroy(ws->inverse_plan);
+#ifndef KESTRIX_CUDA
+  lane_scan_free(ws->lanes);
+#endif
+  if (ws->padded) {
+    cudaFree(ws->padded);
+    cudaFree(ws->correlation);
+    cudaFree(ws->mic_spectrum);
+    cudaFree(ws->spectra);
+    cufftDestroy(ws->mic_plan);
+    cufftDestroy(ws->forward_plan);
+    cufftDestroy(ws->inverse_plan);
+  }
   *ws = ScanWorkspace{};
 }
 
 void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
+#ifndef KESTRIX_CUDA
+  if (ws->lanes) return lane_scan_transform_micrograph(ws->lanes, mic);
+#endif
   // A real-to-complex transform out of place leaves its input as it was.
   CHECK_CUFFT(cufftExecR2C(ws->mic_plan, const_cast<float*>(mic), ws->mic_spectrum));
 }
 
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
-                                      int keep_psi, const float* T, float radius, float start, float stop,
-                                      float step) {
-  const bool with_psi = keep_psi && psi;
-  hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), ws->nx, ws->ny);
-  if (with_psi) hcuda_2d_empty(psi, ws->nx, ws->ny);
-  ScanAngles angles{};
-  float angle = start;
-  while (const int count = take_angles(angle, stop, step, ws->batch, angles)) {
-    for (int k = 0; k < count; k++) putchar('.');
-    correlate_angles(ws, T, angles, count);
-    if (with_psi) {
-      hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, ws->nx, ws->ny);
-    } else {
-      hcuda_update_ccmax_2d(ccmax, ws->correlation, count, ws->nx, ws->ny);
-    }
-  }
-  putchar('\n');
+                                      int keep_psi, const float* T, float radius, float start, float stop, float step) {
+  float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
-  hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
-  if (with_psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(ws->nx), static_cast<unsigned>(ws->ny));
-  hcuda_2d_divide_inplace(ccmax, ws->nx, ws->ny, divisor);
+#ifndef KESTRIX_CUDA
+  if (ws->lanes) {
+    scan_by_lanes(ws, ccmax, kept_psi, T, divisor, start, stop, step);
+    return 0;
+  }
+#endif
+  scan_by_device_transforms(ws, ccmax, kept_psi, T, divisor, start, stop, step);
   return 0;
 }
 

@@ -11,8 +11,9 @@
 
 #include "boxfile.h"
 #include "failure.h"
-#include "saturate.h"
+#include "host_memory.h"
 #include "str_utils.h"
+#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {
@@ -48,44 +49,35 @@ struct ExcludedBoxes {
   int n;
 };
 
-template <class T>
-T* allocate(long count) {
-  auto* p = static_cast<T*>(malloc(static_cast<size_t>(std::max(count, 1L)) * sizeof(T)));
-  if (!p) KESTRIX_FATAL("no memory for %ld cells of the final selection", count);
-  return p;
-}
-
 long cells_along(int side, int cell) { return std::max(0L, (static_cast<long>(side) + cell - 1) / cell); }
 
 PickGrid new_grid(const Selection& s) {
   PickGrid grid{cells_along(s.shrink_nx, s.cell), cells_along(s.shrink_ny, s.cell), nullptr};
   if (grid.gx * grid.gy > INT_MAX)
     KESTRIX_FATAL("an image of %d x %d has too many cells of %d pixels", s.shrink_nx, s.shrink_ny, s.cell);
-  grid.cells = allocate<Pick>(grid.gx * grid.gy);
+  grid.cells = host_new<Pick>(static_cast<size_t>(grid.gx * grid.gy));
   std::fill_n(grid.cells, grid.gx * grid.gy, Pick{0, -1, 0.0f, 0.0f});
   return grid;
 }
 
-int pixel_x(const Selection& s, uint32_t pixel) {
-  return static_cast<int>(pixel % static_cast<uint32_t>(s.shrink_nx));
-}
+int pixel_x(const Selection& s, uint32_t pixel) { return static_cast<int>(pixel % static_cast<uint32_t>(s.shrink_nx)); }
 
 uint32_t pixel_y(const Selection& s, uint32_t pixel) { return pixel / static_cast<uint32_t>(s.shrink_nx); }
 
 // --- Best candidate per cell ---
 
 void offer_candidate(const Selection& s, PickGrid& grid, char** columns) {
-  const long x = int_from_text(columns[0]) + int_from_text(columns[2]) / 2L;
-  const long y = int_from_text(columns[1]) + int_from_text(columns[3]) / 2L;
+  const long x = text_to_int(columns[0]) + text_to_int(columns[2]) / 2L;
+  const long y = text_to_int(columns[1]) + text_to_int(columns[3]) / 2L;
   if (x < 0 || y < 0 || x / s.cell >= grid.gx || y / s.cell >= grid.gy) return;
   Pick& best = grid.cells[y / s.cell * grid.gx + x / s.cell];
-  const auto score = static_cast<float>(atof(columns[4]));
+  const auto score = static_cast<float>(text_to_real(columns[4]));
   if (!(best.score < score)) return;
   // A centre past the image's right edge, in the last column of cells, wraps into the next row.
   best.pixel = static_cast<uint32_t>(y * s.shrink_nx + x);
-  best.template_index = int_from_text(columns[5]);
+  best.template_index = text_to_int(columns[5]);
   best.score = score;
-  best.psi = static_cast<float>(atof(columns[6]));
+  best.psi = static_cast<float>(text_to_real(columns[6]));
 }
 
 void read_candidates(const Selection& s, PickGrid& grid, FILE* file) {
@@ -139,7 +131,7 @@ ExcludedBoxes read_excluded(const PickGrid& grid, const char* name) {
   ExcludedBoxes excluded{nullptr, 0};
   if (is_str_null(name) || check_file_access(name, "FR") != 0) return excluded;
   const auto capacity = static_cast<int>(grid.gx * grid.gy);
-  excluded.boxes = allocate<PTCL_BOX>(capacity);
+  excluded.boxes = host_new<PTCL_BOX>(static_cast<size_t>(capacity));
   excluded.n = read_all_ptcl_boxes(excluded.boxes, capacity, name);
   return excluded;
 }
@@ -156,8 +148,8 @@ void remove_excluded(const Selection& s, PickGrid& grid, const ExcludedBoxes& ex
   for (long i = 0; i < grid.gx * grid.gy; i++) {
     Pick& pick = grid.cells[i];
     if (pick.pixel == 0) continue;
-    const int x = int_from_float(static_cast<float>(pixel_x(s, pick.pixel)) * s.shrink);
-    const int y = int_from_float(static_cast<float>(pixel_y(s, pick.pixel)) * s.shrink);
+    const int x = saturating_int(static_cast<float>(pixel_x(s, pick.pixel)) * s.shrink);
+    const int y = saturating_int(static_cast<float>(pixel_y(s, pick.pixel)) * s.shrink);
     const auto near = [&](const PTCL_BOX& box) { return is_near(s, x, y, box); };
     if (std::any_of(excluded.boxes, excluded.boxes + excluded.n, near)) pick.pixel = 0;
   }
@@ -165,9 +157,7 @@ void remove_excluded(const Selection& s, PickGrid& grid, const ExcludedBoxes& ex
 
 // --- Output ---
 
-int written_coordinate(float v, int origin) {
-  return int_from_long(static_cast<long>(int_from_float(v)) + origin);
-}
+int written_coordinate(float v, int origin) { return saturating_int(static_cast<double>(saturating_int(v)) + origin); }
 
 // Writes the pick if its box lies within the image.
 void write_pick(const Selection& s, FILE* file, const Pick& pick, int kind) {
@@ -182,11 +172,10 @@ void write_pick(const Selection& s, FILE* file, const Pick& pick, int kind) {
   if (!inside) return;
   if (kind == 2) {
     fprintf(file, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", written_coordinate(x - left, s.origin.x),
-            written_coordinate(y - bottom, s.origin.y), s.box_w, s.box_h, pick.score, pick.template_index,
-            pick.psi);
+            written_coordinate(y - bottom, s.origin.y), s.box_w, s.box_h, pick.score, pick.template_index, pick.psi);
   } else if (kind == 1) {
-    fprintf(file, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", written_coordinate(x, s.origin.x),
-            written_coordinate(y, s.origin.y), pick.psi, pick.template_index, pick.score);
+    fprintf(file, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", written_coordinate(x, s.origin.x), written_coordinate(y, s.origin.y),
+            pick.psi, pick.template_index, pick.score);
   }
 }
 
@@ -202,7 +191,7 @@ void write_picks(const Selection& s, FILE* file, const PickGrid& grid, int kind)
 
 [[noreturn]] void refuse_output(const char* out) {
   printf("Cannot write to file %s. Permission denied or no space left!\n", out);
-  KESTRIX_FATAL("open file failed.");
+  fatal_error("box_filter", unit, __LINE__, "open file failed.");
 }
 
 // One character more than a list's name: no longer than the candidate file's name, which exists already.
@@ -233,11 +222,10 @@ void finish_list(FILE* file, const char* unfinished, const char* out) {
 
 }  // namespace
 
-int box_filter_cell_size(float min_dist) { return int_from_float(1.41421354f * min_dist / 2.0f); }
+int box_filter_cell_size(float min_dist) { return saturating_int(1.41421354f * min_dist / 2.0f); }
 
-int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w,
-               int box_h, int2 origin, const char* candidates, const char* excluded, const char* out,
-               int kind) {
+int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
+               int2 origin, const char* candidates, const char* excluded, const char* out, int kind) {
   const int cell = box_filter_cell_size(min_dist);
   if (cell < 1) KESTRIX_FATAL("the least distance of two picks, %g shrunk pixels, is too small", min_dist);
   const double min_dist2 = 2.0 * cell * cell;

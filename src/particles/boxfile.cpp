@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "failure.h"
-#include "saturate.h"
 #include "starfile.h"
 #include "str_utils.h"
+#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {
@@ -24,18 +24,19 @@ bool ends_with(const char* name, const char* suffix) {
 }
 
 int resized_edge(int edge, int old_size, int size) {
-  return int_from_long(edge + (static_cast<long>(old_size) - size) / 2);
+  const long shift = (static_cast<long>(old_size) - size) / 2;
+  return saturating_int(static_cast<double>(edge + shift));
 }
 
 PTCL_BOX box_from_tokens(char** tokens, int count) {
   PTCL_BOX box{};
-  box.x = int_from_text(tokens[0]);
-  box.y = int_from_text(tokens[1]);
-  box.w = int_from_text(tokens[2]);
-  box.h = int_from_text(tokens[3]);
-  if (count > 4) box.score = static_cast<float>(atof(tokens[4]));
-  if (count > 5) box.class_number = int_from_text(tokens[5]);
-  if (count > 6) box.psi = static_cast<float>(atof(tokens[6]));
+  box.x = text_to_int(tokens[0]);
+  box.y = text_to_int(tokens[1]);
+  box.w = text_to_int(tokens[2]);
+  box.h = text_to_int(tokens[3]);
+  if (count > 4) box.score = static_cast<float>(text_to_real(tokens[4]));
+  if (count > 5) box.class_number = text_to_int(tokens[5]);
+  if (count > 6) box.psi = static_cast<float>(text_to_real(tokens[6]));
   return box;
 }
 
@@ -47,9 +48,8 @@ int read_box_lines(PTCL_BOX* boxes, int capacity, FILE* file, const char* name) 
     const int count = strnsplit_inplace_byspace(line, tokens, kBoxColumns);
     if (count == 0) continue;
     if (count < 4) {
-      safety_note(name, "line %ld has %d columns; a box needs at least x, y, width and height", number,
-                  count);
-      KESTRIX_FATAL("unrecognized box format!");
+      safety_note(name, "line %ld has %d columns; a box needs at least x, y, width and height", number, count);
+      fatal_error("read_all_ptcl_boxes", unit, __LINE__, "unrecognized box format!");
     }
     boxes[n++] = box_from_tokens(tokens, count);
   }
@@ -66,11 +66,11 @@ PTCL_BOX box_from_columns(char** tokens, int columns, const ParticleInfoIndex* i
   const char* class_number = column_text(tokens, columns, index->ClassNumber);
   const char* psi = column_text(tokens, columns, index->AnglePsi);
   PTCL_BOX box{};
-  box.x = int_from_text(column_text(tokens, columns, index->CoordinateX));
-  box.y = int_from_text(column_text(tokens, columns, index->CoordinateY));
-  if (score) box.score = static_cast<float>(atof(score));
-  if (class_number) box.class_number = int_from_text(class_number);
-  if (psi) box.psi = static_cast<float>(int_from_text(psi));
+  box.x = text_to_int(column_text(tokens, columns, index->CoordinateX));
+  box.y = text_to_int(column_text(tokens, columns, index->CoordinateY));
+  if (score) box.score = static_cast<float>(text_to_real(score));
+  if (class_number) box.class_number = text_to_int(class_number);
+  if (psi) box.psi = static_cast<float>(text_to_int(psi));
   return box;
 }
 
@@ -100,11 +100,10 @@ int read_star_file(PTCL_BOX* boxes, int capacity, FILE* file, const char* name) 
   if (has_coordinates(index, head->n)) {
     n = read_star_data(boxes, capacity, file, head->n, index);
   } else {
-    safety_note(
-        name,
-        "no coordinates read: the columns _rlnCoordinateX and _rlnCoordinateY are not among the %d of its "
-        "head, which ends at the first comment or unknown keyword",
-        head->n);
+    safety_note(name,
+                "no coordinates read: the columns _rlnCoordinateX and _rlnCoordinateY are not among the %d of its "
+                "head, which ends at the first comment or unknown keyword",
+                head->n);
   }
   free(head);
   free(index);

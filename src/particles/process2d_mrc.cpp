@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "failure.h"
+#include "host_memory.h"
 #include "math_utils.h"
 #include "mrcfile.h"
 #include "str_utils.h"
@@ -24,35 +25,29 @@ struct BoxList {
 };
 
 BoxList read_boxes(const char* box_name, int box_size) {
-  auto* boxes = static_cast<PTCL_BOX*>(malloc(kMaxParticles * sizeof(PTCL_BOX)));
-  if (!boxes) KESTRIX_FATAL("no memory for the boxes of %s", box_name);
+  auto* boxes = host_new<PTCL_BOX>(kMaxParticles);
   const int n = read_all_ptcl_boxes(boxes, kMaxParticles, box_name);
   if (box_size != 0) resize_ptcl_boxes(boxes, n, box_size);
   const BoxList list{boxes, n, boxes[0].w, boxes[0].h};
-  if (list.w < 0 || list.h < 0)
-    KESTRIX_FATAL("%s has a first box of %d x %d pixels", box_name, list.w, list.h);
+  if (list.w < 0 || list.h < 0) KESTRIX_FATAL("%s has a first box of %d x %d pixels", box_name, list.w, list.h);
   return list;
 }
 
-// A stack of nz images for each box must be one that a header can count and memory can hold.
+// nz images for each box, which a header must be able to count and memory to hold.
 float* new_stack(const BoxList& list, int nz) {
   const size_t image = static_cast<size_t>(list.w) * static_cast<size_t>(list.h);
   const size_t images = static_cast<size_t>(list.n) * static_cast<size_t>(nz);
-  const bool countable = images <= INT_MAX && (image == 0 || images <= SIZE_MAX / sizeof(float) / image);
-  void* stack = countable ? malloc(std::max<size_t>(images * image, 1) * sizeof(float)) : nullptr;
-  if (!stack) KESTRIX_FATAL("no memory for %zu images of %d x %d pixels", images, list.w, list.h);
-  return static_cast<float*>(stack);
+  if (images > INT_MAX) KESTRIX_FATAL("%zu images are more than an MRC stack can hold", images);
+  return static_cast<float*>(host_malloc(images, std::max<size_t>(image, 1) * sizeof(float)));
 }
 
 float* cut_particles(const float* data, const MRC_HEAD* head, const BoxList& list, int invert) {
-  if (head->nz < 1) KESTRIX_FATAL("Micrograph or movie size error!");
+  if (head->nz < 1) fatal_error("get_mrcf_data_ptcls", unit, __LINE__, "Micrograph or movie size error!");
   float* stack = new_stack(list, head->nz);
   if (head->nz == 1) {
-    cpu_x2d_extract_ptcls_from_micrograph(stack, list.w, list.h, list.n, data, head->nx, head->ny,
-                                          list.boxes);
+    cpu_x2d_extract_ptcls_from_micrograph(stack, list.w, list.h, list.n, data, head->nx, head->ny, list.boxes);
   } else {
-    cpu_x2d_extract_ptcls_from_movie(stack, list.w, list.h, head->nz, list.n, data, head->nx, head->ny,
-                                     list.boxes);
+    cpu_x2d_extract_ptcls_from_movie(stack, list.w, list.h, head->nz, list.n, data, head->nx, head->ny, list.boxes);
   }
   const unsigned long floats = static_cast<unsigned long>(list.w) * list.h * head->nz * list.n;
   if (invert != 0) hm_invert_inplace(stack, floats);
@@ -61,8 +56,7 @@ float* cut_particles(const float* data, const MRC_HEAD* head, const BoxList& lis
 
 }  // namespace
 
-int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src, int nx, int ny, int x0,
-                                     int y0) {
+int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src, int nx, int ny, int x0, int y0) {
   std::fill_n(dst, static_cast<long>(w) * h, 0.0f);
   const long left = x0;
   const long first = std::max(left, 0L);  // columns and rows of src that the box holds
@@ -76,8 +70,8 @@ int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src,
   return 0;
 }
 
-int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny,
-                                           int x0, int y0) {
+int cpu_x2d_movie_extract_small_from_large(float* dst, int w, int h, int nz, const float* src, int nx, int ny, int x0,
+                                           int y0) {
   const long image = static_cast<long>(w) * h;
   const long frame = static_cast<long>(nx) * ny;
   for (long f = 0; f < nz; f++)
@@ -93,8 +87,8 @@ int cpu_x2d_extract_ptcls_from_micrograph(float* dst, int w, int h, int n, const
   return 0;
 }
 
-int cpu_x2d_extract_ptcls_from_movie(float* dst, int w, int h, int nz, int n, const float* src, int nx,
-                                     int ny, const PTCL_BOX* boxes) {
+int cpu_x2d_extract_ptcls_from_movie(float* dst, int w, int h, int nz, int n, const float* src, int nx, int ny,
+                                     const PTCL_BOX* boxes) {
   const long particle = static_cast<long>(w) * h * nz;
   for (long p = 0; p < n; p++)
     cpu_x2d_movie_extract_small_from_large(dst + p * particle, w, h, nz, src, nx, ny, boxes[p].x, boxes[p].y);
@@ -112,8 +106,7 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int box_s
   return stack;
 }
 
-int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size,
-                                           int invert) {
+int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size, int invert) {
   const BoxList list = read_boxes(box_name, box_size);
   MRC_HEAD* head = get_mrcf_head(mic_name);
   float* data = get_mrcf_data_all(mic_name);

@@ -14,7 +14,9 @@ constexpr unsigned long kSumBlock = 1024;
 #else
 #define BLOCK_DEVICE KERNEL_LOOP
 #define BLOCK_SHARED
+// NOLINTBEGIN(bugprone-macro-parentheses): a loop's head
 #define BLOCK_FOR(t, begin, end) _Pragma("omp simd") for (int t = (begin); t < (end); t++)
+// NOLINTEND(bugprone-macro-parentheses)
 #define BLOCK_BARRIER static_cast<void>(0)
 #endif
 

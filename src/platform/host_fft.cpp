@@ -74,6 +74,7 @@ cufftResult transform_batch(cufftHandle handle, cufftType type, float* image, fl
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-non-const-parameter): cuFFT's own signature
 cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int, int, int* onembed, int, int,
                           cufftType type, int batch) {
   const std::lock_guard<std::mutex> lock(plans_mutex);
@@ -104,13 +105,9 @@ cufftResult cufftPlan2d(cufftHandle* plan, int ny, int nx, cufftType type) {
   return cufftPlanMany(plan, 2, n, nullptr, 1, 0, nullptr, 1, 0, type, 1);
 }
 
-cufftResult cufftExecR2C(cufftHandle plan, float* in, float2* out) {
-  return transform_batch(plan, CUFFT_R2C, in, out);
-}
+cufftResult cufftExecR2C(cufftHandle plan, float* in, float2* out) { return transform_batch(plan, CUFFT_R2C, in, out); }
 
-cufftResult cufftExecC2R(cufftHandle plan, float2* in, float* out) {
-  return transform_batch(plan, CUFFT_C2R, out, in);
-}
+cufftResult cufftExecC2R(cufftHandle plan, float2* in, float* out) { return transform_batch(plan, CUFFT_C2R, out, in); }
 
 cufftResult cufftDestroy(cufftHandle plan) {
   const std::lock_guard<std::mutex> lock(plans_mutex);

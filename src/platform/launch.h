@@ -8,6 +8,10 @@
 
 #ifdef KESTRIX_CUDA
 
+#ifndef __CUDACC__
+#error "A source that launches kernels includes platform/launch.h itself, and not by way of another header: CMake gives those that do to nvcc"
+#endif
+
 #define KERNEL_LOOP
 
 namespace launch_detail {
@@ -58,10 +62,14 @@ cudaError_t launch_2d(int nx, int ny, Args... args) {
   return launch_detail::wait_for_launch();
 }
 
-/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells.
+/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells. In blocks of one
+/// warp: a thousand cells would make a single block of 32 by 32 and leave all multiprocessors but one idle.
 template <auto Kernel, class... Args>
 cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
-  return launch_2d<Kernel>(grid_nx, grid_ny, args...);
+  if (grid_nx <= 0 || grid_ny <= 0) return cudaSuccess;
+  const dim3 grid(static_cast<unsigned>((grid_nx + 7) / 8), static_cast<unsigned>((grid_ny + 3) / 4));
+  launch_detail::grid_2d<Kernel><<<grid, dim3(8, 4)>>>(grid_nx, grid_ny, args...);
+  return launch_detail::wait_for_launch();
 }
 
 /// Runs Kernel(x, y, k, args...) for every pixel of nx by ny and, at each pixel, for k = 0 .. times - 1 in this order.
@@ -126,7 +134,7 @@ cudaError_t launch_1d(unsigned long n, Args... args) {
 /// Runs Kernel(x, y, args...) for every pixel of nx by ny, rows shared among the cores, each row vectorised.
 template <auto Kernel, class... Args>
 cudaError_t launch_2d(int nx, int ny, Args... args) {
-#pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
+#pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++) launch_detail::loop_row<Kernel>(y, nx, args...);
   return cudaThreadSynchronize();
 }
@@ -144,7 +152,7 @@ cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
 /// A row stays in the cache while its k go by.
 template <auto Kernel, class... Args>
 cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
-#pragma omp parallel for schedule(static) if (static_cast<unsigned long>(nx) * ny >= kParallelFrom)
+#pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++)
     for (int k = 0; k < times; k++) launch_detail::loop_row_once<Kernel>(y, k, nx, args...);
   return cudaThreadSynchronize();

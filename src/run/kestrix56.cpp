@@ -27,11 +27,11 @@ constexpr int2 kOrigin{0, 0};
 
 /// The names that belong to one micrograph.
 struct MicrographNames {
-  const char* mic;               // the micrograph
-  char box[kTextBytes];          // final list, box form
-  char star[kTextBytes];         // final list, STAR form
-  char nonunique[kTextBytes];    // candidates
-  char excluded[kTextBytes];     // excluded coordinates, or "NULL"
+  const char* mic;             // the micrograph
+  char box[kTextBytes];        // final list, box form
+  char star[kTextBytes];       // final list, STAR form
+  char nonunique[kTextBytes];  // candidates
+  char excluded[kTextBytes];   // excluded coordinates, or "NULL"
 };
 
 // --- Start-up ---
@@ -41,9 +41,10 @@ void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
   for (int i = 0; i < n; i++) {
     const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
     if (access(files[i], R_OK) != 0) {
-      printf("\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
-             "ignored!\x1b[m\n\n",
-             __func__, unit, __LINE__, files[i], problem);
+      printf(
+          "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
+          "ignored!\x1b[m\n\n",
+          __func__, unit, __LINE__, files[i], problem);
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", files[i]);
@@ -139,12 +140,21 @@ bool is_flat(const float* d, size_t n) {
   return *extremes.first == *extremes.second;
 }
 
+bool is_finite(const float* d, size_t n) {
+  float sum = 0;
+#pragma omp simd reduction(+ : sum)
+  for (size_t i = 0; i < n; i++) sum += d[i] * 0.0f;
+  return sum == 0.0f;
+}
+
 // Brings the shrunk image to the device.
 void upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
   cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
+  if (!is_finite(run->host.work_mic, pixels))
+    safety_note(name, "holds values that are not finite; nothing can be picked.");
   if (!is_flat(run->host.work_mic, pixels)) return;
   if (readable) safety_note(name, "the image has no variation; nothing can be picked.");
   // Without a deviation to divide by no pixel has a normalised value; rounding must not make one up.
@@ -178,8 +188,7 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   const float apix = static_cast<float>(para.shrink) * para.apixM;
   const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
   upload_working_image(run, names->mic, readable);
-  if (para.do_pre_filter)
-    hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
+  if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
   if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
   close_cells(run, names, excluded_n);

@@ -118,8 +118,8 @@ void store_value(const Option& option, const char* value, Kestrix_Para* para) {
   if (field.integer) para->*field.integer = text_to_int(value);
   if (field.text) {
     if (!text_fits(value))
-      KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters",
-                    option.keyword, value, kTextBytes - 1);
+      KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters", option.keyword,
+                    value, kTextBytes - 1);
     strlcpy(para->*field.text, value);
   }
   if (field.integer == &P::speed) kestrix_speed2shrink(para->speed, para->shrink);
@@ -147,8 +147,7 @@ void take_argument(int argc, char** argv, int& i, Kestrix_Para* para, Given& giv
   }
   if (argv[i][0] == '-') refuse_option(argv[i]);
   if (!text_fits(argv[i]))
-    KESTRIX_FATAL("the file name '%.40s...' is too long: it may have at most %zu characters", argv[i],
-                  kTextBytes - 1);
+    KESTRIX_FATAL("the file name '%.40s...' is too long: it may have at most %zu characters", argv[i], kTextBytes - 1);
   para->files[para->n_files++] = argv[i];
 }
 

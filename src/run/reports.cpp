@@ -105,8 +105,7 @@ const Parameter_Row additional_rows[] = {
 };
 
 const Parameter_Row ctf_rows[] = {
-    {"do_ctf", &P::do_ctf}, {"do_local_ctf", &P::do_local_ctf}, {"kV", &P::kV, 2}, {"cs", &P::cs, 2},
-    {"ac", &P::ac, 2},
+    {"do_ctf", &P::do_ctf}, {"do_local_ctf", &P::do_local_ctf}, {"kV", &P::kV, 2}, {"cs", &P::cs, 2}, {"ac", &P::ac, 2},
 };
 
 const Parameter_Row io_rows[] = {

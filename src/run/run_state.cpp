@@ -38,9 +38,10 @@ void check_micrograph_size(const Run* run) {
 void check_cell_size(const Run* run) {
   const Kestrix_Para& para = run->para;
   if (run->sizes.grid_size < 1 || box_filter_cell_size(para.min_dist_px) < 1)
-    KESTRIX_FATAL("--min_dist %g (from --diameter where not given) is too small: a cell of the peak grid must have at "
-                  "least 1 pixel, which takes %g angstrom or more at this --apixM and --speed",
-                  static_cast<double>(para.min_dist), 1.4143 * static_cast<double>(para.apixM) * para.shrink);
+    KESTRIX_FATAL(
+        "--min_dist %g (from --diameter where not given) is too small: a cell of the peak grid must have at "
+        "least 1 pixel, which takes %g angstrom or more at this --apixM and --speed",
+        static_cast<double>(para.min_dist), 1.4143 * static_cast<double>(para.apixM) * para.shrink);
 }
 
 }  // namespace
@@ -80,9 +81,9 @@ void allocate_run(Run* run) {
   host.raw_mic = pinned_new<float>(static_cast<size_t>(s.nx) * s.ny);
   host.work_mic = pinned_new<float>(pixels);
   if (para.write_ccmax_mic) host.ccmax_stack = host_new<float>(static_cast<size_t>(s.T_num) * pixels);
-  host.grid_index = host_new<unsigned>(cells);
-  host.grid_cc = host_new<float>(cells);
-  host.grid_psi = host_new<float>(cells);
+  host.grid_index = pinned_new<unsigned>(cells);
+  host.grid_cc = pinned_new<float>(cells);
+  host.grid_psi = pinned_new<float>(cells);
   host.excluded_boxes = host_new<PTCL_BOX>(cells);
   host.global_boxes = host_new<PTCL_BOX>(cells);
   DeviceBuffers& device = run->device;
@@ -115,17 +116,17 @@ void prepare_templates(Run* run) {
 
 void free_run(Run* run) {
   HostBuffers& host = run->host;
-  cudaFreeHost(host.raw_mic);
-  cudaFreeHost(host.work_mic);
-  for (float* buffer : {host.T_stack, host.ccmax_stack, host.grid_cc, host.grid_psi}) free(buffer);
-  free(host.grid_index);
+  for (float* buffer : {host.raw_mic, host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
+  cudaFreeHost(host.grid_index);
+  free(host.T_stack);
+  free(host.ccmax_stack);
   free(host.excluded_boxes);
   free(host.global_boxes);
   const DeviceBuffers& device = run->device;
   for (float* buffer : {device.d_T_stack, device.d_mic, device.d_ccmax, device.d_psi, device.d_mask}) cudaFree(buffer);
   cudaFree(device.d_grid);
   if (run->ice.host_grid) ice_workspace_free(&run->ice);
-  if (run->pad.padded) mirror_pad_free(&run->pad);
+  mirror_pad_free(&run->pad);
   scan_workspace_free(&run->scan);
   peak_workspace_free(&run->peaks);
   hcuda_release_sum_scratch();

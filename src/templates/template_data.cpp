@@ -7,9 +7,9 @@
 #include "host_memory.h"
 #include "mrcfile.h"
 #include "process2d_raw.h"
-#include "saturate.h"
 #include "str_utils.h"
 #include "templates.h"
+#include "text_numbers.h"
 
 namespace {
 
@@ -32,11 +32,15 @@ void check_stack(FILE* file, const MRC_HEAD* head, const char* name) {
 
 void check_working_size(int nx, int ny, int work_side, const char* what) {
   if (nx < 1 || ny < 1)
-    KESTRIX_FATAL("%s come out smaller than 1 pixel (%d x %d) at the working pixel size; give a lower --speed and check "
-                  "--apixT, --apixM and --diameter", what, nx, ny);
+    KESTRIX_FATAL(
+        "%s come out smaller than 1 pixel (%d x %d) at the working pixel size; give a lower --speed and check "
+        "--apixT, --apixM and --diameter",
+        what, nx, ny);
   if (nx > work_side || ny > work_side)
-    KESTRIX_FATAL("%s come out as %d x %d pixels, larger than the working image of %d x %d; check --apixT, --apixM and "
-                  "--diameter", what, nx, ny, work_side, work_side);
+    KESTRIX_FATAL(
+        "%s come out as %d x %d pixels, larger than the working image of %d x %d; check --apixT, --apixM and "
+        "--diameter",
+        what, nx, ny, work_side, work_side);
 }
 
 // The scaled stack in a new block; frees the given one.
@@ -60,14 +64,14 @@ float* shrink_stack(float* stack, int nx, int ny, int nz, int shrink) {
 float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, float radius, float apixT, float apixM,
                                    int shrink, float center1_ratio, int work_side) {
   if (is_auto_template(T)) {
-    const long side = 4L * int_from_float(radius);
-    check_working_size(int_from_long(side), int_from_long(side), work_side, "the automatic template would");
+    const long side = 4L * saturating_int(radius);
+    check_working_size(saturating_int(side), saturating_int(side), work_side, "the automatic template would");
     return create_template_data(nx, ny, nz, radius, center1_ratio);
   }
   float* stack = get_template_data(nx, ny, nz, T);
   const float scale = apixT / apixM;
-  const int snx = int_from_float(static_cast<float>(nx) * scale);
-  const int sny = int_from_float(static_cast<float>(ny) * scale);
+  const int snx = saturating_int(static_cast<float>(nx) * scale);
+  const int sny = saturating_int(static_cast<float>(ny) * scale);
   check_working_size(snx / shrink, sny / shrink, work_side, T);
   if (scale != 1.0f) stack = scale_stack(stack, nx, ny, nz, snx, sny, scale);
   if (shrink != 1) stack = shrink_stack(stack, snx, sny, nz, shrink);

@@ -68,9 +68,13 @@ void check_template_usable(const float* data, unsigned long n, int t, int T_norm
     zero = zero && data[i] == 0.0f;
   }
   if (!finite)
-    KESTRIX_FATAL("template %d holds values that are not finite after normalisation (--T_norm_type %d, "
-                  "--center1_ratio); check the template stack", t + 1, T_norm_type);
+    KESTRIX_FATAL(
+        "template %d holds values that are not finite after normalisation (--T_norm_type %d, "
+        "--center1_ratio); check the template stack",
+        t + 1, T_norm_type);
   if (zero)
-    KESTRIX_FATAL("template %d is zero everywhere after normalisation (--T_norm_type %d), so that nothing can match "
-                  "it; check the template stack", t + 1, T_norm_type);
+    KESTRIX_FATAL(
+        "template %d is zero everywhere after normalisation (--T_norm_type %d), so that nothing can match "
+        "it; check the template stack",
+        t + 1, T_norm_type);
 }

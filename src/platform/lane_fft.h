@@ -1,0 +1,57 @@
+// Fourier transforms of eight arrays side by side, on the host: lane l of every value belongs to array l, so that each
+// step of a transform is the same arithmetic on whole vectors, whatever the length. Planned by the length alone: the
+// bits of a result depend neither on the run nor on the number of cores. Mixed-radix Stockham passes (see
+// Van Loan, Computational Frameworks for the Fast Fourier Transform, 1992, section 1.7), in single precision with
+// factors computed in double.
+#pragma once
+
+#include <cstddef>
+
+constexpr int kLanes = 8;
+
+/// One float of each of the eight arrays.
+typedef float Lane __attribute__((vector_size(kLanes * sizeof(float))));
+
+/// One complex value of each of the eight arrays.
+struct LaneValue {
+  Lane re, im;
+};
+
+/// Most passes that a length can take.
+constexpr int kMaxLanePasses = 32;
+
+/// How the arrays of one length are transformed.
+struct LanePlan {
+  int n;
+  int n_passes;
+  int radix[kMaxLanePasses];
+  const float* factors[kMaxLanePasses];  // of each pass: cosine and sine, (radix - 1) pairs a butterfly
+  float* factor_block;                   // holds them all
+};
+
+/// Whether n has no prime factor but 2, 3 and 5.
+bool lane_plan_handles(int n);
+
+/// A plan for arrays of n values; lane_plan_handles(n). Released with lane_plan_free.
+LanePlan lane_plan_new(int n);
+void lane_plan_free(LanePlan* plan);
+
+/// The work of a transform for each value of an array of n, in passes of radix 4: for choosing between lengths.
+double lane_plan_cost(int n);
+
+/// Unnormalised forward transform (exponent -2 pi i) of eight arrays.
+/// in        n values, left as they are
+/// out       n values
+/// scratch   n values; in, out and scratch don't overlap
+/// Exchanging re and im before and after gives the inverse.
+void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch);
+
+/// lane_fft of arrays of which only the first n_in values are not 0; in holds just these.
+void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch);
+
+/// n values, cleared, on a cache line's boundary, for free. A lack of memory ends the run.
+LaneValue* lane_values_new(size_t n);
+
+/// Turns eight rows of eight floats into eight columns: to[j][i] = from[i][j].
+/// from, to   row j at from + j * from_stride, to + j * to_stride; different places; strides in Lanes
+void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride);

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <vector>
+
+#include "mrcfile.h"
+#include "process2d_mrc.h"
+#include "test_support.h"
+
+namespace {
+
+class Extraction : public FolderTest {
+ protected:
+  // A movie of 16-bit samples 1, 2, 3 ...
+  void write_movie(const std::string& name, int nx, int ny, int nz, int claimed_nz) {
+    MRC_HEAD* claimed = mrc_new_head();
+    mrc_set_head_xyz_mode(claimed, nx, ny, claimed_nz, 1);
+    std::string file(reinterpret_cast<const char*>(claimed), sizeof *claimed);
+    free(claimed);
+    for (int i = 1; i <= nx * ny * nz; i++) {
+      file += static_cast<char>(i & 255);
+      file += static_cast<char>(i >> 8);
+    }
+    write_file(path(name), file);
+  }
+
+  std::vector<float> extract(const std::string& movie, const std::string& boxes, int size, int invert) {
+    write_file(path("m_quorlin.box"), boxes);
+    mrcf_x2d_extract_ptcls_from_micrograph(path(movie).c_str(), path("m_quorlin.box").c_str(), size, invert);
+    const std::string stack = path("m_particles.mrcs");
+    MRC_HEAD* read = get_mrcf_head(stack.c_str());
+    head = *read;
+    free(read);
+    if (head.nz == 0) return {};
+    float* data = get_mrcf_data_all(stack.c_str());
+    std::vector<float> samples(data, data + static_cast<size_t>(head.nx) * head.ny * head.nz);
+    free(data);
+    return samples;
+  }
+
+  ChildResult failure(const std::string& boxes, int size) {
+    return run_in_child([&] { extract("m.mrc", boxes, size, 0); });
+  }
+
+  MRC_HEAD head{};  // of the last stack
+};
+
+// Pixel (x, y) of frame f of the movie; 0 outside.
+float movie_pixel(int nx, int ny, long x, long y, int f) {
+  return x < 0 || x >= nx || y < 0 || y >= ny ? 0.0f : static_cast<float>((f * ny + y) * nx + x + 1);
+}
+
+}  // namespace
+
+TEST_F(Extraction, BoxesAreCutFromEveryFrameWithZerosOutsideTheImage) {
+  constexpr int nx = 13;
+  constexpr int ny = 11;
+  constexpr int size = 4;
+  const int corners[][2] = {{0, 0}, {5, 6}, {-2, 9}, {11, -3}, {-4, 2}, {13, 2}, {3, INT_MAX}, {INT_MIN, 3}};
+  std::string boxes;
+  for (const auto& corner : corners)
+    boxes += std::to_string(corner[0]) + " " + std::to_string(corner[1]) + " 4 4 0.5 0 0\n";
+  for (const int nz : {1, 3}) {
+    for (const int invert : {0, 1}) {
+      write_movie("m.mrc", nx, ny, nz, nz);
+      std::vector<float> expected;
+      for (const auto& corner : corners)
+        for (int f = 0; f < nz; f++)
+          for (int j = 0; j < size; j++)
+            for (int i = 0; i < size; i++)
+              expected.push_back((invert ? -1.0f : 1.0f) * movie_pixel(nx, ny, static_cast<long>(corner[0]) + i,
+                                                                       static_cast<long>(corner[1]) + j, f));
+      EXPECT_EQ(expected, extract("m.mrc", boxes, 0, invert));
+      EXPECT_EQ(2, head.mode);
+      EXPECT_EQ(8 * nz, head.nz);
+      EXPECT_EQ(*std::max_element(expected.begin(), expected.end()), head.amax);
+      float* block = get_mrcf_data_ptcls(path("m.mrc").c_str(), path("m_quorlin.box").c_str(), 0, invert);
+      EXPECT_EQ(0, memcmp(block, expected.data(), expected.size() * sizeof(float)));
+      free(block);
+    }
+  }
+}
+
+TEST_F(Extraction, ABoxSizeResizesAboutTheCentreAndTheFirstBoxSetsTheSizeOfAll) {
+  write_movie("m.mrcs", 13, 11, 1, 1);
+  const float centre = movie_pixel(13, 11, 6, 5, 0);
+  EXPECT_EQ(std::vector<float>{centre}, extract("m.mrcs", "4 3 5 5\n", 1, 0));
+  EXPECT_EQ(6u, extract("m.mrcs", "4 3 1 3\n2 2 100 100\n", 0, 0).size());
+  EXPECT_EQ(1, head.nx);
+  EXPECT_EQ(3, head.ny);
+  EXPECT_EQ(2, head.nz);
+}
+
+TEST_F(Extraction, TheListEndsAtItsCapacityAndAnEmptyOneGivesAnEmptyStack) {
+  write_movie("m.mrc", 3, 3, 1, 1);
+  std::string boxes;
+  for (int i = 0; i < 10241; i++) boxes += "1 1 1 1\n";
+  EXPECT_EQ(std::vector<float>(10240, 5.0f), extract("m.mrc", boxes, 0, 0));
+  EXPECT_EQ(0u, extract("m.mrc", "", 64, 0).size());
+  EXPECT_EQ(0, head.nx + head.ny + head.nz);
+  EXPECT_EQ(1024u, read_file(path("m_particles.mrcs")).size());
+}
+
+TEST_F(Extraction, AbsurdSizesAndFilesThatDisagreeEndTheRunWithoutAStack) {
+  write_movie("m.mrc", 3, 3, 1, 1);
+  EXPECT_EQ(1, failure("1 1 2147483647 2147483647\n", 0).status);
+  EXPECT_EQ(1, failure("1 1 1 1\n", INT_MAX).status);
+  EXPECT_EQ(1, failure("1 1 -3 3\n", 0).status);
+  EXPECT_EQ(1, failure("1 1 3 3\n", -3).status);
+  write_movie("m.mrc", 3, 3, 0, 0);
+  ChildResult run = failure("1 1 3 3\n", 0);
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(fatal_line("get_mrcf_data_ptcls", "process2d_mrc", "Micrograph or movie size error!"), run.out);
+  write_movie("m.mrc", 3, 3, 1, 2);
+  run = failure("1 1 3 3\n", 0);
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.out.find(fatal_line("mrc_read_all", "mrcfile", "File size error!")));
+  EXPECT_EQ("", read_file(path("m_particles.mrcs")));
+}

@@ -1,0 +1,62 @@
+// Whole runs of the program on small simulated micrographs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "common/truth_file.h"
+#include "score/matching.h"
+#include "score/picks.h"
+#include "test_support_programs.h"
+
+/// A folder in which micrographs are simulated and picked: 1024 x 900 pixels of 4 Å with some 45 particles of 260 Å,
+/// clear to see, unless options say otherwise. Programs run on one thread.
+class WholeRun : public FolderTest {
+ protected:
+  /// Writes sim_001.mrc and the files that belong to it; later options of the same name override.
+  void simulate(const std::string& options = "") const {
+    const ProgramRun run = run_program(path("."), "OMP_NUM_THREADS=1 " KESTRIX_SIMULATE
+                                                  " --nx 1024 --ny 900 --apix 4 --dose 10 --snr 0.03 --seed 3"
+                                                  " --templates 0 " +
+                                                      options);
+    ASSERT_EQ(0, run.status) << run.errors;
+  }
+
+  /// Runs the program with the arguments as they are, in the folder. A sanitizer's finding counts as a failure, as
+  /// does a run of more than a minute.
+  ProgramRun kestrix(const std::string& arguments, const std::string& environment = "OMP_NUM_THREADS=1") const {
+    const std::string sanitizers = "ASAN_OPTIONS=exitcode=99 UBSAN_OPTIONS=exitcode=99 ";
+    ProgramRun run = run_program(path("."), sanitizers + environment + " timeout 60 " KESTRIX_PROGRAM " " + arguments);
+    EXPECT_LT(run.status, 99) << arguments << ": " << run.errors;
+    EXPECT_GE(run.status, 0) << arguments << ": " << run.errors;
+    return run;
+  }
+
+  /// The same with the micrographs' pixel size and particle diameter, on sim_001.mrc; must succeed.
+  ProgramRun pick(const std::string& options, const std::string& environment = "OMP_NUM_THREADS=1") const {
+    ProgramRun run = kestrix("--apixM 4 --diameter 260 --cc_cutoff 0.25 sim_001.mrc " + options, environment);
+    EXPECT_EQ(0, run.status) << options << ": " << run.output << run.errors;
+    return run;
+  }
+
+  bool exists(const std::string& name) const { return std::filesystem::exists(path(name)); }
+  void remove_file(const std::string& name) const { std::filesystem::remove(path(name)); }
+  void copy_file(const std::string& from, const std::string& to) const {
+    std::filesystem::copy_file(path(from), path(to));
+  }
+  std::string content(const std::string& name) const { return read_file(path(name)); }
+  std::vector<Pick> picks(const std::string& name) const { return read_picks(path(name).c_str()); }
+
+  /// How the picks of a list agree with the truth about sim_001.mrc, within half a particle's radius.
+  Score score(const std::string& list) const {
+    const std::vector<TrueParticle> truth = read_truth(path("sim_001_truth.star").c_str());
+    const std::vector<Pick> found = picks(list);
+    std::vector<Area> areas;
+    const bool has_areas = exists("sim_001_areas.star");
+    if (has_areas) areas = read_areas(path("sim_001_areas.star").c_str());
+    return score_matching(truth, found, match_picks(truth, found, 0.5 * 130 / 4), has_areas ? &areas : nullptr);
+  }
+};
+
+/// Whether text holds words.
+inline bool holds(const std::string& text, const std::string& words) { return text.find(words) != std::string::npos; }
