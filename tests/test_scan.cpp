@@ -277,7 +277,7 @@ TEST_F(Scan, PrintsADotForEachAngleAndANewline) {
   const Scene scene = random_scene(12, 12, 3, 3, false);
   const auto mic = to_device(scene.mic), mask = to_device(scene.mask), T = to_device(scene.T);
   const auto ccmax = unwritten(scene.pixels());
-  for (const Angles& angles : {Angles{0, 359, 360}, Angles{0, 359, 5}, Angles{0, 359, 7}}) {
+  for (const Angles& angles : {Angles{0, 359, 360}, Angles{0, 350, 50}, Angles{0, 359, 7}}) {
     ScanWorkspace ws = workspace_for(scene, angles);
     const std::string dots = output_of([&] {
       quorlin_transform_micrograph(&ws, mic.get());
