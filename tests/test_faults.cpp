@@ -1,12 +1,12 @@
 // Runs of the program on a device that fails: which line ends the run, and that finished work stays whole. The host
 // device fails as KESTRIX_TEST_FAULTS says (faulty_device.cpp), on the host's own road through a run and on a GPU's.
 #include <gtest/gtest.h>
+#include <regex.h>
 
 #include <cmath>
 #include <filesystem>
 #include <map>
 #include <random>
-#include <regex>
 #include <vector>
 
 #include "mrcfile.h"
@@ -14,6 +14,15 @@
 #include "test_support_programs.h"
 
 namespace {
+
+/// Whether a text as a whole fits an extended regular expression.
+bool fits(const std::string& text, const std::string& pattern) {
+  regex_t compiled;
+  EXPECT_EQ(0, regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB)) << pattern;
+  const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&compiled);
+  return found;
+}
 
 constexpr int kWidth = 256;
 constexpr int kHeight = 224;
@@ -66,13 +75,16 @@ class FaultyRuns : public FolderTest {
   }
 
   ProgramRun run(const std::string& faults, const std::string& options = "") const {
+    // Where a failure ends the run, nothing is cleaned up.
+    const std::string leaks = faults.empty() ? "" : "ASAN_OPTIONS=detect_leaks=0 ";
+    const std::string arguments =
+        "' mic1.mrc mic2.mrc " + options +
+        " --T templates.mrcs --apixM 2 --apixT 5 --diameter 40 --speed 1 --ang_step 90 --lave_min -9 --lave_max 9 "
+        "--lsigma_cutoff 9 --do_pre_filter --write_pref_mic --write_bg_mic --write_bgfree_mic --write_lsigma_mic "
+        "--write_mic_mask --write_ccmax_mic --extract_raw --exclusive_picking --excluded_suffix _bad.box "
+        "--mask_excluded";
     return run_program(path(""),
-                       "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + faults + " '" + program_ + "' mic1.mrc mic2.mrc " +
-                           options +
-                           " --T templates.mrcs --apixM 2 --apixT 5 --diameter 40 --speed 1 --ang_step 90 "
-                           "--lave_min -9 --lave_max 9 --lsigma_cutoff 9 --do_pre_filter --write_pref_mic "
-                           "--write_bg_mic --write_bgfree_mic --write_lsigma_mic --write_mic_mask --write_ccmax_mic "
-                           "--extract_raw --exclusive_picking --excluded_suffix _bad.box --mask_excluded");
+                       leaks + "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + faults + " '" + program_ + arguments);
   }
 
   /// The files that a run left, by name.
@@ -125,9 +137,9 @@ class FaultyRuns : public FolderTest {
       }
       SCOPED_TRACE(kind + " " + std::to_string(n));
       EXPECT_EQ(1, run.status);
-      const bool on_errors = std::regex_match(run.errors, std::regex(errors));
+      const bool on_errors = fits(run.errors, errors);
       const size_t line = run.output.empty() ? 0 : run.output.rfind('\n', run.output.size() - 2) + 1;
-      const bool on_output = std::regex_match(run.output.substr(line), std::regex(output));
+      const bool on_output = fits(run.output.substr(line), output);
       EXPECT_TRUE(on_errors ? !on_output : on_output && run.errors.empty()) << run.output << run.errors;
       expect_whole_outputs(run);
       second_reached = second_reached || run.output.find("File mic1.mrc finished.") != std::string::npos;
@@ -144,7 +156,7 @@ class FaultyGpuRoadRuns : public FaultyRuns {
   FaultyGpuRoadRuns() : FaultyRuns(KESTRIX_FAULTY_GPU_ROAD) {}
 };
 
-const std::string kNothing = "(?!)";
+const std::string kNothing = "(no such line)";
 const std::string kPlace = " at line [0-9]+ in file [a-z0-9_]+\n";
 
 std::string fatal_pattern(const std::string& function, const std::string& unit, const std::string& text) {
@@ -221,10 +233,10 @@ TEST_F(GpuProbe, ListsTheDevicesThatTheProgramSees) {
   };
   const std::string line = ": host \\([0-9]+ cores\\), compute capability ";
   const std::string memory = ", [0-9]+\\.[0-9] GiB\n";
-  EXPECT_TRUE(std::regex_match(probe("").output, std::regex("0" + line + "1\\.0" + memory)));
+  EXPECT_TRUE(fits(probe("").output, "0" + line + "1\\.0" + memory));
   const ProgramRun some = probe("devices=3,capability=7.5:-1:8.6");
   EXPECT_EQ(0, some.status);
-  EXPECT_TRUE(std::regex_match(some.output, std::regex("0" + line + "7\\.5" + memory + "2" + line + "8\\.6" + memory)));
+  EXPECT_TRUE(fits(some.output, "0" + line + "7\\.5" + memory + "2" + line + "8\\.6" + memory));
   EXPECT_EQ("gpu_probe: device 1 can't be used: invalid device ordinal\n", some.errors);
   const ProgramRun none = probe("devices=0");
   EXPECT_EQ(1, none.status);
