@@ -174,9 +174,9 @@ TEST_F(RunOutput, KilledAtAnyMomentLeavesOnlyCompleteLists) {
   kestrix(std::string(kCommon) + "sim_001.mrc");
   const std::string complete = content("sim_001_quorlin.box");
   ASSERT_FALSE(complete.empty());
-  const std::string start_and_kill =
-      "{ " KESTRIX_PROGRAM " " + std::string(kCommon) + all +
-      " & picker=$!; while [ ! -e copy_3_quorlin.box ] && kill -0 $picker; do sleep 0.001; done; kill -9 $picker; wait; }";
+  const std::string start_and_kill = "{ " KESTRIX_PROGRAM " " + std::string(kCommon) + all +
+                                     " & picker=$!; while [ ! -e copy_3_quorlin.box ] && kill -0 $picker; do sleep "
+                                     "0.001; done; kill -9 $picker; wait; }";
   run_program(path("."), start_and_kill);
   int done = 0;
   for (int i = 0; i < copies; i++) {

@@ -161,6 +161,14 @@ void upload_working_image(Run* run, const char* name, bool readable) {
   hcuda_2d_memset(run->device.d_mic, std::numeric_limits<float>::quiet_NaN(), s.work_nx, s.work_ny);
 }
 
+// Says so if no cell is left to pick in.
+void note_all_closed(Run* run, const char* name) {
+  unsigned* cells = run->host.grid_index;
+  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(cells, run->device.d_grid, grid_cells(run) * sizeof(unsigned))));
+  const bool closed = std::all_of(cells, cells + grid_cells(run), [](unsigned point) { return point != 0; });
+  if (closed) safety_note(name, "every cell is excluded; nothing can be picked.");
+}
+
 // Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
 void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   const Kestrix_Para& para = run->para;
@@ -176,6 +184,7 @@ void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   if (!is_str_null(para.global_excluded_box))
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
+  note_all_closed(run, names->mic);
 }
 
 // From the raw micrograph to d_mic, normalised over the area that d_mask leaves open.
