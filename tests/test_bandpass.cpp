@@ -19,7 +19,7 @@ double weight(double r, int P, const Band& band) {
   const float low = length / std::max(band.res1, band.res2), high = length / std::min(band.res1, band.res2);
   if (r < low) return 0;
   if (band.soft < 0) {
-    const double H = P / 2 + 1;
+    const int H = P / 2 + 1;
     return r > high ? 0 : gaussian(r, high / 3.0) * gaussian(H - r, (H - low) / 3);
   }
   if (r <= high) return 1;

@@ -7,46 +7,6 @@ struct Size {
   int nx, ny;
 };
 
-/// Weight of a window of radius R with a soft edge at the distance r from its centre.
-double window_weight(double r, double R, double soft) {
-  const double past = (r - R) / (soft / 3);
-  return r <= R ? 1 : r <= R + soft ? 0.39894228 * std::exp(-past * past / 2) : 0;
-}
-
-/// Mean of the image, mirrored without end, under the window centred half a pixel before each pixel. The window is cut
-/// to one period of the mirrored image.
-std::vector<double> windowed_mean(const std::vector<double>& image, Size size, double R, double soft) {
-  std::vector<double> weights;
-  for (int j = -size.ny; j < size.ny; j++)
-    for (int i = -size.nx; i < size.nx; i++) weights.push_back(window_weight(std::hypot(i + 0.5, j + 0.5), R, soft));
-  std::vector<double> means;
-  for (int y = 0; y < size.ny; y++) {
-    for (int x = 0; x < size.nx; x++) {
-      double sum = 0, total = 0;
-      const double* w = weights.data();
-      for (int j = -size.ny; j < size.ny; j++) {
-        const double* row = image.data() + static_cast<size_t>(mirrored(y + j, size.ny)) * size.nx;
-        for (int i = -size.nx; i < size.nx; i++, w++) {
-          sum += *w * row[mirrored(x + i, size.nx)];
-          total += *w;
-        }
-      }
-      means.push_back(sum / total);
-    }
-  }
-  return means;
-}
-
-std::vector<double> windowed_sigma(const std::vector<float>& image, Size size, double R, double soft) {
-  const std::vector<double> wide = widened(image);
-  std::vector<double> squares = wide;
-  for (double& v : squares) v *= v;
-  const std::vector<double> mean = windowed_mean(wide, size, R, soft);
-  std::vector<double> sigma = windowed_mean(squares, size, R, soft);
-  for (size_t i = 0; i < sigma.size(); i++) sigma[i] = std::sqrt(sigma[i] - mean[i] * mean[i]);
-  return sigma;
-}
-
 struct Maps {
   std::vector<float> average, sigma;
 };
@@ -79,8 +39,8 @@ TEST_F(LocalMaps, AgreeWithDirectWindowedMeansOfTheMirroredImage) {
       const Maps got = maps_of(image, size, R, R + 1, 4.0f);
       const double radius = static_cast<double>(R);
       // Means of values of about 1 by float transforms; the root doubles what the squares' mean is off by.
-      EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size, radius, 4), 3e-6));
-      EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size, static_cast<double>(R + 1), 4), 1e-5));
+      EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size.nx, size.ny, radius, 4), 3e-6));
+      EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(R + 1), 4), 1e-5));
     }
   }
 }
@@ -89,8 +49,9 @@ TEST_F(LocalMaps, OfAWindowLargerThanThePaddedImageAreStillMeans) {
   const Size size{12, 9};
   const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 2, 0, 3);
   const Maps got = maps_of(image, size, 14.2f, 7.3f, 8.0f);
-  EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size, static_cast<double>(14.2f), 8), 5e-6));
-  EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size, static_cast<double>(7.3f), 8), 2e-5));
+  EXPECT_TRUE(
+      all_near(got.average, windowed_mean(widened(image), size.nx, size.ny, static_cast<double>(14.2f), 8), 5e-6));
+  EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(7.3f), 8), 2e-5));
 }
 
 TEST_F(LocalMaps, ShowAnImpulseHalfAPixelPastItsPlace) {
@@ -132,7 +93,8 @@ TEST_F(LocalMaps, LeaveTheTransformForTheNextWindow) {
   hcuda_2d_bg_mpad(&pad, &large, other.get());
   hcuda_2d_bg_mpad(&pad, &small, again.get());
   EXPECT_TRUE(same_bits(to_host(again, n), to_host(first, n)));
-  EXPECT_TRUE(all_near(to_host(other, n), windowed_mean(widened(image), size, static_cast<double>(5.2f), 3), 3e-6));
+  EXPECT_TRUE(
+      all_near(to_host(other, n), windowed_mean(widened(image), size.nx, size.ny, static_cast<double>(5.2f), 3), 3e-6));
   disc_window_free(&small);
   disc_window_free(&large);
   mirror_pad_free(&pad);

@@ -57,8 +57,8 @@ std::vector<float> mask_of_three_weights(size_t n) {
 
 /// d shifted and scaled from the given mean and deviation to the new ones.
 std::vector<double> rescaled(const std::vector<float>& d, const Statistics& from, double sigma, double mean) {
-  std::vector<double> out;
-  for (const float v : d) out.push_back((v - from.mean) * sigma / from.deviation + mean);
+  std::vector<double> out = widened(d);
+  for (double& v : out) v = (v - from.mean) * sigma / from.deviation + mean;
   return out;
 }
 
@@ -158,8 +158,8 @@ TEST_F(ArrayOperations, MultiplyAddRoundsOnce) {
   EXPECT_EQ(std::ldexp(1.0f, -24), to_host(one, 1)[0]);
 
   const std::vector<float> values = uneven_values(40001, 3);
-  std::vector<float> want;
-  for (const float v : values) want.push_back(std::fma(v, 1.1f, -0.7f));
+  std::vector<float> want = values;
+  for (float& v : want) v = std::fma(v, 1.1f, -0.7f);
   const auto d = to_device(values);
   hcuda_multi_add_inplace(d.get(), values.size(), 1.1f, -0.7f);
   EXPECT_TRUE(same_bits(to_host(d, values.size()), want));

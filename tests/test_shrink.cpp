@@ -80,8 +80,12 @@ TEST(ShrinkToSquare, TakesARealCamerasSizes) {
   EXPECT_EQ(0, get_max_extended_square_even_size(15, 15, 8));
   const int nx = 3838, ny = 3710;
   std::vector<float> image(static_cast<size_t>(nx) * ny);
-  for (int y = 0; y < ny; y++)
-    for (int x = 0; x < nx; x++) image[static_cast<size_t>(y) * nx + x] = static_cast<float>(x / 4 + 1000 * (y / 4));
+  for (int y = 0; y < ny; y++) {
+    for (int x = 0; x < nx; x++) {
+      const int block = x / 4 + 1000 * (y / 4);
+      image[static_cast<size_t>(y) * nx + x] = static_cast<float>(block);
+    }
+  }
   const std::vector<float> square = shrunk_square(image, nx, ny, 4);
   std::vector<double> want;
   for (int y = 0; y < 958; y++)

@@ -80,7 +80,7 @@ class TemplateStack : public FolderTest {
   void SetUp() override { REQUIRE_DEVICE(); }  // resampling runs there
 
   std::string stack_file(const std::vector<float>& pixels, int nx, int ny, int nz) const {
-    const std::string name = path("templates.mrcs");
+    std::string name = path("templates.mrcs");
     mrcf_write_xyz_data(name.c_str(), pixels.data(), nx, ny, nz);
     return name;
   }
@@ -182,9 +182,12 @@ TEST_F(TemplateStack, AtTheMicrographsPixelSizeIsUntouched) {
 
 TEST_F(TemplateStack, ShrunkOnlyLosesTheLastRowAndColumn) {
   std::vector<float> pixels(101 * 101);
-  for (int y = 0; y < 101; y++)
-    for (int x = 0; x < 101; x++)
-      pixels[static_cast<size_t>(y) * 101 + x] = x == 100 || y == 100 ? kNaN : static_cast<float>(x / 4 + 25 * (y / 4));
+  for (int y = 0; y < 101; y++) {
+    for (int x = 0; x < 101; x++) {
+      const int block = x / 4 + 25 * (y / 4);
+      pixels[static_cast<size_t>(y) * 101 + x] = x == 100 || y == 100 ? kNaN : static_cast<float>(block);
+    }
+  }
   Request request;
   request.T = stack_file(pixels, 101, 101, 1);
   request.shrink = 4;

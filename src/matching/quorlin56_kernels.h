@@ -31,8 +31,9 @@ KERNEL void cuda_correlate_spectra(int x, int y, const float2* mic_spectrum, flo
   cuda_c2d_multconj_norm(x, y % ny, mic_spectrum, spectra + offset, spectra + offset, hnx, norm);
 }
 
-KERNEL void cuda_update_ccmax_psi_2d(int x, int y, int k, float* ccmax, const float* cc, float* psi, ScanAngles angles,
-                                     int nx, int ny) {
+// The maps are __restrict__, so that a GPU keeps a pixel's best in registers while the images go by.
+KERNEL void cuda_update_ccmax_psi_2d(int x, int y, int k, float* __restrict__ ccmax, const float* __restrict__ cc,
+                                     float* __restrict__ psi, ScanAngles angles, int nx, int ny) {
   const size_t i = pixel_at(x, y, nx);
   const float value = cc[static_cast<size_t>(k) * nx * ny + i];
   const float best = ccmax[i];
@@ -42,7 +43,8 @@ KERNEL void cuda_update_ccmax_psi_2d(int x, int y, int k, float* ccmax, const fl
   psi[i] = better ? angles.psi[k] : angle;
 }
 
-KERNEL void cuda_update_ccmax_2d(int x, int y, int k, float* ccmax, const float* cc, int nx, int ny) {
+KERNEL void cuda_update_ccmax_2d(int x, int y, int k, float* __restrict__ ccmax, const float* __restrict__ cc, int nx,
+                                 int ny) {
   const size_t i = pixel_at(x, y, nx);
   const float value = cc[static_cast<size_t>(k) * nx * ny + i];
   const float best = ccmax[i];

@@ -10,6 +10,7 @@
 namespace {
 
 std::atomic<long> malloc_calls{0};
+std::atomic<long> malloc_host_calls{0};
 std::atomic<long> memcpy_calls{0};
 std::atomic<long> launch_calls{0};
 
@@ -39,6 +40,7 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
   const HostDeviceFaults& faults = host_device_faults();
   if (device < 0 || device >= faults.device_count) return cudaErrorInvalidDevice;
   const int* capability = device < 8 ? faults.capability[device] : faults.capability[0];
+  if (capability[0] < 0) return cudaErrorInvalidDevice;
   const bool healthy = capability[0] == 0 && capability[1] == 0;
   snprintf(properties->name, sizeof properties->name, "host (%ld cores)", sysconf(_SC_NPROCESSORS_ONLN));
   properties->totalGlobalMem =
@@ -65,7 +67,13 @@ cudaError_t cudaFree(void* pointer) {
   return cudaSuccess;
 }
 
-cudaError_t cudaMallocHost(void** pointer, size_t bytes) { return allocate(pointer, bytes); }
+cudaError_t cudaMallocHost(void** pointer, size_t bytes) {
+  if (fails(malloc_host_calls, host_device_faults().fail_malloc_host_at)) {
+    *pointer = nullptr;
+    return cudaErrorMemoryAllocation;
+  }
+  return allocate(pointer, bytes);
+}
 
 cudaError_t cudaFreeHost(void* pointer) { return cudaFree(pointer); }
 

@@ -8,6 +8,11 @@
 
 #ifdef KESTRIX_CUDA
 
+// CMake gives nvcc the sources that include this header in their own text, and the others to the host compiler.
+#ifndef __CUDACC__
+#error "include platform/launch.h in the source itself, not by way of another header, and run cmake again"
+#endif
+
 #define KERNEL_LOOP
 
 namespace launch_detail {
@@ -58,10 +63,14 @@ cudaError_t launch_2d(int nx, int ny, Args... args) {
   return launch_detail::wait_for_launch();
 }
 
-/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells.
+/// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells. In blocks of one
+/// warp: a thousand cells would make a single block of 32 by 32 and leave all multiprocessors but one idle.
 template <auto Kernel, class... Args>
 cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
-  return launch_2d<Kernel>(grid_nx, grid_ny, args...);
+  if (grid_nx <= 0 || grid_ny <= 0) return cudaSuccess;
+  const dim3 grid(static_cast<unsigned>((grid_nx + 7) / 8), static_cast<unsigned>((grid_ny + 3) / 4));
+  launch_detail::grid_2d<Kernel><<<grid, dim3(8, 4)>>>(grid_nx, grid_ny, args...);
+  return launch_detail::wait_for_launch();
 }
 
 /// Runs Kernel(x, y, k, args...) for every pixel of nx by ny and, at each pixel, for k = 0 .. times - 1 in this order.

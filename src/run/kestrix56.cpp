@@ -140,12 +140,21 @@ bool is_flat(const float* d, size_t n) {
   return *extremes.first == *extremes.second;
 }
 
+bool is_finite(const float* d, size_t n) {
+  float sum = 0;
+#pragma omp simd reduction(+ : sum)
+  for (size_t i = 0; i < n; i++) sum += d[i] * 0.0f;
+  return sum == 0.0f;
+}
+
 // Brings the shrunk image to the device.
 void upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
   cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
+  if (!is_finite(run->host.work_mic, pixels))
+    safety_note(name, "holds values that are not finite; nothing can be picked.");
   if (!is_flat(run->host.work_mic, pixels)) return;
   if (readable) safety_note(name, "the image has no variation; nothing can be picked.");
   // Without a deviation to divide by no pixel has a normalised value; rounding must not make one up.

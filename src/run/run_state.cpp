@@ -81,9 +81,9 @@ void allocate_run(Run* run) {
   host.raw_mic = pinned_new<float>(static_cast<size_t>(s.nx) * s.ny);
   host.work_mic = pinned_new<float>(pixels);
   if (para.write_ccmax_mic) host.ccmax_stack = host_new<float>(static_cast<size_t>(s.T_num) * pixels);
-  host.grid_index = host_new<unsigned>(cells);
-  host.grid_cc = host_new<float>(cells);
-  host.grid_psi = host_new<float>(cells);
+  host.grid_index = pinned_new<unsigned>(cells);
+  host.grid_cc = pinned_new<float>(cells);
+  host.grid_psi = pinned_new<float>(cells);
   host.excluded_boxes = host_new<PTCL_BOX>(cells);
   host.global_boxes = host_new<PTCL_BOX>(cells);
   DeviceBuffers& device = run->device;
@@ -116,10 +116,10 @@ void prepare_templates(Run* run) {
 
 void free_run(Run* run) {
   HostBuffers& host = run->host;
-  cudaFreeHost(host.raw_mic);
-  cudaFreeHost(host.work_mic);
-  for (float* buffer : {host.T_stack, host.ccmax_stack, host.grid_cc, host.grid_psi}) free(buffer);
-  free(host.grid_index);
+  for (float* buffer : {host.raw_mic, host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
+  cudaFreeHost(host.grid_index);
+  free(host.T_stack);
+  free(host.ccmax_stack);
   free(host.excluded_boxes);
   free(host.global_boxes);
   const DeviceBuffers& device = run->device;

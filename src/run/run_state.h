@@ -24,9 +24,9 @@ struct HostBuffers {
   float* work_mic;           // work_nx*work_ny: the shrunk even square; pinned
   float* T_stack;            // T_num templates of T_nx*T_ny as acquired
   float* ccmax_stack;        // T_num maps of work_nx*work_ny, or null where no map is written
-  unsigned* grid_index;      // one per cell: pixel of the peak, 0 for none
-  float* grid_cc;            // one per cell: score of the peak
-  float* grid_psi;           // one per cell: angle of the peak, degrees
+  unsigned* grid_index;      // one per cell: pixel of the peak, 0 for none; pinned
+  float* grid_cc;            // one per cell: score of the peak; pinned
+  float* grid_psi;           // one per cell: angle of the peak, degrees; pinned
   PTCL_BOX* excluded_boxes;  // one per cell: the micrograph's excluded coordinates
   PTCL_BOX* global_boxes;    // one per cell: those of the list for all micrographs
 };
