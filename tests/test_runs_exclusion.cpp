@@ -26,7 +26,7 @@ bool is_near_any(const Pick& pick, const std::vector<Pick>& places) {
 class RunExcludes : public WholeRun {
  protected:
   void SetUp() override {
-    SKIP_WITHOUT_DEVICE();
+    REQUIRE_DEVICE();
     simulate();
     pick("--speed 1 --detect_ice 0");
     all_ = picks("sim_001_quorlin.star");

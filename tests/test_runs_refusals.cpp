@@ -11,7 +11,7 @@ namespace {
 class RunRefuses : public WholeRun {
  protected:
   void SetUp() override {
-    SKIP_WITHOUT_DEVICE();
+    REQUIRE_DEVICE();
     simulate("--nx 300 --ny 280 --apix 8 --dose 2 --templates 2");
     for (const auto& entry : std::filesystem::directory_iterator(path("."))) files_before_ += entry.is_regular_file();
   }

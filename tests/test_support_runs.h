@@ -7,14 +7,14 @@
 #include "common/truth_file.h"
 #include "score/matching.h"
 #include "score/picks.h"
-#include "test_support_device.h"
+#include "test_numeric.h"
 #include "test_support_programs.h"
 
 /// A folder in which micrographs are simulated and picked: 1024 x 900 pixels of 4 Å with some 45 particles of 260 Å,
 /// clear to see, unless options say otherwise. Programs run on one thread.
 class WholeRun : public FolderTest {
  protected:
-  void SetUp() override { SKIP_WITHOUT_DEVICE(); }
+  void SetUp() override { REQUIRE_DEVICE(); }
 
   /// Writes sim_001.mrc and the files that belong to it; later options of the same name override.
   void simulate(const std::string& options = "") const {
