@@ -41,7 +41,10 @@ int batch_size(const ScanWorkspace& ws, int n_angles) {
   const size_t bytes = 2 * image_pixels(ws) * sizeof(float) + spectrum_values(ws) * sizeof(float2);
   const size_t fitting = std::max<size_t>(1, kBatchBytes / bytes);
   const int wanted = std::min({wanted_batch(), n_angles, kMaxScanBatch});
-  return static_cast<int>(std::min<size_t>(static_cast<size_t>(std::max(wanted, 1)), fitting));
+  const int most = static_cast<int>(std::min<size_t>(static_cast<size_t>(std::max(wanted, 1)), fitting));
+  // As many passes as that takes, all of about the same size: a batched plan always transforms its whole batch.
+  const int passes = (std::max(n_angles, 1) + most - 1) / most;
+  return (std::max(n_angles, 1) + passes - 1) / passes;
 }
 
 cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {

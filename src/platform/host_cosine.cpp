@@ -1,8 +1,6 @@
 #include "platform/host_cosine.h"
 
 #include <fftw3.h>
-#include <omp.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -10,40 +8,72 @@
 
 #include "platform/lane_cosine.h"
 
+namespace {
+
+// One dimension of an image by FFTW, a few rows or columns in each call, which the cores share. Planned for one core, so
+// that the bits don't depend on their number.
+struct LinePlans {
+  fftwf_plan several, one;  // kTogether lines, a single line
+  size_t line_step;         // between the first values of neighbouring lines
+  int lines;
+};
+
+constexpr int kTogether = 8;
+
+}  // namespace
+
 struct CosinePlans {
   int nx, ny;
-  LaneCosine* lanes;  // where the sides suit it; else null, and FFTW's plans with their buffers are set
-  fftwf_plan forward, inverse, correlate;
-  float* image;        // nx*ny
-  float* product;      // (nx + 1) * (ny + 1), the last row and column 0
-  float* correlation;  // (nx + 1) * (ny + 1)
+  LaneCosine* lanes;                               // where the sides suit it; else null, and what follows is set
+  LinePlans forward[2], inverse[2], correlate[2];  // along x, along y
+  float* whole;                                    // (nx + 1) * (ny + 1): the correlation at whole positions
 };
 
 namespace {
 
-bool plan_fftw(CosinePlans* plans) {
-  static const bool threads_ready = fftwf_init_threads() != 0;
-  const int nx = plans->nx;
-  const int ny = plans->ny;
-  const size_t whole_positions = (static_cast<size_t>(nx) + 1) * (static_cast<size_t>(ny) + 1);
-  plans->image = fftwf_alloc_real(static_cast<size_t>(nx) * ny);
-  plans->product = fftwf_alloc_real(whole_positions);
-  plans->correlation = fftwf_alloc_real(whole_positions);
-  if (!threads_ready || !plans->image || !plans->product || !plans->correlation) return false;
-  std::fill_n(plans->product, whole_positions, 0.0f);
-  fftwf_plan_with_nthreads(omp_get_max_threads());
-  plans->forward = fftwf_plan_r2r_2d(ny, nx, plans->image, plans->image, FFTW_REDFT10, FFTW_REDFT10, FFTW_ESTIMATE);
-  plans->inverse = fftwf_plan_r2r_2d(ny, nx, plans->image, plans->image, FFTW_REDFT01, FFTW_REDFT01, FFTW_ESTIMATE);
-  plans->correlate =
-      fftwf_plan_r2r_2d(ny + 1, nx + 1, plans->product, plans->correlation, FFTW_REDFT00, FFTW_REDFT00, FFTW_ESTIMATE);
-  return plans->forward && plans->inverse && plans->correlate;
+fftwf_plan plan_lines(int n, int lines, int value_step, int line_step, fftwf_r2r_kind kind) {
+  alignas(64) static float place[16];  // an estimate looks at nothing there
+  return fftwf_plan_many_r2r(1, &n, lines, place, nullptr, value_step, line_step, place, nullptr, value_step, line_step,
+                             &kind, FFTW_ESTIMATE | FFTW_UNALIGNED);
 }
 
-void transform_in_place(const CosinePlans* plans, fftwf_plan plan, float* image) {
-  const size_t bytes = static_cast<size_t>(plans->nx) * plans->ny * sizeof(float);
-  memcpy(plans->image, image, bytes);
-  fftwf_execute(plan);
-  memcpy(image, plans->image, bytes);
+// Plans for both dimensions of images of nx by ny; false if FFTW can't.
+bool plan_dimensions(LinePlans* plans, int nx, int ny, fftwf_r2r_kind kind) {
+  plans[0] = {plan_lines(nx, kTogether, 1, nx, kind), plan_lines(nx, 1, 1, nx, kind), static_cast<size_t>(nx), ny};
+  plans[1] = {plan_lines(ny, kTogether, nx, 1, kind), plan_lines(ny, 1, nx, 1, kind), 1, nx};
+  return plans[0].several && plans[0].one && plans[1].several && plans[1].one;
+}
+
+void free_dimensions(LinePlans* plans) {
+  for (int i = 0; i < 2; i++)
+    for (fftwf_plan plan : {plans[i].several, plans[i].one})
+      if (plan) fftwf_destroy_plan(plan);
+}
+
+void transform_lines(const LinePlans& plans, float* image) {
+#pragma omp parallel for schedule(dynamic)
+  for (int line = 0; line < plans.lines; line += kTogether) {
+    const bool full = line + kTogether <= plans.lines;
+    for (int i = line; i < (full ? line + 1 : plans.lines); i++) {
+      float* first = image + static_cast<size_t>(i) * plans.line_step;
+      fftwf_execute_r2r(full ? plans.several : plans.one, first, first);
+    }
+  }
+}
+
+void transform_image(const LinePlans* plans, float* image) {
+  transform_lines(plans[0], image);
+  transform_lines(plans[1], image);
+}
+
+bool plan_fftw(CosinePlans* plans) {
+  const int nx = plans->nx;
+  const int ny = plans->ny;
+  plans->whole = fftwf_alloc_real((static_cast<size_t>(nx) + 1) * (static_cast<size_t>(ny) + 1));
+  fftwf_plan_with_nthreads(1);
+  return plans->whole && plan_dimensions(plans->forward, nx, ny, FFTW_REDFT10) &&
+         plan_dimensions(plans->inverse, nx, ny, FFTW_REDFT01) &&
+         plan_dimensions(plans->correlate, nx + 1, ny + 1, FFTW_REDFT00);
 }
 
 }  // namespace
@@ -65,28 +95,28 @@ CosinePlans* cosine_plans_new(int nx, int ny) {
 void cosine_plans_free(CosinePlans* plans) {
   if (!plans) return;
   lane_cosine_free(plans->lanes);
-  for (fftwf_plan plan : {plans->forward, plans->inverse, plans->correlate})
-    if (plan) fftwf_destroy_plan(plan);
-  for (float* buffer : {plans->image, plans->product, plans->correlation}) fftwf_free(buffer);
+  for (LinePlans* dimensions : {plans->forward, plans->inverse, plans->correlate}) free_dimensions(dimensions);
+  fftwf_free(plans->whole);
   free(plans);
 }
 
 void cosine_forward(const CosinePlans* plans, float* image) {
   if (plans->lanes) return lane_cosine_forward(plans->lanes, image);
-  transform_in_place(plans, plans->forward, image);
+  transform_image(plans->forward, image);
 }
 
 void cosine_inverse(const CosinePlans* plans, float* image) {
   if (plans->lanes) return lane_cosine_inverse(plans->lanes, image);
-  transform_in_place(plans, plans->inverse, image);
+  transform_image(plans->inverse, image);
 }
 
 void cosine_correlate(const CosinePlans* plans, float* image) {
   if (plans->lanes) return lane_cosine_correlate(plans->lanes, image);
   const auto nx = static_cast<size_t>(plans->nx);
   const auto ny = static_cast<size_t>(plans->ny);
-  for (size_t y = 0; y < ny; y++) memcpy(plans->product + y * (nx + 1), image + y * nx, nx * sizeof(float));
-  fftwf_execute(plans->correlate);
+  std::fill_n(plans->whole, (nx + 1) * (ny + 1), 0.0f);  // the last row and column have no coefficients
+  for (size_t y = 0; y < ny; y++) memcpy(plans->whole + y * (nx + 1), image + y * nx, nx * sizeof(float));
+  transform_image(plans->correlate, plans->whole);
   for (size_t y = 0; y < ny; y++)
-    for (size_t x = 0; x < nx; x++) image[y * nx + x] = plans->correlation[(ny - y) * (nx + 1) + nx - x];
+    for (size_t x = 0; x < nx; x++) image[y * nx + x] = plans->whole[(ny - y) * (nx + 1) + nx - x];
 }

@@ -1,7 +1,7 @@
-// cuFFT's 2D single-precision transforms on the host, by FFTW. Plans are estimated, never measured: an estimated
-// plan is the same on every run and for every number of threads, and so are its results, to the bit.
+// cuFFT's 2D single-precision transforms on the host, by FFTW. Plans are estimated, never measured, and for one core:
+// such a plan is the same on every run and any number of cores, and so are its results, to the bit. A batch gives its
+// images to the cores.
 #include <fftw3.h>
-#include <omp.h>
 
 #include <mutex>
 #include <vector>
@@ -13,8 +13,7 @@ namespace {
 struct HostPlan {
   cufftType type;
   int nx, ny, batch;
-  fftwf_plan one_core;   // one image on the calling core
-  fftwf_plan all_cores;  // one image on all cores
+  fftwf_plan one_image;  // on the calling core
 };
 
 std::mutex plans_mutex;  // FFTW's planner and the table below are not thread-safe
@@ -31,10 +30,10 @@ size_t spectrum_values(const HostPlan& p) { return static_cast<size_t>(p.nx / 2 
 
 // Estimating looks at the alignment of the two buffers only, never at their contents: any two places that are
 // aligned as cudaMalloc aligns will do.
-fftwf_plan plan_one_image(cufftType type, int nx, int ny, int threads) {
+fftwf_plan plan_one_image(cufftType type, int nx, int ny) {
   alignas(64) static float image[16];
   alignas(64) static fftwf_complex spectrum[8];
-  fftwf_plan_with_nthreads(threads);
+  fftwf_plan_with_nthreads(1);
   return type == CUFFT_R2C ? fftwf_plan_dft_r2c_2d(ny, nx, image, spectrum, FFTW_ESTIMATE)
                            : fftwf_plan_dft_c2r_2d(ny, nx, spectrum, image, FFTW_ESTIMATE);
 }
@@ -44,20 +43,19 @@ bool is_aligned(const void* pointer) {
 }
 
 bool is_live(cufftHandle plan, cufftType type) {
-  return plan >= 0 && static_cast<size_t>(plan) < plans.size() && plans[plan].one_core && plans[plan].type == type;
+  return plan >= 0 && static_cast<size_t>(plan) < plans.size() && plans[plan].one_image && plans[plan].type == type;
 }
 
-void transform_image(const HostPlan& p, fftwf_plan plan, size_t index, float* image, float2* spectrum) {
+void transform_image(const HostPlan& p, size_t index, float* image, float2* spectrum) {
   float* pixels = image + index * image_floats(p);
   auto* values = reinterpret_cast<fftwf_complex*>(spectrum + index * spectrum_values(p));
   if (p.type == CUFFT_R2C) {
-    fftwf_execute_dft_r2c(plan, pixels, values);
+    fftwf_execute_dft_r2c(p.one_image, pixels, values);
   } else {
-    fftwf_execute_dft_c2r(plan, values, pixels);
+    fftwf_execute_dft_c2r(p.one_image, values, pixels);
   }
 }
 
-// A batch gives whole images to the cores; the images that are left over are shared among all cores.
 cufftResult transform_batch(cufftHandle handle, cufftType type, float* image, float2* spectrum) {
   if (!is_live(handle, type)) return CUFFT_INVALID_PLAN;
   if (fft_fails()) return CUFFT_EXEC_FAILED;
@@ -65,10 +63,8 @@ cufftResult transform_batch(cufftHandle handle, cufftType type, float* image, fl
   const bool aligned = is_aligned(image) && is_aligned(spectrum) &&
                        (p.batch == 1 || (image_floats(p) % 4 == 0 && spectrum_values(p) % 2 == 0));
   if (!aligned) return CUFFT_UNALIGNED_DATA;
-  const int whole = p.batch - p.batch % omp_get_max_threads();
-#pragma omp parallel for schedule(static) if (whole > 1)
-  for (int i = 0; i < whole; i++) transform_image(p, p.one_core, static_cast<size_t>(i), image, spectrum);
-  for (int i = whole; i < p.batch; i++) transform_image(p, p.all_cores, static_cast<size_t>(i), image, spectrum);
+#pragma omp parallel for schedule(dynamic) if (p.batch > 1)
+  for (int i = 0; i < p.batch; i++) transform_image(p, static_cast<size_t>(i), image, spectrum);
   return CUFFT_SUCCESS;
 }
 
@@ -84,13 +80,11 @@ cufftResult cufftPlanMany(cufftHandle* plan, int rank, int* n, int* inembed, int
   if (n[0] < 1 || n[1] < 1 || batch < 1) return CUFFT_INVALID_SIZE;
   static const bool threads_ready = fftwf_init_threads() != 0;
   if (!threads_ready) return CUFFT_SETUP_FAILED;
-  const int threads = omp_get_max_threads();
-  HostPlan made{type, n[1], n[0], batch, nullptr, nullptr};
-  made.one_core = plan_one_image(type, made.nx, made.ny, 1);
-  made.all_cores = plan_one_image(type, made.nx, made.ny, threads);
-  if (!made.one_core || !made.all_cores) return CUFFT_INTERNAL_ERROR;
+  HostPlan made{type, n[1], n[0], batch, nullptr};
+  made.one_image = plan_one_image(type, made.nx, made.ny);
+  if (!made.one_image) return CUFFT_INTERNAL_ERROR;
   for (size_t i = 0; i < plans.size(); i++) {
-    if (plans[i].one_core) continue;
+    if (plans[i].one_image) continue;
     plans[i] = made;
     *plan = static_cast<cufftHandle>(i);
     return CUFFT_SUCCESS;
@@ -111,9 +105,8 @@ cufftResult cufftExecC2R(cufftHandle plan, float2* in, float* out) { return tran
 
 cufftResult cufftDestroy(cufftHandle plan) {
   const std::lock_guard<std::mutex> lock(plans_mutex);
-  if (plan < 0 || static_cast<size_t>(plan) >= plans.size() || !plans[plan].one_core) return CUFFT_INVALID_PLAN;
-  fftwf_destroy_plan(plans[plan].one_core);
-  fftwf_destroy_plan(plans[plan].all_cores);
-  plans[plan].one_core = nullptr;
+  if (plan < 0 || static_cast<size_t>(plan) >= plans.size() || !plans[plan].one_image) return CUFFT_INVALID_PLAN;
+  fftwf_destroy_plan(plans[plan].one_image);
+  plans[plan].one_image = nullptr;
   return CUFFT_SUCCESS;
 }
