@@ -1,5 +1,6 @@
 #include "conditioning.h"
 #include "test_numeric.h"
+#include "test_support_pad_ways.h"
 
 namespace {
 
@@ -7,53 +8,13 @@ struct Size {
   int nx, ny;
 };
 
-/// Weight of a window of radius R with a soft edge at the distance r from its centre.
-double window_weight(double r, double R, double soft) {
-  const double past = (r - R) / (soft / 3);
-  return r <= R ? 1 : r <= R + soft ? 0.39894228 * std::exp(-past * past / 2) : 0;
-}
-
-/// Mean of the image, mirrored without end, under the window centred half a pixel before each pixel. The window is cut
-/// to one period of the mirrored image.
-std::vector<double> windowed_mean(const std::vector<double>& image, Size size, double R, double soft) {
-  std::vector<double> weights;
-  for (int j = -size.ny; j < size.ny; j++)
-    for (int i = -size.nx; i < size.nx; i++) weights.push_back(window_weight(std::hypot(i + 0.5, j + 0.5), R, soft));
-  std::vector<double> means;
-  for (int y = 0; y < size.ny; y++) {
-    for (int x = 0; x < size.nx; x++) {
-      double sum = 0, total = 0;
-      const double* w = weights.data();
-      for (int j = -size.ny; j < size.ny; j++) {
-        const double* row = image.data() + static_cast<size_t>(mirrored(y + j, size.ny)) * size.nx;
-        for (int i = -size.nx; i < size.nx; i++, w++) {
-          sum += *w * row[mirrored(x + i, size.nx)];
-          total += *w;
-        }
-      }
-      means.push_back(sum / total);
-    }
-  }
-  return means;
-}
-
-std::vector<double> windowed_sigma(const std::vector<float>& image, Size size, double R, double soft) {
-  const std::vector<double> wide = widened(image);
-  std::vector<double> squares = wide;
-  for (double& v : squares) v *= v;
-  const std::vector<double> mean = windowed_mean(wide, size, R, soft);
-  std::vector<double> sigma = windowed_mean(squares, size, R, soft);
-  for (size_t i = 0; i < sigma.size(); i++) sigma[i] = std::sqrt(sigma[i] - mean[i] * mean[i]);
-  return sigma;
-}
-
 struct Maps {
   std::vector<float> average, sigma;
 };
 
 /// Both maps of an image, the average under one window and then the sigma under another.
-Maps maps_of(const std::vector<float>& image, Size size, float R_average, float R_sigma, float soft) {
-  MirrorPad pad = mirror_pad_new(size.nx, size.ny);
+Maps maps_of(PadWay way, const std::vector<float>& image, Size size, float R_average, float R_sigma, float soft) {
+  MirrorPad pad = mirror_pad_new(size.nx, size.ny, way);
   DiscWindow for_average = disc_window_new(&pad, R_average, soft), for_sigma = disc_window_new(&pad, R_sigma, soft);
   const size_t n = image.size();
   const auto in = to_device(image), average = unwritten(n), sigma = unwritten(n), scratch = unwritten(n);
@@ -69,36 +30,39 @@ Maps maps_of(const std::vector<float>& image, Size size, float R_average, float 
 
 }  // namespace
 
-using LocalMaps = DeviceTest;
+struct LocalMaps : PadWayTest {};
+INSTANTIATE_TEST_SUITE_P(Ways, LocalMaps, testing::ValuesIn(kPadWays), pad_way_name);
 
-TEST_F(LocalMaps, AgreeWithDirectWindowedMeansOfTheMirroredImage) {
-  for (const Size size : {Size{22, 22}, Size{15, 15}, Size{26, 14}, Size{9, 20}}) {
+TEST_P(LocalMaps, AgreeWithDirectWindowedMeansOfTheMirroredImage) {
+  for (const Size size : {Size{22, 22}, Size{15, 15}, Size{26, 14}, Size{9, 20}, Size{24, 40}, Size{16, 16}}) {
     const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 1, -2, 2);
     for (const float R : {2.3f, 6.1f}) {
       SCOPED_TRACE(testing::Message() << size.nx << " x " << size.ny << ", radius " << R);
-      const Maps got = maps_of(image, size, R, R + 1, 4.0f);
+      const Maps got = maps_of(GetParam(), image, size, R, R + 1, 4.0f);
       const double radius = static_cast<double>(R);
       // Means of values of about 1 by float transforms; the root doubles what the squares' mean is off by.
-      EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size, radius, 4), 3e-6));
-      EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size, static_cast<double>(R + 1), 4), 1e-5));
+      EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size.nx, size.ny, radius, 4), 3e-6));
+      EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(R + 1), 4), 1e-5));
     }
   }
 }
 
-TEST_F(LocalMaps, OfAWindowLargerThanThePaddedImageAreStillMeans) {
-  const Size size{12, 9};
-  const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 2, 0, 3);
-  const Maps got = maps_of(image, size, 14.2f, 7.3f, 8.0f);
-  EXPECT_TRUE(all_near(got.average, windowed_mean(widened(image), size, static_cast<double>(14.2f), 8), 5e-6));
-  EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size, static_cast<double>(7.3f), 8), 2e-5));
+TEST_P(LocalMaps, OfAWindowLargerThanThePaddedImageAreStillMeans) {
+  for (const Size size : {Size{12, 9}, Size{16, 8}}) {
+    const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 2, 0, 3);
+    const Maps got = maps_of(GetParam(), image, size, 14.2f, 7.3f, 8.0f);
+    EXPECT_TRUE(
+        all_near(got.average, windowed_mean(widened(image), size.nx, size.ny, static_cast<double>(14.2f), 8), 5e-6));
+    EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(7.3f), 8), 2e-5));
+  }
 }
 
-TEST_F(LocalMaps, ShowAnImpulseHalfAPixelPastItsPlace) {
+TEST_P(LocalMaps, ShowAnImpulseHalfAPixelPastItsPlace) {
   const Size size{30, 24};
   std::vector<float> image(static_cast<size_t>(size.nx) * size.ny, 0.0f);
   const int x = 13, y = 10;
   image[static_cast<size_t>(y) * size.nx + x] = 1;
-  const std::vector<float> map = maps_of(image, size, 3.2f, 3.2f, 2.0f).average;
+  const std::vector<float> map = maps_of(GetParam(), image, size, 3.2f, 3.2f, 2.0f).average;
   const auto at = [&](int px, int py) { return map[static_cast<size_t>(py) * size.nx + px]; };
   for (int j = 0; j < 8; j++) {
     for (int i = 0; i < 8; i++) {
@@ -111,20 +75,20 @@ TEST_F(LocalMaps, ShowAnImpulseHalfAPixelPastItsPlace) {
   EXPECT_NEAR(0, at(x + 6, y + 1), 1e-7);
 }
 
-TEST_F(LocalMaps, OfAConstantAreTheConstantAndNoSigma) {
+TEST_P(LocalMaps, OfAConstantAreTheConstantAndNoSigma) {
   const Size size{21, 18};
   const std::vector<float> image(static_cast<size_t>(size.nx) * size.ny, 1.7f);
-  const Maps got = maps_of(image, size, 4.4f, 4.4f, 8.0f);
+  const Maps got = maps_of(GetParam(), image, size, 4.4f, 4.4f, 8.0f);
   EXPECT_TRUE(all_near(got.average, image, 3e-6));
   // The root of a rounding of 1e-6; NaN where the rounding is negative.
   for (const float s : got.sigma) EXPECT_TRUE(std::isnan(s) || s < 3e-3f) << s;
 }
 
-TEST_F(LocalMaps, LeaveTheTransformForTheNextWindow) {
+TEST_P(LocalMaps, LeaveTheTransformForTheNextWindow) {
   const Size size{16, 16};
   const size_t n = 256;
   const std::vector<float> image = random_values(n, 3);
-  MirrorPad pad = mirror_pad_new(size.nx, size.ny);
+  MirrorPad pad = mirror_pad_new(size.nx, size.ny, GetParam());
   DiscWindow small = disc_window_new(&pad, 2.2f, 1.0f), large = disc_window_new(&pad, 5.2f, 3.0f);
   const auto in = to_device(image), first = unwritten(n), other = unwritten(n), again = unwritten(n);
   hcuda_2d_mpad_transform(&pad, in.get());
@@ -132,7 +96,8 @@ TEST_F(LocalMaps, LeaveTheTransformForTheNextWindow) {
   hcuda_2d_bg_mpad(&pad, &large, other.get());
   hcuda_2d_bg_mpad(&pad, &small, again.get());
   EXPECT_TRUE(same_bits(to_host(again, n), to_host(first, n)));
-  EXPECT_TRUE(all_near(to_host(other, n), windowed_mean(widened(image), size, static_cast<double>(5.2f), 3), 3e-6));
+  EXPECT_TRUE(
+      all_near(to_host(other, n), windowed_mean(widened(image), size.nx, size.ny, static_cast<double>(5.2f), 3), 3e-6));
   disc_window_free(&small);
   disc_window_free(&large);
   mirror_pad_free(&pad);

@@ -161,6 +161,41 @@ inline int mirrored(int i, int n) {
   return j < n ? j : 2 * n - 1 - j;
 }
 
+/// Weight of a soft-edged window of radius R at the distance r from its centre.
+inline double window_weight(double r, double R, double soft) {
+  const double past = (r - R) / (soft / 3);
+  return r <= R ? 1 : r <= R + soft ? 0.39894228 * std::exp(-past * past / 2) : 0;
+}
+
+/// Mean of the image, mirrored without end, under the window centred half a pixel before each pixel in both axes. The
+/// window is cut to one period of the mirrored image.
+inline std::vector<double> windowed_mean(const std::vector<double>& image, int nx, int ny, double R, double soft) {
+  double total = 0;
+  std::vector<double> means(image.size());
+  for (int j = -ny; j < ny; j++) {
+    for (int i = -nx; i < nx; i++) {
+      const double weight = window_weight(std::hypot(i + 0.5, j + 0.5), R, soft);
+      total += weight;
+      for (int y = 0; weight > 0 && y < ny; y++) {
+        const double* row = image.data() + static_cast<size_t>(mirrored(y + j, ny)) * nx;
+        for (int x = 0; x < nx; x++) means[static_cast<size_t>(y) * nx + x] += weight * row[mirrored(x + i, nx)];
+      }
+    }
+  }
+  for (double& mean : means) mean /= total;
+  return means;
+}
+
+/// Standard deviation under the same window.
+inline std::vector<double> windowed_sigma(const std::vector<float>& image, int nx, int ny, double R, double soft) {
+  const std::vector<double> wide = widened(image), mean = windowed_mean(wide, nx, ny, R, soft);
+  std::vector<double> squares = wide;
+  for (double& v : squares) v *= v;
+  std::vector<double> sigma = windowed_mean(squares, nx, ny, R, soft);
+  for (size_t i = 0; i < sigma.size(); i++) sigma[i] = std::sqrt(sigma[i] - mean[i] * mean[i]);
+  return sigma;
+}
+
 using Complex = std::complex<double>;
 
 /// Unnormalised Fourier sums of all frequencies of an nx by ny image, by definition, rows first. sign: -1 forward, 1

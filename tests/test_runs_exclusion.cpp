@@ -26,6 +26,7 @@ bool is_near_any(const Pick& pick, const std::vector<Pick>& places) {
 class RunExcludes : public WholeRun {
  protected:
   void SetUp() override {
+    REQUIRE_DEVICE();
     simulate();
     pick("--speed 1 --detect_ice 0");
     all_ = picks("sim_001_quorlin.star");
@@ -45,7 +46,8 @@ class RunExcludes : public WholeRun {
   void write_box(const std::string& name, const std::vector<Pick>& places) const {
     std::string text;
     for (const Pick& p : places)
-      text += std::to_string(static_cast<int>(p.x) - 15) + " " + std::to_string(static_cast<int>(p.y) - 10) + " 31 21\n";
+      text +=
+          std::to_string(static_cast<int>(p.x) - 15) + " " + std::to_string(static_cast<int>(p.y) - 10) + " 31 21\n";
     write_file(path(name), text);
   }
 
@@ -86,7 +88,8 @@ TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
   write_star("sim_001_bad.star", own_);
   write_box("sim_001_bad.box", own_);
   for (const std::string& suffix : suffixes) {
-    const ProgramRun run = pick("--speed 1 --detect_ice 0 --write_mic_mask --exclusive_picking --excluded_suffix " + suffix);
+    const ProgramRun run =
+        pick("--speed 1 --detect_ice 0 --write_mic_mask --exclusive_picking --excluded_suffix " + suffix);
     EXPECT_TRUE(holds(run.output, "particles in file sim_001" + suffix + " excluded from auto-picking \n"));
     expect_none_near(own_);
     EXPECT_EQ(expected.size(), picked().size());
@@ -94,6 +97,18 @@ TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
   }
   pick("--speed 1 --detect_ice 0 --excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picked().size()) << "a suffix alone excludes nothing";
+}
+
+TEST_F(RunExcludes, PicksNearThoseOfTheRunBeforeFromBothOfItsLists) {
+  for (const std::string suffix : {"_quorlin.box", "_quorlin.star"}) {
+    simulate();
+    pick("--speed 1 --detect_ice 0");
+    pick("--speed 1 --detect_ice 0 --cc_cutoff 0.05 --exclusive_picking --excluded_suffix " + suffix);
+    const std::vector<Pick> others = picked();
+    EXPECT_GT(others.size(), 5U) << suffix;
+    EXPECT_EQ(others.size(), picks("sim_001_quorlin.box").size()) << suffix;
+    for (const Pick& p : others) EXPECT_FALSE(is_near_any(p, all_)) << suffix << ": " << p.x << ", " << p.y;
+  }
 }
 
 TEST_F(RunExcludes, MaskedPlacesFromTheStatisticsToo) {
@@ -125,8 +140,9 @@ TEST_F(RunExcludes, GlobalPlacesFromEveryMicrograph) {
 TEST_F(RunExcludes, OwnAndGlobalPlacesTogetherAndWithIce) {
   write_star("sim_001_bad.star", own_);
   write_box("all.box", global_);
-  const std::string both = "--speed 1 --write_mic_mask --mask_excluded --exclusive_picking --excluded_suffix _bad.star "
-                           "--global_excluded_box all.box ";
+  const std::string both =
+      "--speed 1 --write_mic_mask --mask_excluded --exclusive_picking --excluded_suffix _bad.star "
+      "--global_excluded_box all.box ";
   pick(both + "--detect_ice 0");
   expect_none_near(own_);
   expect_none_near(global_);
@@ -178,8 +194,8 @@ TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];
   }
   write_file(path("sim_001_short.box"), "1 2 3 4\n12 34\n");
-  for (const char* options : {"--exclusive_picking --excluded_suffix _short.box",
-                              "--global_excluded_box sim_001_short.box"}) {
+  for (const char* options :
+       {"--exclusive_picking --excluded_suffix _short.box", "--global_excluded_box sim_001_short.box"}) {
     const ProgramRun run = kestrix("--apixM 4 --diameter 260 sim_001.mrc " + std::string(options));
     EXPECT_EQ(1, run.status);
     EXPECT_TRUE(holds(without_line_numbers(run.output),

@@ -128,7 +128,8 @@ TEST_F(RunPicks, EveryOutputIsTheSameByteForByteOnEveryRunAndNumberOfThreads) {
   EXPECT_EQ(12U, first.size());
   for (const char* threads : {"1", "2", "3"}) {
     pick(options, "OMP_NUM_THREADS=" + std::string(threads));
-    for (const auto& file : outputs()) EXPECT_TRUE(first.at(file.first) == file.second) << file.first << ", " << threads;
+    for (const auto& file : outputs())
+      EXPECT_TRUE(first.at(file.first) == file.second) << file.first << ", " << threads;
   }
 }
 
@@ -183,9 +184,10 @@ TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {
              "\ndata_optics\n\nloop_\n_rlnOpticsGroupName #1\n_rlnOpticsGroup #2\n_rlnMicrographPixelSize #3\n"
              "_rlnVoltage #4\n_rlnSphericalAberration #5\n_rlnAmplitudeContrast #6\nopticsGroup1 1 4.0 300 2.7 0.1\n\n"
              "data_micrographs\n\nloop_\n_rlnMicrographName #1\n_rlnOpticsGroup #2\nsim_001.mrc 1\n");
-  const ProgramRun run = run_program(
-      path("."), "timeout 100 relion_preprocess --i micrographs.star --coord_dir ./ --coord_suffix _quorlin.star "
-                 "--part_star particles.star --part_dir Particles/ --extract --extract_size 64");
+  const ProgramRun run =
+      run_program(path("."),
+                  "timeout 100 relion_preprocess --i micrographs.star --coord_dir ./ --coord_suffix _quorlin.star "
+                  "--part_star particles.star --part_dir Particles/ --extract --extract_size 64");
   ASSERT_EQ(0, run.status) << run.output << run.errors;
   const std::vector<Pick> ours = picks("sim_001_quorlin.star");
   EXPECT_TRUE(holds(run.output, "STAR file with " + std::to_string(ours.size()) + " particles")) << run.output;
@@ -197,7 +199,7 @@ TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {
   while (std::getline(lines, line)) {
     std::istringstream words(line);
     std::string x, y;
-    if (words >> x >> y) list += x + " " + y + "\n";
+    if (words >> x >> y) list += join(x, " ", y, "\n");
   }
   write_file(path("extracted.star"), list);
   const std::vector<Pick> theirs = picks("extracted.star");

@@ -29,6 +29,14 @@ Angles only(float a) { return {a, a + 1, 360}; }
 
 constexpr float kUntouched = -77;
 
+ScanWay way_under_test = kFastestScanWay;  // set by the fixture
+
+#ifdef KESTRIX_CUDA
+constexpr ScanWay kWays[] = {kDeviceTransforms};
+#else
+constexpr ScanWay kWays[] = {kDeviceTransforms, kHostLanes};
+#endif
+
 /// A random scene, a quarter of it masked. With a rim of zeros around the template it doesn't matter on which side of
 /// the template's edge a rounded source position falls.
 Scene random_scene(int nx, int ny, int T_nx, int T_ny, bool zero_rim) {
@@ -63,7 +71,7 @@ void scan_with(ScanWorkspace* ws, const Scene& scene, const Angles& angles, int 
 
 ScanWorkspace workspace_for(const Scene& scene, const Angles& angles) {
   return scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny,
-                            count_scan_angles(angles.start, angles.stop, angles.step));
+                            count_scan_angles(angles.start, angles.stop, angles.step), way_under_test);
 }
 
 Maps scanned(const Scene& scene, const Angles& angles, int keep_psi = 1) {
@@ -143,11 +151,22 @@ size_t place_of_largest(const std::vector<float>& map) {
 
 }  // namespace
 
-using Scan = DeviceTest;
+class Scan : public testing::TestWithParam<ScanWay> {
+ protected:
+  void SetUp() override {
+    REQUIRE_DEVICE();
+    way_under_test = GetParam();
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Ways, Scan, testing::ValuesIn(kWays), [](const testing::TestParamInfo<ScanWay>& way) {
+  return way.param == kHostLanes ? "HostLanes" : "DeviceTransforms";
+});
+
 using ScanUpdate = DeviceTest;
 
-TEST_F(Scan, AgreesWithDirectCorrelationInDoublePrecisionAtEveryAngle) {
-  const int sizes[][4] = {{30, 24, 9, 8}, {24, 24, 8, 8}, {22, 34, 7, 11}, {26, 20, 10, 13}};
+TEST_P(Scan, AgreesWithDirectCorrelationInDoublePrecisionAtEveryAngle) {
+  const int sizes[][4] = {{30, 24, 9, 8}, {24, 24, 8, 8}, {22, 34, 7, 11}, {26, 20, 10, 13}, {40, 32, 12, 9}};
   for (const auto& size : sizes) {
     SCOPED_TRACE(testing::Message() << size[0] << " x " << size[1] << " by " << size[2] << " x " << size[3]);
     const Scene scene = random_scene(size[0], size[1], size[2], size[3], true);
@@ -164,7 +183,7 @@ TEST_F(Scan, AgreesWithDirectCorrelationInDoublePrecisionAtEveryAngle) {
   }
 }
 
-TEST_F(Scan, TakesTemplatesUpToTheSizeOfTheMicrographWithTheirRims) {
+TEST_P(Scan, TakesTemplatesUpToTheSizeOfTheMicrographWithTheirRims) {
   for (const int side : {1, 2, 15, 19, 20}) {
     const Scene scene = random_scene(26, 20, side, side, false);
     const Maps maps = scanned(scene, {0, 359, 360});
@@ -173,7 +192,7 @@ TEST_F(Scan, TakesTemplatesUpToTheSizeOfTheMicrographWithTheirRims) {
   }
 }
 
-TEST_F(Scan, FindsAParticleWhereItsCentrePixelLiesAlsoAcrossTheEdges) {
+TEST_P(Scan, FindsAParticleWhereItsCentrePixelLiesAlsoAcrossTheEdges) {
   const int places[][2] = {{13, 9}, {0, 0}, {29, 23}, {2, 22}};
   for (const int side : {8, 9}) {
     const Scene empty = random_scene(30, 24, side, side, false);
@@ -193,7 +212,7 @@ TEST_F(Scan, FindsAParticleWhereItsCentrePixelLiesAlsoAcrossTheEdges) {
   }
 }
 
-TEST_F(Scan, GivesTheSameInBatchesOfAnglesAsOneByOne) {
+TEST_P(Scan, GivesTheSameInBatchesOfAnglesAsOneByOne) {
   const Scene scene = random_scene(24, 20, 7, 8, false);
   std::vector<float> angles;
   std::vector<std::vector<double>> scores;
@@ -210,7 +229,7 @@ TEST_F(Scan, GivesTheSameInBatchesOfAnglesAsOneByOne) {
   }
 }
 
-TEST_F(Scan, LeavesNothingBehindForTheNextTemplateOrMicrograph) {
+TEST_P(Scan, LeavesNothingBehindForTheNextTemplateOrMicrograph) {
   const Scene first = random_scene(24, 20, 7, 8, false);
   Scene second = first;
   second.mic = random_values(first.pixels(), 99);
@@ -228,7 +247,7 @@ TEST_F(Scan, LeavesNothingBehindForTheNextTemplateOrMicrograph) {
   scan_workspace_free(&ws);
 }
 
-TEST_F(Scan, DoesNotDependOnTheNumberOfCores) {
+TEST_P(Scan, DoesNotDependOnTheNumberOfCores) {
   const Scene scene = random_scene(60, 50, 16, 16, false);
   const Cores one(1);
   const Maps want = scanned(scene, {0, 359, 15});
@@ -240,7 +259,7 @@ TEST_F(Scan, DoesNotDependOnTheNumberOfCores) {
   }
 }
 
-TEST_F(Scan, KeepsItsScoresWhenMicrographOrTemplateAreScaled) {
+TEST_P(Scan, KeepsItsScoresWhenMicrographOrTemplateAreScaled) {
   const Scene scene = random_scene(24, 20, 7, 8, false);
   const std::vector<float> want = scanned(scene, {0, 359, 30}).ccmax;
   for (const float factor : {2.0f, 0.125f}) {  // powers of two change no rounding
@@ -252,32 +271,32 @@ TEST_F(Scan, KeepsItsScoresWhenMicrographOrTemplateAreScaled) {
   }
 }
 
-TEST_F(Scan, StaysAtTheFirstAngleWhereAllTie) {
+TEST_P(Scan, StaysAtTheFirstAngleWhereAllTie) {
   Scene scene = random_scene(24, 20, 7, 8, false);
   std::fill(scene.mic.begin(), scene.mic.end(), 0.0f);
   const Maps maps = scanned(scene, {10, 359, 20});
   EXPECT_TRUE(same_bits(maps.psi, std::vector<float>(scene.pixels(), 10.0f)));
 }
 
-TEST_F(Scan, OfAMicrographWithNaNGivesNoScoresAndNoAngles) {
+TEST_P(Scan, OfAMicrographWithNaNGivesNoScoresAndNoAngles) {
   Scene scene = random_scene(24, 20, 7, 8, false);
   scene.mic[100] = kNaN;
   const Maps maps = scanned(scene, {10, 359, 20});
   for (const float score : maps.ccmax) ASSERT_FALSE(score > -kInfinity) << score;
 }
 
-TEST_F(Scan, LeavesThePsiMapAloneUnlessItIsWanted) {
+TEST_P(Scan, LeavesThePsiMapAloneUnlessItIsWanted) {
   const Scene scene = random_scene(24, 20, 7, 8, false);
   const Maps with = scanned(scene, {0, 359, 30}), without = scanned(scene, {0, 359, 30}, 0);
   EXPECT_TRUE(all_near(without.ccmax, with.ccmax, 0));
   EXPECT_TRUE(same_bits(without.psi, std::vector<float>(scene.pixels(), kUntouched)));
 }
 
-TEST_F(Scan, PrintsADotForEachAngleAndANewline) {
+TEST_P(Scan, PrintsADotForEachAngleAndANewline) {
   const Scene scene = random_scene(12, 12, 3, 3, false);
   const auto mic = to_device(scene.mic), mask = to_device(scene.mask), T = to_device(scene.T);
   const auto ccmax = unwritten(scene.pixels());
-  for (const Angles& angles : {Angles{0, 359, 360}, Angles{0, 359, 5}, Angles{0, 359, 7}}) {
+  for (const Angles& angles : {Angles{0, 359, 360}, Angles{0, 350, 50}, Angles{0, 359, 7}}) {
     ScanWorkspace ws = workspace_for(scene, angles);
     const std::string dots = output_of([&] {
       quorlin_transform_micrograph(&ws, mic.get());

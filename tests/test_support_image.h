@@ -11,9 +11,7 @@
 struct Image {
   MRC_HEAD head;
   std::vector<float> data;
-  float at(long x, long y, long z = 0) const {
-    return data[static_cast<size_t>((z * head.ny + y) * head.nx + x)];
-  }
+  float at(long x, long y, long z = 0) const { return data[static_cast<size_t>((z * head.ny + y) * head.nx + x)]; }
 };
 
 inline Image read_image(const std::string& name) {

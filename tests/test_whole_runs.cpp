@@ -107,12 +107,12 @@ TEST_F(RunOutput, StopsWithATableAtAMicrographOfAnotherSizeOrType) {
     const std::string name = row[0];
     const ProgramRun run = kestrix(std::string(kCommon) + "sim_001.mrc " + name);
     EXPECT_EQ(1, run.status);
-    const std::string table = "Micrograph \x1b[1msim_001.mrc\x1b[m has a different size or format from  \x1b[1m" +
-                              name +
-                              "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
-                              "      Nx      Ny      Nz      Mode             File:\n"
-                              "      512     480     1       Float               sim_001.mrc\n" +
-                              row[1] + name + "\n";
+    const std::string table =
+        join("Micrograph \x1b[1msim_001.mrc\x1b[m has a different size or format from  \x1b[1m", name,
+             "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
+             "      Nx      Ny      Nz      Mode             File:\n"
+             "      512     480     1       Float               sim_001.mrc\n",
+             row[1], name, "\n");
     ASSERT_GT(run.output.size(), table.size());
     EXPECT_EQ(table, run.output.substr(run.output.size() - table.size()));
     EXPECT_TRUE(exists("sim_001_quorlin.star"));
@@ -174,9 +174,9 @@ TEST_F(RunOutput, KilledAtAnyMomentLeavesOnlyCompleteLists) {
   kestrix(std::string(kCommon) + "sim_001.mrc");
   const std::string complete = content("sim_001_quorlin.box");
   ASSERT_FALSE(complete.empty());
-  const std::string start_and_kill =
-      "{ " KESTRIX_PROGRAM " " + std::string(kCommon) + all +
-      " & picker=$!; while [ ! -e copy_3_quorlin.box ] && kill -0 $picker; do sleep 0.001; done; kill -9 $picker; wait; }";
+  const std::string start_and_kill = "{ " KESTRIX_PROGRAM " " + std::string(kCommon) + all +
+                                     " & picker=$!; while [ ! -e copy_3_quorlin.box ] && kill -0 $picker; do sleep "
+                                     "0.001; done; kill -9 $picker; wait; }";
   run_program(path("."), start_and_kill);
   int done = 0;
   for (int i = 0; i < copies; i++) {

@@ -87,8 +87,11 @@ void scatter_rows(const LaneValue* row, LaneValue* blocks, size_t n_blocks, size
 }
 
 void gather_rows(const LaneValue* blocks, LaneValue* row, size_t n_blocks, size_t rows, size_t y) {
+  constexpr size_t kAhead = 4;  // blocks lie too far apart for the processor to see the next one coming
   for (size_t b = 0; b < n_blocks; b++) {
     const LaneValue* from = blocks + b * rows + y;
+    if (b + kAhead < n_blocks)
+      for (size_t i = 0; i < kLanes; i++) __builtin_prefetch(from + kAhead * rows + i);
     LaneValue* to = row + b * kLanes;
     lane_transpose(&from->re, 2, &to->re, 2);
     lane_transpose(&from->im, 2, &to->im, 2);

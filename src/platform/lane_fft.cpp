@@ -1,5 +1,7 @@
 #include "platform/lane_fft.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -234,10 +236,15 @@ double lane_plan_cost(int n) {
 
 LaneValue* lane_values_new(size_t n) {
   constexpr size_t kCacheLine = 64;
+  constexpr size_t kHugePage = size_t{2} << 20;
   static_assert(sizeof(LaneValue) % kCacheLine == 0, "a value fills whole cache lines");
-  const size_t bytes = std::max<size_t>(n, 1) * sizeof(LaneValue);
-  void* memory = aligned_alloc(kCacheLine, bytes);
+  const size_t needed = std::max<size_t>(n, 1) * sizeof(LaneValue);
+  const size_t unit = needed < kHugePage ? kCacheLine : kHugePage;
+  const size_t bytes = (needed + unit - 1) / unit * unit;
+  void* memory = aligned_alloc(unit, bytes);
   if (!memory) host_malloc(SIZE_MAX, 1);  // reports the failure and ends the run
+  // Rows are gathered from places far apart: with small pages each would cost a walk through the page table.
+  if (unit == kHugePage) madvise(memory, bytes, MADV_HUGEPAGE);
   memset(memory, 0, bytes);
   return static_cast<LaneValue*>(memory);
 }

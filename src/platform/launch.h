@@ -8,8 +8,9 @@
 
 #ifdef KESTRIX_CUDA
 
+// CMake gives nvcc the sources that include this header in their own text, and the others to the host compiler.
 #ifndef __CUDACC__
-#error "A source that launches kernels includes platform/launch.h itself, and not by way of another header: CMake gives those that do to nvcc"
+#error "include platform/launch.h in the source itself, not by way of another header, and run cmake again"
 #endif
 
 #define KERNEL_LOOP

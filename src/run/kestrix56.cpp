@@ -161,6 +161,14 @@ void upload_working_image(Run* run, const char* name, bool readable) {
   hcuda_2d_memset(run->device.d_mic, std::numeric_limits<float>::quiet_NaN(), s.work_nx, s.work_ny);
 }
 
+// Says so if no cell is left to pick in.
+void note_all_closed(Run* run, const char* name) {
+  unsigned* cells = run->host.grid_index;
+  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(cells, run->device.d_grid, grid_cells(run) * sizeof(unsigned))));
+  const bool closed = std::all_of(cells, cells + grid_cells(run), [](unsigned point) { return point != 0; });
+  if (closed) safety_note(name, "every cell is excluded; nothing can be picked.");
+}
+
 // Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
 void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   const Kestrix_Para& para = run->para;
@@ -176,6 +184,7 @@ void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   if (!is_str_null(para.global_excluded_box))
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
+  note_all_closed(run, names->mic);
 }
 
 // From the raw micrograph to d_mic, normalised over the area that d_mask leaves open.
@@ -235,16 +244,21 @@ void close_candidates(FILE* nonunique, const char* name) {
   if (fclose(nonunique) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", name);
 }
 
-// The final lists and the particle stack.
+void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
+  const Kestrix_Para& para = run->para;
+  box_filter(run->sizes.shrink_nx, run->sizes.shrink_ny, para.min_dist_px, para.cc_cutoff,
+             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, names->nonunique, names->excluded,
+             out, kind);
+}
+
+// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: then
+// it is replaced last, so that both lists hold the same picks.
 void select_picks(const Run* run, const MicrographNames* names) {
   const Kestrix_Para& para = run->para;
-  const RunSizes& s = run->sizes;
-  const auto shrink = static_cast<float>(para.shrink);
-  box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
-             names->nonunique, names->excluded, names->box, 2);
-  if (para.write_star)
-    box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
-               names->nonunique, names->excluded, names->star, 1);
+  const bool star_first = strcmp(names->excluded, names->box) == 0;
+  if (para.write_star && star_first) write_picks(run, names, names->star, 1);
+  write_picks(run, names, names->box, 2);
+  if (para.write_star && !star_first) write_picks(run, names, names->star, 1);
   if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
 }
 

@@ -1,0 +1,98 @@
+// The host's own transforms; a CUDA build has none of them.
+#ifndef KESTRIX_CUDA
+
+#include "platform/lane_fft.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "test_numeric.h"
+
+namespace {
+
+/// Eight random arrays of n complex values; those from n_in on are 0.
+struct Lanes {
+  Lanes(int length, int n_in) : n(length), in(lane_values_new(static_cast<size_t>(length))) {
+    const std::vector<float> values = random_values(2 * kLanes * static_cast<size_t>(n), static_cast<unsigned>(n));
+    const float* next = values.data();
+    for (int i = 0; i < n_in; i++) {
+      for (int lane = 0; lane < kLanes; lane++) {
+        in[i].re[lane] = *next++;
+        in[i].im[lane] = *next++;
+      }
+    }
+  }
+  ~Lanes() { free(in); }
+  Lanes(const Lanes&) = delete;
+  Lanes& operator=(const Lanes&) = delete;
+
+  /// Checks one lane of out against the definition. Values are of about sqrt(n), float passes off by some 1e-7 of that.
+  void expect_transformed(const LaneValue* out, int lane) const {
+    std::vector<Complex> image;
+    for (int i = 0; i < n; i++) image.emplace_back(in[i].re[lane], in[i].im[lane]);
+    std::vector<double> want;
+    std::vector<float> got;
+    for (const Complex& v : fourier_sums(image, n, 1, -1)) {
+      want.push_back(v.real());
+      want.push_back(v.imag());
+    }
+    for (int i = 0; i < n; i++) {
+      got.push_back(out[i].re[lane]);
+      got.push_back(out[i].im[lane]);
+    }
+    EXPECT_TRUE(all_near(got, want, 2e-6 * std::sqrt(static_cast<double>(n)))) << n << " values, lane " << lane;
+  }
+
+  int n;
+  LaneValue* in;
+};
+
+/// Runs a transform of all lanes and checks it; n_in values are given where that is below n.
+void check_transform(int n, int n_in) {
+  const Lanes lanes(n, n_in);
+  LanePlan plan = lane_plan_new(n);
+  LaneValue* out = lane_values_new(static_cast<size_t>(n));
+  LaneValue* scratch = lane_values_new(static_cast<size_t>(n));
+  if (n_in == n) {
+    lane_fft(&plan, lanes.in, out, scratch);
+  } else {
+    lane_fft_of_few(&plan, lanes.in, static_cast<size_t>(n_in), out, scratch);
+  }
+  for (const int lane : {0, 3, kLanes - 1}) lanes.expect_transformed(out, lane);
+  free(out);
+  free(scratch);
+  lane_plan_free(&plan);
+}
+
+}  // namespace
+
+TEST(LaneFft, HandlesTheLengthsWithoutPrimesAboveFive) {
+  for (const int n : {1, 2, 3, 5, 8, 15, 960, 1024, 4096, 46080}) EXPECT_TRUE(lane_plan_handles(n)) << n;
+  for (const int n : {0, -8, 7, 14, 958, 1034, 65537}) EXPECT_FALSE(lane_plan_handles(n)) << n;
+}
+
+TEST(LaneFft, OfEveryLengthUpTo320AgreesWithTheDefinition) {
+  for (int n = 1; n <= 320; n++)
+    if (lane_plan_handles(n)) check_transform(n, n);
+}
+
+TEST(LaneFft, OfAWorkingImagesRowAgreesWithTheDefinition) {
+  for (const int n : {960, 1024, 1080, 1440}) check_transform(n, n);
+}
+
+TEST(LaneFft, OfFewValuesIsThatOfAnArrayFilledUpWithZeros) {
+  for (const int n : {8, 15, 64, 90, 100, 240})
+    for (const int n_in : {1, 2, n / 8, n / 5, n / 3 + 1, n / 2, n / 2 + 1, n - 1})
+      check_transform(n, std::max(n_in, 1));
+}
+
+TEST(LaneFft, TransposesEightByEightValues) {
+  Lane from[2 * kLanes], to[3 * kLanes];
+  for (int j = 0; j < kLanes; j++)
+    for (int i = 0; i < kLanes; i++) from[2 * j][i] = static_cast<float>(10 * j + i);
+  lane_transpose(from, 2, to, 3);
+  for (int j = 0; j < kLanes; j++)
+    for (int i = 0; i < kLanes; i++) EXPECT_EQ(static_cast<float>(10 * i + j), to[3 * j][i]);
+}
+
+#endif

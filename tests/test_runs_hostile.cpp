@@ -1,0 +1,301 @@
+// Whole runs on micrographs and templates that are damaged or no images at all, and where nothing can be written.
+#include <sys/stat.h>
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "test_support_image.h"
+#include "test_support_runs.h"
+
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+/// Micrographs of 300 x 280 pixels of 8 Å.
+class RunOnBad : public WholeRun {
+ protected:
+  void simulate_small(const std::string& options = "") const {
+    simulate("--nx 300 --ny 280 --apix 8 --dose 2 " + options);
+  }
+
+  ProgramRun run(const std::string& options) const {
+    return kestrix("--apixM 8 --diameter 260 --speed 0 --cc_cutoff 0.25 " + options);
+  }
+
+  /// A file of a header and so many bytes.
+  void write_mrc(const std::string& name, int nx, int ny, int nz, int mode, size_t bytes) const {
+    MRC_HEAD* head = mrc_new_head();
+    mrc_set_head_xyz_mode(head, nx, ny, nz, mode);
+    write_file(path(name), std::string(reinterpret_cast<const char*>(head), sizeof *head) + std::string(bytes, '\7'));
+    free(head);
+  }
+
+  void write_image(const std::string& name, const std::vector<float>& pixels, int nx, int ny, int nz = 1) const {
+    ASSERT_EQ(pixels.size(), static_cast<size_t>(nx) * ny * nz);
+    mrcf_write_xyz_data(path(name).c_str(), pixels.data(), nx, ny, nz);
+  }
+
+  void expect_fatal(const std::string& options, const std::string& words) const {
+    const ProgramRun result = run(options);
+    EXPECT_EQ(1, result.status) << options;
+    EXPECT_TRUE(holds(result.output, words)) << options << ": " << result.output;
+    EXPECT_TRUE(holds(result.output, "! Exit now!\n")) << options;
+  }
+
+  /// The run goes on with that note, finds nothing and leaves complete lists.
+  void expect_no_picks(const std::string& name, const std::string& note, const std::string& options = "") const {
+    const ProgramRun result = run(name + " " + options);
+    EXPECT_EQ(0, result.status) << name << ": " << result.output;
+    EXPECT_EQ(note, result.errors) << name;
+    const std::string stem = name.substr(0, name.rfind('.'));
+    EXPECT_TRUE(exists(stem + "_quorlin.box"));
+    EXPECT_EQ("", content(stem + "_quorlin.box")) << name;
+    EXPECT_EQ(0U, picks(stem + "_quorlin.star").size());
+    EXPECT_FALSE(content(stem + "_quorlin.star").empty()) << "the head";
+  }
+};
+
+}  // namespace
+
+// --- Files that are no micrographs ---
+
+TEST_F(RunOnBad, ListWithoutAReadableMicrographIsRefused) {
+  expect_fatal("gone.mrc ''", "no readable micrograph in the list");
+  EXPECT_TRUE(holds(run("gone.mrc").output, "the micrograph gone.mrc does NOT exsit! Automatically ignored!"));
+}
+
+TEST_F(RunOnBad, HeaderWithSizesThatCannotBeIsRefused) {
+  const int sizes[][2] = {
+      {0, 0},       {0, 300},     {300, 0},           {-300, 280},        {-300, -280},   {INT_MAX, 1},   {1, INT_MAX},
+      {INT_MAX, 2}, {INT_MIN, 1}, {INT_MIN, INT_MIN}, {INT_MAX, INT_MAX}, {65536, 65536}, {65535, 65535}, {1 << 30, 4}};
+  for (const auto& size : sizes) {
+    write_mrc("bad.mrc", size[0], size[1], 1, 2, 1000);
+    expect_fatal("bad.mrc", "the header of bad.mrc gives a size of " + std::to_string(size[0]) + " x " +
+                                std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
+  }
+  EXPECT_FALSE(exists("bad_nonunique.box"));
+}
+
+TEST_F(RunOnBad, EmptyFileFolderAndTextAreRefused) {
+  write_file(path("empty.mrc"), "");
+  write_file(path("text.mrc"), "This is not a micrograph but some lines of text.\n");
+  std::filesystem::create_directory(path("folder.mrc"));
+  expect_fatal("empty.mrc", "the header of empty.mrc gives a size of 0 x 0 pixels");
+  expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
+  expect_fatal("folder.mrc", "the header of folder.mrc gives a size of 0 x 0 pixels");
+}
+
+TEST_F(RunOnBad, BadFileBehindAGoodOneStopsTheRunAndKeepsItsLists) {
+  simulate_small();
+  write_file(path("empty.mrc"), "");
+  write_mrc("wild.mrc", INT_MIN, -1, INT_MAX, 101, 10);
+  std::filesystem::create_directory(path("folder.mrc"));
+  for (const std::string name : {"empty.mrc", "wild.mrc", "folder.mrc"}) {
+    remove_file("sim_001_quorlin.star");
+    const ProgramRun result = run("sim_001.mrc " + name);
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(holds(result.output, "sim_001.mrc\x1b[m has a different size or format from  \x1b[1m" + name));
+    EXPECT_TRUE(exists("sim_001_quorlin.star"));
+  }
+  EXPECT_TRUE(
+      holds(run("sim_001.mrc wild.mrc").output, "      -2147483648-1      2147483647Unknown             wild.mrc\n"));
+}
+
+TEST_F(RunOnBad, NamesAreNeverTakenForFormatsOrOptions) {
+  simulate_small();
+  for (const std::string name : {"100%s%n%d.mrc", "a name.mrc", "no_suffix", "x.MRC", ".mrc", "$HOME;`true`.mrc"}) {
+    copy_file("sim_001.mrc", name);
+    const ProgramRun result = run("'" + name + "' gone_%s%n.mrc");
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(holds(result.output, "Reading File " + name + " ...\n"));
+    EXPECT_TRUE(holds(result.output, "Cannot open file gone_%s%n.mrc."));
+    const bool has_suffix = name.size() >= 4 && name.compare(name.size() - 4, 4, ".mrc") == 0;
+    EXPECT_TRUE(exists((has_suffix ? name.substr(0, name.size() - 4) : name) + "_quorlin.box")) << name;
+  }
+}
+
+// --- Micrographs without an image ---
+
+TEST_F(RunOnBad, SampleTypesThatCannotBeReadCountAsZero) {
+  const struct {
+    int mode;
+    const char* text;
+  } modes[] = {{3, "3 (Complex Short)"},
+               {4, "4 (Complex Float)"},
+               {101, "101 (Unknown)"},
+               {-1, "-1 (Unknown)"},
+               {16, "16 (RGB)"}};
+  for (const auto& m : modes) {
+    write_mrc("odd.mrc", 300, 280, 1, m.mode, 300 * 280 * 8);
+    expect_no_picks("odd.mrc", "Kestrix: odd.mrc: samples of MRC mode " + std::string(m.text) +
+                                   " can't be read; the image counts as 0 everywhere.\n");
+  }
+}
+
+TEST_F(RunOnBad, MissingSamplesCountAsZero) {
+  simulate_small();
+  const std::string whole = content("sim_001.mrc");
+  write_file(path("cut.mrc"), whole.substr(0, 1024 + 300 * 140 * 4 + 3));
+  const ProgramRun result = run("cut.mrc");
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("Kestrix: cut.mrc: the file ends early; 42000 of 84000 samples are missing and count as 0.\n",
+            result.errors);
+  write_file(path("bare.mrc"), whole.substr(0, 1024));
+  expect_no_picks("bare.mrc",
+                  "Kestrix: bare.mrc: the file ends early; 84000 of 84000 samples are missing and count as 0.\n"
+                  "Kestrix: bare.mrc: the image has no variation; nothing can be picked.\n");
+  write_file(path("head.mrc"), whole.substr(0, 20));
+  expect_no_picks("head.mrc",
+                  "Kestrix: head.mrc: the file ends early; 84000 of 84000 samples are missing and count as 0.\n"
+                  "Kestrix: head.mrc: the image has no variation; nothing can be picked.\n");
+}
+
+TEST_F(RunOnBad, FlatImageGivesNoPicks) {
+  for (const float value : {0.0F, 7.0F, -1e30F, 0.1F}) {
+    write_image("flat.mrc", std::vector<float>(300 * 280, value), 300, 280);
+    for (const char* options : {"", "--detect_ice 0", "--do_pre_filter", "--do_bandpass 0 --detect_ice 0",
+                                "--write_mic_mask --write_bgfree_mic --write_ccmax_mic --write_bg_mic --extract_raw"})
+      expect_no_picks("flat.mrc", "Kestrix: flat.mrc: the image has no variation; nothing can be picked.\n", options);
+  }
+}
+
+TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersGivesNoPicks) {
+  const float inf = std::numeric_limits<float>::infinity();
+  for (const float value : {kNaN, inf, -inf, 3.4e38F}) {
+    for (const size_t last : {300UL * 280, 1UL}) {
+      simulate_small();
+      Image image = read_image(path("sim_001.mrc"));
+      for (size_t i = 0; i < last; i++) image.data[i] = i % 2 == 1 ? -value : value;
+      write_image("nan.mrc", image.data, 300, 280);
+      for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter"}) {
+        const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
+        EXPECT_EQ(0, result.status) << value << options;
+        EXPECT_EQ(
+            std::isfinite(value) ? "" : "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
+            result.errors);
+        EXPECT_TRUE(std::isfinite(value) || content("nan_quorlin.box").empty());
+        for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
+          EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;
+      }
+    }
+  }
+}
+
+TEST_F(RunOnBad, ExtendedHeaderIsToldOf) {
+  simulate_small();
+  std::string bytes = content("sim_001.mrc");
+  const int extended = 512;
+  memcpy(&bytes[92], &extended, sizeof extended);
+  write_file(path("sim_001.mrc"), bytes);
+  const ProgramRun result = run("sim_001.mrc");
+  EXPECT_EQ(0, result.status);
+  EXPECT_TRUE(holds(result.errors, "Kestrix: sim_001.mrc: has an extended header of 512 bytes"));
+}
+
+// --- Templates ---
+
+TEST_F(RunOnBad, TemplatesThatCannotBeUsedAreRefused) {
+  simulate_small();
+  std::vector<float> pixels(3 * 40 * 40, 0.0F);
+  for (size_t i = 0; i < pixels.size(); i++) pixels[i] = std::sin(static_cast<float>(i));
+  std::vector<float> broken = pixels;
+  broken[2 * 1600 + 800] = kNaN;
+  write_image("nan.mrcs", broken, 40, 40, 3);
+  std::fill_n(broken.begin() + 1600, 3200, 5.0F);
+  write_image("flat.mrcs", broken, 40, 40, 3);
+  std::fill(broken.begin(), broken.end(), 3e38F);
+  write_image("huge.mrcs", broken, 40, 40, 3);
+  write_image("wide.mrcs", std::vector<float>(160000, 1.0F), 400, 400);
+  write_mrc("short.mrcs", 40, 40, 3, 2, 3 * 1600 * 4 - 1);
+  write_mrc("mode4.mrcs", 40, 40, 1, 4, 1600 * 8);
+  write_mrc("negative.mrcs", 40, -40, 1, 2, 1600 * 4);
+  write_mrc("no_image.mrcs", 40, 40, 0, 2, 1600 * 4);
+  write_mrc("greatest.mrcs", INT_MAX, INT_MAX, INT_MAX, 2, 1600 * 4);
+  write_mrc("many.mrcs", 40, 40, INT_MAX, 2, 1600 * 4);
+  write_file(path("empty.mrcs"), "");
+  std::filesystem::create_directory(path("folder.mrcs"));
+  const char* const cases[][2] = {
+      {"nan.mrcs", "template 3 holds values that are not finite"},
+      {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
+      {"huge.mrcs", "template 1 "},
+      {"wide.mrcs", "wide.mrcs come out as 400 x 400 pixels, larger than the working image"},
+      {"short.mrcs", "short.mrcs ends before its last image"},
+      {"mode4.mrcs", "mode4.mrcs are of MRC mode 4 (Complex Float); modes 0, 1, 2 and 6"},
+      {"negative.mrcs", "have the size 40 x -40 x 1, which can't be"},
+      {"no_image.mrcs", "have the size 40 x 40 x 0, which can't be"},
+      {"greatest.mrcs", "which can't be: is it an MRC stack"},
+      {"many.mrcs", "many.mrcs ends before its last image"},
+      {"empty.mrcs", "have the size 0 x 0 x 0, which can't be"},
+      {"folder.mrcs", "have the size 0 x 0 x 0, which can't be"},
+      {"gone.mrcs", "Cannot open file gone.mrcs. Permission denied or wrong file name.\n"}};
+  for (const auto& one : cases) {
+    expect_fatal("sim_001.mrc --T " + std::string(one[0]), one[1]);
+    EXPECT_FALSE(exists("sim_001_nonunique.box"));
+  }
+}
+
+TEST_F(RunOnBad, TemplatesOfEveryOddFormAreUsable) {
+  simulate_small("--templates 2 --boxT 21 --apixT 16");
+  for (const char* options : {"--T_norm_type 0", "--T_norm_type 2", "--T_norm_type 3", "--T_norm_type -1",
+                              "--apixT 16.5", "--speed 0", "--apixT 1.7 --T_norm_type 2"}) {
+    const ProgramRun result =
+        run("sim_001.mrc --T sim_templates.mrcs --ang_step 30 --apixT 16 " + std::string(options));
+    EXPECT_EQ(0, result.status) << options << ": " << result.output;
+  }
+}
+
+// --- Nowhere to write ---
+
+TEST_F(RunOnBad, OutputsThatCannotBeWrittenStopTheRunAndAreNamed) {
+  simulate_small("--number 2");
+  const char* const suffixes[] = {"_nonunique.box", "_quorlin.box", "_quorlin.star", "_rejected.box",
+                                  "_rejected.star", "_pref.mrc",    "_mask.mrc",     "_bgfree.mrc",
+                                  "_ccmax.mrc",     "_bg.mrc",      "_lsigma.mrc",   "_particles.mrcs"};
+  for (const std::string suffix : suffixes) {
+    const std::string name = "sim_002" + suffix;
+    remove_file(name);
+    std::filesystem::create_directory(path(name));
+    expect_fatal(
+        "sim_001.mrc sim_002.mrc --extract_raw --write_pref_mic --write_mic_mask --write_bgfree_mic "
+        "--write_ccmax_mic --write_bg_mic --write_lsigma_mic",
+        "Cannot write to file " + name + ". Permission denied or no space left!\n");
+    EXPECT_GT(picks("sim_001_quorlin.star").size(), 0U) << "of the micrograph before";
+    remove_file(name);
+  }
+}
+
+TEST_F(RunOnBad, FullDiskStopsTheRun) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "there is no /dev/full";
+  simulate_small();
+  for (const std::string suffix : {"_nonunique.box", "_rejected.star", "_mask.mrc", "_particles.mrcs"}) {
+    const std::string name = "sim_001" + suffix;
+    remove_file(name);
+    std::filesystem::create_symlink("/dev/full", path(name));
+    expect_fatal("sim_001.mrc --extract_raw --write_mic_mask", "writing " + name + " failed");
+    remove_file(name);
+  }
+}
+
+TEST_F(RunOnBad, FolderWithoutWritePermissionStopsTheRun) {
+  simulate_small();
+  std::filesystem::create_directory(path("closed"));
+  copy_file("sim_001.mrc", "closed/mic.mrc");
+  std::string as_user;
+  if (geteuid() == 0) {
+    as_user = "setpriv --reuid 65534 --clear-groups ";
+    if (system((as_user + KESTRIX_PROGRAM " >/dev/null 2>&1").c_str()) != 0)
+      GTEST_SKIP() << "root may write everywhere, and the program can't be run as another user";
+  }
+  chmod(path("closed").c_str(), 0555);
+  const ProgramRun result =
+      run_program(path("."), as_user + KESTRIX_PROGRAM " --apixM 8 --diameter 260 closed/mic.mrc");
+  chmod(path("closed").c_str(), 0755);
+  EXPECT_EQ(1, result.status);
+  EXPECT_TRUE(holds(result.output,
+                    "Cannot write to file closed/mic_nonunique.box. Permission denied or no space left!\n"
+                    "Error in function main(), file kestrix56 on line "));
+}
