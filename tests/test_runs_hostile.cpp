@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
 /// Micrographs of 300 x 280 pixels of 8 Å.
 class RunOnBad : public WholeRun {
  protected:
