@@ -1,6 +1,7 @@
 // What the stages of a run are measured against, on the threads that OMP_NUM_THREADS allows: prints "name seconds"
 // lines for a micrograph, its working side and a number of angles.
-//   kestrix_floors MICROGRAPH.mrc SHRINK ANGLES
+//   kestrix_floors MICROGRAPH.mrc SHRINK ANGLES [WISDOM]
+// FFTW's plans are kept in the file WISDOM between calls: good ones take long to find.
 #include <fftw3.h>
 #include <omp.h>
 
@@ -92,8 +93,8 @@ double read_and_average(const char* name, const MRC_HEAD& head, int shrink) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    fprintf(stderr, "Usage: %s MICROGRAPH.mrc SHRINK ANGLES\n", argv[0]);
+  if (argc != 4 && argc != 5) {
+    fprintf(stderr, "Usage: %s MICROGRAPH.mrc SHRINK ANGLES [WISDOM]\n", argv[0]);
     return 1;
   }
   const int shrink = atoi(argv[2]);
@@ -107,8 +108,10 @@ int main(int argc, char** argv) {
   fclose(file);
   const int side = get_max_extended_square_even_size(head.nx, head.ny, shrink);
   fftwf_init_threads();
+  if (argc == 5) fftwf_import_wisdom_from_filename(argv[4]);
   printf("read_and_average %.6f\n", read_and_average(argv[1], head, shrink));
   printf("padded_pair %.6f\n", padded_pair(side));
   printf("inverse_transforms %.6f\n", inverse_transforms(side, atoi(argv[3])));
+  if (argc == 5) fftwf_export_wisdom_to_filename(argv[4]);
   return 0;
 }

@@ -46,7 +46,7 @@ row() {
   export OMP_NUM_THREADS=$threads
   /usr/bin/time -f %M -o "$work/peak" build/kestrix --apixM 1.34 --diameter 260 --speed "$speed" "$@" \
     "$work/$name"_00[123].mrc >"$work/log"
-  build/bench/kestrix_floors "$work/${name}_001.mrc" "$shrink" "$transforms" >"$work/floors"
+  build/bench/kestrix_floors "$work/${name}_001.mrc" "$shrink" "$transforms" "$work/wisdom" >"$work/floors"
   awk -v label="$label" -v threads="$threads" -v r="$(stage READING "$work/log")" \
     -v n="$(stage NORMALIZATION "$work/log")" -v p="$(stage PICKING "$work/log")" -v peak="$(cat "$work/peak")" '
     { floor[$1] = $2 }
@@ -80,7 +80,13 @@ autopick() { # THREADS MICROGRAPHS...
 }
 
 star_list() { # COUNT: a STAR list of that many micrographs
-  { printf 'data_\n\nloop_\n_rlnMicrographName #1\n'; ls "$work"/b_00[123].mrc | head -n "$1"; } >"$work/list$1.star"
+  {
+    printf '\n# version 30001\n\ndata_optics\n\nloop_\n_rlnOpticsGroupName #1\n_rlnOpticsGroup #2\n'
+    printf '_rlnMicrographOriginalPixelSize #3\n_rlnVoltage #4\n_rlnSphericalAberration #5\n_rlnAmplitudeContrast #6\n'
+    printf '_rlnMicrographPixelSize #7\ngroup1 1 1.34 300 2.7 0.1 1.34\n\n'
+    printf '\n# version 30001\n\ndata_micrographs\n\nloop_\n_rlnMicrographName #1\n_rlnOpticsGroup #2\n'
+    for mic in "$work"/b_00[123].mrc; do echo "$mic 1"; done | head -n "$1"
+  } >"$work/list$1.star"
 }
 
 ours() { # THREADS MICROGRAPHS...

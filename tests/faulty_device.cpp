@@ -1,6 +1,7 @@
 // Linked into a program, makes its host device differ from a healthy one as the environment variable
 // KESTRIX_TEST_FAULTS says. Names and values, for instance "malloc=17" or "devices=3,capability=7.0:8.6:-1":
-//   malloc, malloc_host, memcpy, launch, fft   the n-th and every later call of that kind fails
+//   malloc, malloc_host, memcpy, launch, fft   the n-th and every later call of that kind fails; -n, but for fft: the
+//                                              n-th alone
 //   devices                                    how many there are
 //   capability                                 of each, in order; -1 for one that gives no properties
 #include <cstdio>

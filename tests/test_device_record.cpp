@@ -5,12 +5,11 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <limits>
 #include <set>
 
 #include "device_cases/device_record.h"
+#include "test_numeric.h"
 #include "test_support.h"
-#include "test_support_device.h"
 #include "test_support_programs.h"
 
 namespace {
@@ -39,7 +38,7 @@ TEST_F(RecordedDevice, GivesTheSameBitsOnEveryRunAndNumberOfCores) {
 #else
 
 TEST_F(RecordedDevice, AgreesWithTheHostDevice) {
-  SKIP_WITHOUT_DEVICE();
+  REQUIRE_DEVICE();
   if (!std::filesystem::exists(KESTRIX_HOST_DEVICE_RECORDER))
     GTEST_SKIP() << KESTRIX_HOST_DEVICE_RECORDER
         " is missing: build the release preset, or set the CMake variable "
@@ -99,7 +98,6 @@ bool agree(const std::vector<float>& a, const std::vector<float>& b, const Close
 }
 
 TEST(DeviceComparison, TakesNoDifferenceWhereBitsCount) {
-  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
   EXPECT_TRUE(agree({1, 2, kNaN}, {1, 2, -kNaN}, kSameBits));
   EXPECT_FALSE(agree({1, 2, 3}, {1, 2, std::nextafter(3.0f, 4.0f)}, kSameBits));
   EXPECT_FALSE(agree({0.0f}, {-0.0f}, kSameBits));
@@ -107,16 +105,14 @@ TEST(DeviceComparison, TakesNoDifferenceWhereBitsCount) {
 }
 
 TEST(DeviceComparison, BoundsADifferenceByTheValueOrByAllValues) {
-  constexpr float kInf = std::numeric_limits<float>::infinity();
-  constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
   const Closeness of_value{1e-3, 0, 0};
   EXPECT_TRUE(agree({1000, 1}, {1000.9f, 1.0009f}, of_value));
   EXPECT_FALSE(agree({1000, 1}, {1000, 1.002f}, of_value));
   const Closeness of_rms{0, 1e-3, 0};  // of 707.1
   EXPECT_TRUE(agree({1000, 1}, {1000.7f, 1.7f}, of_rms));
   EXPECT_FALSE(agree({1000, 1}, {1000, 1.8f}, of_rms));
-  EXPECT_TRUE(agree({kInf, -kInf}, {kInf, -kInf}, of_rms));
-  EXPECT_FALSE(agree({kInf, 1}, {1000, 1}, of_rms));
+  EXPECT_TRUE(agree({kInfinity, -kInfinity}, {kInfinity, -kInfinity}, of_rms));
+  EXPECT_FALSE(agree({kInfinity, 1}, {1000, 1}, of_rms));
   EXPECT_FALSE(agree({kNaN, 1}, {0, 1}, of_rms));
   EXPECT_FALSE(agree({0, 1}, {kNaN, 1}, of_rms));
 }

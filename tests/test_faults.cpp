@@ -120,31 +120,51 @@ class FaultyRuns : public FolderTest {
     for (const auto& file : left) EXPECT_TRUE(clean_files_.count(file.first)) << file.first << " was left";
   }
 
-  /// Lets the n-th and every later call of a kind fail, for every n that the run reaches. Each run must end with a line
-  /// that fits the pattern for standard error, or else the one for the end of standard output. `reaches_second`: such
-  /// calls are still made when the first micrograph is finished.
-  void sweep(const std::string& kind, const std::string& errors, const std::string& output, bool reaches_second) {
+  /// How a run with a fault must end.
+  struct Ending {
+    std::string errors;   // pattern for standard error, or else
+    std::string output;   // pattern for the last line of standard output
+    bool reaches_second;  // whether such calls are still made when the first micrograph is finished
+  };
+
+  /// Makes a run in which the n-th call of a kind fails and checks its end, unless it ended well. Returns its output.
+  ProgramRun run_to_fault(const std::string& kind, long n, const Ending& ending) const {
+    remove_outputs();
+    const ProgramRun run = this->run(kind + "=" + std::to_string(n));
+    if (run.status == 0) return run;
+    SCOPED_TRACE(kind + " " + std::to_string(n));
+    EXPECT_EQ(1, run.status);
+    const bool on_errors = fits(run.errors, ending.errors);
+    const size_t line = run.output.empty() ? 0 : run.output.rfind('\n', run.output.size() - 2) + 1;
+    const bool on_output = fits(run.output.substr(line), ending.output);
+    EXPECT_TRUE(on_errors ? !on_output : on_output && run.errors.empty()) << run.output << run.errors;
+    expect_whole_outputs(run);
+    return run;
+  }
+
+  /// Lets the n-th and every later call of a kind fail, for every n that a run reaches. Returns how many calls it makes.
+  long sweep(const std::string& kind, const Ending& ending) const {
     constexpr long kMost = 5000;
     bool second_reached = false;
     for (long n = 1; n < kMost && !HasFailure(); n++) {
-      remove_outputs();
-      const ProgramRun run = this->run(kind + "=" + std::to_string(n));
+      const ProgramRun run = run_to_fault(kind, n, ending);
       if (run.status == 0) {
         EXPECT_GT(n, 1);
-        EXPECT_EQ(reaches_second, second_reached);
+        EXPECT_EQ(ending.reaches_second, second_reached);
         EXPECT_EQ(clean_files_, outputs());
-        return;
+        return n - 1;
       }
-      SCOPED_TRACE(kind + " " + std::to_string(n));
-      EXPECT_EQ(1, run.status);
-      const bool on_errors = fits(run.errors, errors);
-      const size_t line = run.output.empty() ? 0 : run.output.rfind('\n', run.output.size() - 2) + 1;
-      const bool on_output = fits(run.output.substr(line), output);
-      EXPECT_TRUE(on_errors ? !on_output : on_output && run.errors.empty()) << run.output << run.errors;
-      expect_whole_outputs(run);
       second_reached = second_reached || run.output.find("File mic1.mrc finished.") != std::string::npos;
     }
-    FAIL() << "no run of less than " << kMost << " calls ended well";
+    ADD_FAILURE() << "no run of less than " << kMost << " calls ended well";
+    return 0;
+  }
+
+  /// The same, then lets each call fail alone, which is noticed only if its own result is examined.
+  void sweep_both_ways(const std::string& kind, const Ending& ending) const {
+    const long calls = sweep(kind, ending);
+    for (long n = 1; n <= calls && !HasFailure(); n++)
+      EXPECT_EQ(1, run_to_fault(kind, -n, ending).status) << kind << " " << n << " alone went unnoticed";
   }
 
   std::string program_;
@@ -170,14 +190,18 @@ const std::string kCopyFailed = "Error invalid argument" + kPlace;
 const std::string kLaunchFailed = "Error unspecified launch failure" + kPlace;
 const std::string kTransformFailed = "Error CUFFT_(ALLOC|EXEC)_FAILED, [A-Za-z ]+" + kPlace;
 
-TEST_F(FaultyRuns, EndWhenDeviceMemoryRunsOut) { sweep("malloc", kNoMemory, kNoDeviceMemory, false); }
-TEST_F(FaultyRuns, EndWhenMemoryForTransfersRunsOut) { sweep("malloc_host", kNoMemory, kNoHostMemory, false); }
-TEST_F(FaultyRuns, EndAtACopyThatFails) { sweep("memcpy", kCopyFailed, kNothing, true); }
-TEST_F(FaultyRuns, EndAtALaunchThatFails) { sweep("launch", kLaunchFailed, kNothing, true); }
+TEST_F(FaultyRuns, EndWhenDeviceMemoryRunsOut) { sweep_both_ways("malloc", {kNoMemory, kNoDeviceMemory, false}); }
+TEST_F(FaultyRuns, EndWhenMemoryForTransfersRunsOut) {
+  sweep_both_ways("malloc_host", {kNoMemory, kNoHostMemory, false});
+}
+TEST_F(FaultyRuns, EndAtACopyThatFails) { sweep_both_ways("memcpy", {kCopyFailed, kNothing, true}); }
+TEST_F(FaultyRuns, EndAtALaunchThatFails) { sweep_both_ways("launch", {kLaunchFailed, kNothing, true}); }
 
-TEST_F(FaultyGpuRoadRuns, EndWhenDeviceMemoryRunsOut) { sweep("malloc", kNoMemory, kNoDeviceMemory, false); }
-TEST_F(FaultyGpuRoadRuns, EndAtALaunchThatFails) { sweep("launch", kLaunchFailed, kNothing, true); }
-TEST_F(FaultyGpuRoadRuns, EndAtATransformThatFails) { sweep("fft", kTransformFailed, kNothing, true); }
+TEST_F(FaultyGpuRoadRuns, EndWhenDeviceMemoryRunsOut) {
+  sweep_both_ways("malloc", {kNoMemory, kNoDeviceMemory, false});
+}
+TEST_F(FaultyGpuRoadRuns, EndAtALaunchThatFails) { sweep_both_ways("launch", {kLaunchFailed, kNothing, true}); }
+TEST_F(FaultyGpuRoadRuns, EndAtATransformThatFails) { sweep("fft", {kTransformFailed, kNothing, true}); }
 
 TEST_F(FaultyRuns, ResumeAfterADeviceWasLost) {
   remove_outputs();

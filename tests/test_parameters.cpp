@@ -75,8 +75,8 @@ TEST(Parameters, DerivedValuesDoNotDependOnTheOrderOfTheOptions) {
 }
 
 TEST(Parameters, GivenValuesAreUsedUnchanged) {
-  const Parsed parsed({"--min_dist", "12.5", "--boxsize", "127", "--lsigma_D", "90", "--lave_D", "80",
-                       "--apixT", "2.5", "--apixM", "3", "mic.mrc"});
+  const Parsed parsed({"--min_dist", "12.5", "--boxsize", "127", "--lsigma_D", "90", "--lave_D", "80", "--apixT", "2.5",
+                       "--apixM", "3", "mic.mrc"});
   EXPECT_EQ(12.5f, parsed.para.min_dist);
   EXPECT_EQ(127, parsed.para.boxsize);
   EXPECT_EQ(90.0f, parsed.para.lsigma_D);
@@ -116,8 +116,7 @@ TEST(Parameters, AcceptsTheOptionsThatTheOptionListLacks) {
 }
 
 TEST(Parameters, TheLastOfTwoWins) {
-  const Parsed parsed(
-      {"--lave_min", "-0.8", "--detect_ice", "0", "mic.mrc", "--lave_min", "-2", "--detect_ice"});
+  const Parsed parsed({"--lave_min", "-0.8", "--detect_ice", "0", "mic.mrc", "--lave_min", "-2", "--detect_ice"});
   EXPECT_EQ(-2.0f, parsed.para.lave_min);
   EXPECT_EQ(1, parsed.para.detect_ice);
 }
@@ -147,8 +146,7 @@ TEST(Parameters, AFlagLeavesALetterAndConsumesAnyOtherBeginning) {
   EXPECT_EQ(1, letter.para.n_files);
 
   // A path, a leading digit and an empty text are values, of which the number counts.
-  const char* const consumed[] = {"./a.mrc", "/data/a.mrc", "../a.mrc", "0001.mrc", "7up.mrc",
-                                  "",        "+0",          " 1"};
+  const char* const consumed[] = {"./a.mrc", "/data/a.mrc", "../a.mrc", "0001.mrc", "7up.mrc", "", "+0", " 1"};
   const int flags[] = {0, 0, 0, 1, 1, 0, 0, 1};
   for (int i = 0; i < 8; i++) {
     const Parsed parsed({"--write_mic_mask", consumed[i], "b.mrc"});
@@ -164,10 +162,8 @@ TEST(Parameters, WarningsComeInTheirOrderForWhatWasNotGiven) {
   std::string all;
   for (const std::string& line : warning_lines) all += line;
   EXPECT_EQ(all, Parsed({"mic.mrc"}).warnings);
-  EXPECT_EQ("",
-            Parsed({"--apixT", "1", "--apixM", "1", "--T", "t.mrc", "--diameter", "9", "mic.mrc"}).warnings);
-  EXPECT_EQ(warning_lines[0] + warning_lines[3],
-            Parsed({"--apixM", "1", "--T", "t.mrc", "mic.mrc"}).warnings);
+  EXPECT_EQ("", Parsed({"--apixT", "1", "--apixM", "1", "--T", "t.mrc", "--diameter", "9", "mic.mrc"}).warnings);
+  EXPECT_EQ(warning_lines[0] + warning_lines[3], Parsed({"--apixM", "1", "--T", "t.mrc", "mic.mrc"}).warnings);
 }
 
 TEST(Parameters, ANullTemplateIsAutomaticWithoutAWarning) {
@@ -220,8 +216,7 @@ TEST(Parameters, AnOptionWithoutItsValueIsRefusedByName) {
   for (const char* option : {"--apixM", "-speed", "--EXCLUDED_SUFFIX"}) {
     const Ending ending = ending_of_parsing({"mic.mrc", option});
     EXPECT_EQ(1, ending.status);
-    EXPECT_TRUE(
-        is_short_help_then(ending, "the option " + std::string(option) + " must be followed by a value"));
+    EXPECT_TRUE(is_short_help_then(ending, "the option " + std::string(option) + " must be followed by a value"));
   }
 }
 
@@ -234,8 +229,8 @@ TEST(Parameters, TextsAreTakenUpTo1023BytesAndNeverCut) {
 
   const std::vector<std::vector<std::string>> too_long = {
       {"--T", over, "m"}, {"--excluded_suffix", over, "m"}, {"--global_excluded_box", over, "m"}, {over}};
-  const char* const named[] = {"value of --T ", "value of --excluded_suffix ",
-                               "value of --global_excluded_box ", "file name "};
+  const char* const named[] = {"value of --T ", "value of --excluded_suffix ", "value of --global_excluded_box ",
+                               "file name "};
   for (size_t i = 0; i < too_long.size(); i++) {
     const Ending ending = ending_of_parsing(too_long[i]);
     EXPECT_EQ(1, ending.status);

@@ -97,8 +97,7 @@ TEST(Report, ShowsNothingForAnOptionWordThatWasAValue) {
 }
 
 TEST(Report, PrintsValuesOfAnySize) {
-  const std::string report =
-      report_of({"--apixM", "1e300", "--min_dist", "nan", "--boxsize", "99999999999", ""});
+  const std::string report = report_of({"--apixM", "1e300", "--min_dist", "nan", "--boxsize", "99999999999", ""});
   EXPECT_NE(std::string::npos, report.find("--apixM                inf\n"));
   EXPECT_NE(std::string::npos, report.find("--min_dist           nan\n"));
   EXPECT_NE(std::string::npos, report.find("--boxsize            2147483647\n"));

@@ -26,6 +26,7 @@ bool is_near_any(const Pick& pick, const std::vector<Pick>& places) {
 class RunExcludes : public WholeRun {
  protected:
   void SetUp() override {
+    REQUIRE_DEVICE();
     simulate();
     pick("--speed 1 --detect_ice 0");
     all_ = picks("sim_001_quorlin.star");
@@ -96,6 +97,18 @@ TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
   }
   pick("--speed 1 --detect_ice 0 --excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picked().size()) << "a suffix alone excludes nothing";
+}
+
+TEST_F(RunExcludes, PicksNearThoseOfTheRunBeforeFromBothOfItsLists) {
+  for (const std::string suffix : {"_quorlin.box", "_quorlin.star"}) {
+    simulate();
+    pick("--speed 1 --detect_ice 0");
+    pick("--speed 1 --detect_ice 0 --cc_cutoff 0.05 --exclusive_picking --excluded_suffix " + suffix);
+    const std::vector<Pick> others = picked();
+    EXPECT_GT(others.size(), 5U) << suffix;
+    EXPECT_EQ(others.size(), picks("sim_001_quorlin.box").size()) << suffix;
+    for (const Pick& p : others) EXPECT_FALSE(is_near_any(p, all_)) << suffix << ": " << p.x << ", " << p.y;
+  }
 }
 
 TEST_F(RunExcludes, MaskedPlacesFromTheStatisticsToo) {

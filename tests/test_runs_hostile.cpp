@@ -158,8 +158,7 @@ TEST_F(RunOnBad, FlatImageGivesNoPicks) {
   for (const float value : {0.0F, 7.0F, -1e30F, 0.1F}) {
     write_image("flat.mrc", std::vector<float>(300 * 280, value), 300, 280);
     for (const char* options : {"", "--detect_ice 0", "--do_pre_filter", "--do_bandpass 0 --detect_ice 0",
-                                "--write_pref_mic --write_mic_mask --write_bgfree_mic --write_ccmax_mic --write_bg_mic "
-                                "--write_lsigma_mic --extract_raw"})
+                                "--write_mic_mask --write_bgfree_mic --write_ccmax_mic --write_bg_mic --extract_raw"})
       expect_no_picks("flat.mrc", "Kestrix: flat.mrc: the image has no variation; nothing can be picked.\n", options);
   }
 }
@@ -175,6 +174,10 @@ TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersGivesNoPicks) {
       for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter"}) {
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
+        EXPECT_EQ(
+            std::isfinite(value) ? "" : "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
+            result.errors);
+        EXPECT_TRUE(std::isfinite(value) || content("nan_quorlin.box").empty());
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;
       }

@@ -199,7 +199,7 @@ TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {
   while (std::getline(lines, line)) {
     std::istringstream words(line);
     std::string x, y;
-    if (words >> x >> y) list += x + " " + y + "\n";
+    if (words >> x >> y) list += join(x, " ", y, "\n");
   }
   write_file(path("extracted.star"), list);
   const std::vector<Pick> theirs = picks("extracted.star");

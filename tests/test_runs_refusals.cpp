@@ -11,6 +11,7 @@ namespace {
 class RunRefuses : public WholeRun {
  protected:
   void SetUp() override {
+    REQUIRE_DEVICE();
     simulate("--nx 300 --ny 280 --apix 8 --dose 2 --templates 2");
     for (const auto& entry : std::filesystem::directory_iterator(path("."))) files_before_ += entry.is_regular_file();
   }
@@ -38,7 +39,7 @@ class RunRefuses : public WholeRun {
   void expect_end_whatever_the_value(const std::string& others, const std::string& option) const {
     for (const std::string value : {"''", "0", "-1", "1e30", "nan", "inf", "1e-30"}) {
       const ProgramRun result =
-          run(others + "--do_pre_filter 1 --exclusive_picking 1 --extract_raw --" + option + " " + value);
+          run(join(others, "--do_pre_filter 1 --exclusive_picking 1 --extract_raw --", option, " ", value));
       const bool complete = holds(result.output, "All 1 files finished successfully:");
       const bool refused = holds(result.output, "! Exit now!\n");
       EXPECT_EQ(complete ? 0 : 1, result.status) << option << " " << value << result.output << result.errors;
@@ -58,7 +59,7 @@ TEST_F(RunRefuses, ValuesThatCannotWorkAndNamesThem) {
   const char* const positive[] = {"apixM", "apixT", "diameter", "min_dist"};
   for (const std::string option : positive)
     for (const std::string value : {"0", "-1", "nan", "inf", "-inf", "text"})
-      expect_refused("--" + option + " " + value, ": --" + option + " is ");
+      expect_refused(join("--", option, " ", value), join(": --", option, " is "));
   expect_refused("--boxsize 0", "--boxsize is 0: ");
   expect_refused("--boxsize -86", "--boxsize is -86: ");
   for (const std::string value : {"0", "-5", "0.0009", "nan", "inf", "-inf"})
@@ -96,8 +97,9 @@ TEST_F(RunRefuses, AnOptionWithoutItsValueByTheHelp) {
 TEST_F(RunRefuses, TextsOf1024Bytes) {
   const std::string fits(1023, 'x'), is_too_long(1024, 'x');
   for (const std::string option : {"T", "excluded_suffix", "global_excluded_box"}) {
-    EXPECT_EQ(1, run("--" + option + " " + is_too_long).status);
-    EXPECT_TRUE(holds(run("--" + option + " " + is_too_long).output, "the value of --" + option + " is too long"));
+    const ProgramRun result = run(join("--", option, " ", is_too_long));
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(holds(result.output, join("the value of --", option, " is too long")));
   }
   EXPECT_EQ(1, run(is_too_long).status);
   EXPECT_TRUE(holds(run(is_too_long).output, "is too long: it may have at most 1023 characters! Exit now!\n"));
@@ -154,7 +156,7 @@ TEST_F(RunRefuses, NoFlagBeforeAnything) {
                                "write_pref_mic", "write_mic_mask", "write_bgfree_mic"};
   for (const std::string flag : flags)
     for (const std::string value : {"''", "nan", "99999999999999999999", "0.5"}) {
-      const ProgramRun result = run("--" + flag + " " + value);
+      const ProgramRun result = run(join("--", flag, " ", value));
       EXPECT_TRUE(result.status == (value == "nan" ? 1 : 0)) << flag << " " << value << ": " << result.output;
       EXPECT_EQ(value == "nan", holds(result.output, "Cannot open file nan."));
     }

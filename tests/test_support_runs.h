@@ -7,12 +7,15 @@
 #include "common/truth_file.h"
 #include "score/matching.h"
 #include "score/picks.h"
+#include "test_numeric.h"
 #include "test_support_programs.h"
 
 /// A folder in which micrographs are simulated and picked: 1024 x 900 pixels of 4 Å with some 45 particles of 260 Å,
 /// clear to see, unless options say otherwise. Programs run on one thread.
 class WholeRun : public FolderTest {
  protected:
+  void SetUp() override { REQUIRE_DEVICE(); }
+
   /// Writes sim_001.mrc and the files that belong to it; later options of the same name override.
   void simulate(const std::string& options = "") const {
     const ProgramRun run = run_program(path("."), "OMP_NUM_THREADS=1 " KESTRIX_SIMULATE
@@ -57,6 +60,14 @@ class WholeRun : public FolderTest {
     return score_matching(truth, found, match_picks(truth, found, 0.5 * 130 / 4), has_areas ? &areas : nullptr);
   }
 };
+
+/// The pieces as one text.
+template <class... Pieces>
+std::string join(const Pieces&... pieces) {
+  std::string text;
+  (text.append(pieces), ...);
+  return text;
+}
 
 /// Whether text holds words.
 inline bool holds(const std::string& text, const std::string& words) { return text.find(words) != std::string::npos; }

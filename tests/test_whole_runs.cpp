@@ -107,12 +107,12 @@ TEST_F(RunOutput, StopsWithATableAtAMicrographOfAnotherSizeOrType) {
     const std::string name = row[0];
     const ProgramRun run = kestrix(std::string(kCommon) + "sim_001.mrc " + name);
     EXPECT_EQ(1, run.status);
-    const std::string table = "Micrograph \x1b[1msim_001.mrc\x1b[m has a different size or format from  \x1b[1m" +
-                              name +
-                              "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
-                              "      Nx      Ny      Nz      Mode             File:\n"
-                              "      512     480     1       Float               sim_001.mrc\n" +
-                              row[1] + name + "\n";
+    const std::string table =
+        join("Micrograph \x1b[1msim_001.mrc\x1b[m has a different size or format from  \x1b[1m", name,
+             "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
+             "      Nx      Ny      Nz      Mode             File:\n"
+             "      512     480     1       Float               sim_001.mrc\n",
+             row[1], name, "\n");
     ASSERT_GT(run.output.size(), table.size());
     EXPECT_EQ(table, run.output.substr(run.output.size() - table.size()));
     EXPECT_TRUE(exists("sim_001_quorlin.star"));

@@ -97,11 +97,11 @@ struct HostDeviceFaults {
   int device_count = 1;          // devices 0 .. device_count - 1 exist
   int capability[8][2] = {};     // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
                                  // device that gives no properties
-  long fail_malloc_at = 0;       // the n-th and every later cudaMalloc fails
+  long fail_malloc_at = 0;       // the n-th and every later cudaMalloc fails; -n: the n-th alone
   long fail_malloc_host_at = 0;  // likewise cudaMallocHost
   long fail_memcpy_at = 0;       // likewise cudaMemcpy
   long fail_launch_at = 0;       // likewise the wait after a launch
-  long fail_fft_at = 0;          // likewise planning and running a transform
+  long fail_fft_at = 0;          // the n-th and every later planning or running of a transform
 };
 
 /// The pretence in force; all healthy unless a test changes it.

@@ -14,7 +14,10 @@ std::atomic<long> malloc_host_calls{0};
 std::atomic<long> memcpy_calls{0};
 std::atomic<long> launch_calls{0};
 
-bool fails(std::atomic<long>& calls, long fail_at) { return ++calls >= fail_at && fail_at > 0; }
+bool fails(std::atomic<long>& calls, long fail_at) {
+  const long n = ++calls;
+  return fail_at > 0 ? n >= fail_at : n == -fail_at;
+}
 
 cudaError_t allocate(void** pointer, size_t bytes) {
   constexpr size_t kAlignment = 64;

@@ -244,16 +244,21 @@ void close_candidates(FILE* nonunique, const char* name) {
   if (fclose(nonunique) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", name);
 }
 
-// The final lists and the particle stack.
+void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
+  const Kestrix_Para& para = run->para;
+  box_filter(run->sizes.shrink_nx, run->sizes.shrink_ny, para.min_dist_px, para.cc_cutoff,
+             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, names->nonunique, names->excluded,
+             out, kind);
+}
+
+// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: then
+// it is replaced last, so that both lists hold the same picks.
 void select_picks(const Run* run, const MicrographNames* names) {
   const Kestrix_Para& para = run->para;
-  const RunSizes& s = run->sizes;
-  const auto shrink = static_cast<float>(para.shrink);
-  box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
-             names->nonunique, names->excluded, names->box, 2);
-  if (para.write_star)
-    box_filter(s.shrink_nx, s.shrink_ny, para.min_dist_px, para.cc_cutoff, shrink, para.boxsize, para.boxsize, kOrigin,
-               names->nonunique, names->excluded, names->star, 1);
+  const bool star_first = strcmp(names->excluded, names->box) == 0;
+  if (para.write_star && star_first) write_picks(run, names, names->star, 1);
+  write_picks(run, names, names->box, 2);
+  if (para.write_star && !star_first) write_picks(run, names, names->star, 1);
   if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
 }
 

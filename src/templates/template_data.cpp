@@ -82,17 +82,16 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, flo
 
 float* get_template_data(int& nx, int& ny, int& nz, const char* name) {
   FILE* file = KESTRIX_OPEN_READ(name);
-  MRC_HEAD* head = mrc_new_head();
-  mrc_read_head(file, head);
-  check_stack(file, head, name);
-  note_extended_header(name, head);
-  nx = head->nx;
-  ny = head->ny;
-  nz = head->nz;
+  MRC_HEAD head;
+  mrc_read_head(file, &head);
+  check_stack(file, &head, name);
+  note_extended_header(name, &head);
+  nx = head.nx;
+  ny = head.ny;
+  nz = head.nz;
   const size_t pixels = static_cast<size_t>(nx) * ny;
   auto* stack = host_new<float>(static_cast<size_t>(nz) * pixels);
-  for (int z = 0; z < nz; z++) mrc_read_slice(file, head, z, 'z', stack + static_cast<size_t>(z) * pixels);
-  free(head);
+  for (int z = 0; z < nz; z++) mrc_read_slice(file, &head, z, 'z', stack + static_cast<size_t>(z) * pixels);
   fclose(file);
   return stack;
 }
