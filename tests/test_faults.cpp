@@ -130,7 +130,7 @@ class FaultyRuns : public FolderTest {
   /// Makes a run in which the n-th call of a kind fails and checks its end, unless it ended well. Returns its output.
   ProgramRun run_to_fault(const std::string& kind, long n, const Ending& ending) const {
     remove_outputs();
-    const ProgramRun run = this->run(kind + "=" + std::to_string(n));
+    ProgramRun run = this->run(kind + "=" + std::to_string(n));
     if (run.status == 0) return run;
     SCOPED_TRACE(kind + " " + std::to_string(n));
     EXPECT_EQ(1, run.status);
