@@ -28,8 +28,8 @@ struct Lanes {
 
   /// Checks one lane of out against the definition. Values are of about sqrt(n), float passes off by some 1e-7 of that.
   void expect_transformed(const LaneValue* out, int lane) const {
-    std::vector<Complex> image;
-    for (int i = 0; i < n; i++) image.emplace_back(in[i].re[lane], in[i].im[lane]);
+    std::vector<Complex> image(static_cast<size_t>(n));
+    for (int i = 0; i < n; i++) image[static_cast<size_t>(i)] = Complex(in[i].re[lane], in[i].im[lane]);
     std::vector<double> want;
     std::vector<float> got;
     for (const Complex& v : fourier_sums(image, n, 1, -1)) {
