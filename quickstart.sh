@@ -17,7 +17,7 @@ cmake --build build -j "$(nproc)" >/dev/null
 mkdir -p "$data"
 if [ ! -e "$data/mic_templates.mrcs" ] || [ ! -e "$data/mic_002_truth.star" ]; then
   echo "Simulating two 4096 x 4096 micrographs ($data/) ..."
-  build/kestrix_simulate --prefix "$data/mic_" --number 2 --apix $apix --diameter $diameter --apixT 2.68 --seed 1 \
+  build/kestrix_simulate --prefix "$data/mic_" --number 2 --apix $apix --diameter $diameter --apixT 2.68 --boxT 128 --seed 1 \
     >"$data/simulate.log"
 fi
 
@@ -39,8 +39,8 @@ pick() {
 
 echo "Picking ..."
 printf '\n%-12s %-12s %6s %6s %10s %8s %18s\n' micrograph templates true picks precision recall 's per micrograph'
-pick automatic
-pick eight --T "$data/mic_templates.mrcs" --apixT 2.68
+pick automatic --cc_cutoff 0.25
+pick eight --cc_cutoff 0.35 --T "$data/mic_templates.mrcs" --apixT 2.68
 
 echo
 echo "Micrographs, lists and logs lie in $data/: NAME_quorlin.box (EMAN), NAME_quorlin.star (RELION) and more;"

@@ -11,7 +11,7 @@ tools/install_packages.sh build test
 
 run_preset() {
   echo "== $1: configure and build"
-  cmake --preset "$1" "${@:2}" >/dev/null
+  cmake --preset "$1" -DKESTRIX_TESTS=ON "${@:2}" >/dev/null
   cmake --build --preset "$1" -j "$jobs" -- --no-print-directory | grep -vE '^\[|^Scanning|^Consolidate' || true
   cmake --build --preset "$1" -j "$jobs" >/dev/null
   echo "== $1: tests"
@@ -26,7 +26,7 @@ for preset in "${presets[@]}"; do
   elif [ "$preset" = asan ]; then
     run_preset asan -DKESTRIX_BENCH=OFF
   else
-    run_preset "$preset"
+    run_preset "$preset" -DKESTRIX_BENCH=ON
   fi
 done
 echo "== all done"

@@ -98,7 +98,7 @@ bool agree(const std::vector<float>& a, const std::vector<float>& b, const Close
 }
 
 TEST(DeviceComparison, TakesNoDifferenceWhereBitsCount) {
-  EXPECT_TRUE(agree({1, 2, kNotANumber}, {1, 2, -kNotANumber}, kSameBits));
+  EXPECT_TRUE(agree({1, 2, kNaN}, {1, 2, -kNaN}, kSameBits));
   EXPECT_FALSE(agree({1, 2, 3}, {1, 2, std::nextafter(3.0f, 4.0f)}, kSameBits));
   EXPECT_FALSE(agree({0.0f}, {-0.0f}, kSameBits));
   EXPECT_FALSE(agree({1, 2, 3}, {1, 2}, kSameBits));
@@ -113,8 +113,8 @@ TEST(DeviceComparison, BoundsADifferenceByTheValueOrByAllValues) {
   EXPECT_FALSE(agree({1000, 1}, {1000, 1.8f}, of_rms));
   EXPECT_TRUE(agree({kInfinity, -kInfinity}, {kInfinity, -kInfinity}, of_rms));
   EXPECT_FALSE(agree({kInfinity, 1}, {1000, 1}, of_rms));
-  EXPECT_FALSE(agree({kNotANumber, 1}, {0, 1}, of_rms));
-  EXPECT_FALSE(agree({0, 1}, {kNotANumber, 1}, of_rms));
+  EXPECT_FALSE(agree({kNaN, 1}, {0, 1}, of_rms));
+  EXPECT_FALSE(agree({0, 1}, {kNaN, 1}, of_rms));
 }
 
 TEST(DeviceComparison, LetsAShareOfChoicesFallElsewhere) {

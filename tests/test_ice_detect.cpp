@@ -65,7 +65,7 @@ void expect_same_cells(const Cells& got, const Cells& want) {
 /// Maps of few different values, so that many equal each other or a limit, with NaN among them.
 std::vector<float> coarse_map(size_t n, unsigned seed, float nan_share) {
   std::vector<float> map = random_values(n, seed, -4, 4), choice = random_values(n, seed + 1, 0, 1);
-  for (size_t i = 0; i < n; i++) map[i] = choice[i] < nan_share ? kNotANumber : std::round(map[i] * 2) / 2;
+  for (size_t i = 0; i < n; i++) map[i] = choice[i] < nan_share ? kNaN : std::round(map[i] * 2) / 2;
   return map;
 }
 
@@ -128,7 +128,7 @@ TEST_F(CellSearch, MarksACellByOnePixelBeyondALimitThatBeatsTheFirst) {
   EXPECT_EQ(0u, marked(with(6, -1.0f), flat));
   EXPECT_EQ(0u, marked(with(0, 9.0f), with(0, 9.0f))) << "the first pixel alone";
   std::vector<float> spoilt = with(6, 5.0f);
-  spoilt[0] = kNotANumber;
+  spoilt[0] = kNaN;
   EXPECT_EQ(0u, marked(spoilt, flat)) << "nothing beats a NaN at the first pixel";
 }
 

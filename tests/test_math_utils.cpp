@@ -216,7 +216,7 @@ TEST_F(Normalisation, UnderAMaskOfOnesIsThatOfTheWholeArray) {
 
 TEST_F(Normalisation, OfAFlatArrayOrUnderAnEmptyMaskGivesNoNumbers) {
   const size_t n = 2000;
-  const std::vector<float> nothing(n, kNotANumber);
+  const std::vector<float> nothing(n, kNaN);
   const auto flat = to_device(std::vector<float>(n, 3.0f));
   hcuda_normz_inplace(flat.get(), n, 1, 0);
   EXPECT_TRUE(same_bits(to_host(flat, n), nothing));
@@ -278,7 +278,7 @@ TEST(HostMask, NormalisationIsDoneInDoubleAndLeavesZerosWhereTheMaskIsZero) {
 
 TEST(HostExtremes, ComeInOnePassAndLeaveOutNaN) {
   float max = 0, min = 0, mean = 0;
-  const std::vector<float> values{2.0f, kNotANumber, -7.0f, 9.0f, 3.0f};
+  const std::vector<float> values{2.0f, kNaN, -7.0f, 9.0f, 3.0f};
   EXPECT_EQ(0, max_min_mean_value(values.data(), 1, max, min, mean));
   EXPECT_EQ(std::vector<float>({2, 2, 2}), std::vector<float>({max, min, mean}));
   max_min_mean_value(values.data(), 5, max, min, mean);

@@ -16,7 +16,7 @@
 
 #include "platform/device.h"
 
-constexpr float kNotANumber = std::numeric_limits<float>::quiet_NaN();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 // --- The device ---
@@ -62,7 +62,7 @@ std::vector<T> to_host(const DeviceArray<T>& device, size_t count) {
 }
 
 /// An output of NaN, so that a place that is never written shows.
-inline DeviceArray<float> unwritten(size_t count) { return to_device(std::vector<float>(count, kNotANumber)); }
+inline DeviceArray<float> unwritten(size_t count) { return to_device(std::vector<float>(count, kNaN)); }
 
 /// Sets the number of cores that the host device uses, and gives them all back at the end of the scope.
 struct Cores {

@@ -61,7 +61,7 @@ Peaks cell_maxima(const Search& s) {
           }
       peaks.index.push_back(at);
       peaks.cc.push_back(best);
-      peaks.psi.push_back(at ? angle_of(at) : kNotANumber);
+      peaks.psi.push_back(at ? angle_of(at) : kNaN);
     }
   }
   return peaks;
@@ -124,7 +124,7 @@ TEST_F(Peak, SearchEqualsAPlainOneOnMapsWithTiesNaNAndInfinities) {
       const std::vector<float> choice = random_values(s.ccmax.size(), seed++, 0, 1);
       for (size_t i = 0; i < s.ccmax.size(); i++) {
         if (kind % 2) s.ccmax[i] = std::round(s.ccmax[i] * 8) / 8;  // ties
-        if (kind & 2 && choice[i] < 0.2f) s.ccmax[i] = kNotANumber;
+        if (kind & 2 && choice[i] < 0.2f) s.ccmax[i] = kNaN;
         if (kind & 2 && choice[i] > 0.8f) s.ccmax[i] = -kInfinity;
       }
       s.cutoff = kind & 1 ? 0.875f : 0.3f;  // a value that peaks have, and one that none has
@@ -220,5 +220,5 @@ TEST(CellSize, IsTheLeastDistanceOverTheRootOfTwoTruncated) {
   EXPECT_EQ(0, grid_cell_size(10, 7.1f));
   EXPECT_EQ(INT_MAX, grid_cell_size(1e30f, 1));
   EXPECT_EQ(INT_MAX, grid_cell_size(1, 0));
-  for (const float wrong : {kNotANumber, -5.0f, 0.0f}) EXPECT_EQ(0, grid_cell_size(wrong, 1)) << wrong;
+  for (const float wrong : {kNaN, -5.0f, 0.0f}) EXPECT_EQ(0, grid_cell_size(wrong, 1)) << wrong;
 }

@@ -97,7 +97,7 @@ TEST_F(ElementWise, OperationsRoundOnceAndReachEveryPixel) {
 TEST_F(ElementWise, DivisionByZeroFollowsIeeeArithmetic) {
   const auto d = to_device(std::vector<float>{1.0f, -2.0f, 0.0f});
   hcuda_2d_divide_inplace(d.get(), 3, 1, 0.0f);
-  EXPECT_TRUE(same_bits(to_host(d, 3), {kInfinity, -kInfinity, kNotANumber}));
+  EXPECT_TRUE(same_bits(to_host(d, 3), {kInfinity, -kInfinity, kNaN}));
 }
 
 // --- Rotation and scaling ---
@@ -106,7 +106,7 @@ TEST_F(Rotate2d, ByZeroReproducesEveryPixelExactlyAndReadsNoOther) {
   for (const Size size : {Size{1, 1}, Size{8, 8}, Size{9, 9}, Size{40, 33}, Size{7, 64}}) {
     std::vector<float> image = random_values(pixels_of(size), 1);
     // A pixel that leaked into a neighbour, with whatever small weight, would turn it into NaN.
-    for (size_t i = 0; i < image.size(); i += 5) image[i] = kNotANumber;
+    for (size_t i = 0; i < image.size(); i += 5) image[i] = kNaN;
     EXPECT_TRUE(same_bits(turned(image, size, 0), image)) << size.nx << " x " << size.ny;
   }
 }
@@ -148,7 +148,7 @@ TEST_F(Rotate2d, AgreesWithADoublePrecisionSamplerAtAnyAngle) {
 
 TEST_F(Rotate2d, PixelsFromOutsideAreZeroWhateverTheImageHolds) {
   const Size size{40, 40};
-  const std::vector<float> image(pixels_of(size), kNotANumber);
+  const std::vector<float> image(pixels_of(size), kNaN);
   const std::vector<float> got = turned(image, size, 45);
   for (const size_t corner : {size_t{0}, size_t{39}, pixels_of(size) - 40, pixels_of(size) - 1})
     EXPECT_EQ(0.0f, got[corner]);
@@ -158,7 +158,7 @@ TEST_F(Rotate2d, PixelsFromOutsideAreZeroWhateverTheImageHolds) {
 TEST_F(Scale2d, ByOneReproducesEveryPixelExactlyAndReadsNoOther) {
   const Size size{19, 22};
   std::vector<float> image = random_values(pixels_of(size), 1);
-  for (size_t i = 0; i < image.size(); i += 5) image[i] = kNotANumber;
+  for (size_t i = 0; i < image.size(); i += 5) image[i] = kNaN;
   EXPECT_TRUE(same_bits(scaled(image, size, 1, size), image));
 }
 

@@ -280,7 +280,7 @@ TEST_P(Scan, StaysAtTheFirstAngleWhereAllTie) {
 
 TEST_P(Scan, OfAMicrographWithNaNGivesNoScoresAndNoAngles) {
   Scene scene = random_scene(24, 20, 7, 8, false);
-  scene.mic[100] = kNotANumber;
+  scene.mic[100] = kNaN;
   const Maps maps = scanned(scene, {10, 359, 20});
   for (const float score : maps.ccmax) ASSERT_FALSE(score > -kInfinity) << score;
 }
@@ -329,9 +329,9 @@ TEST(ScanAngleCount, StopsBeforeTheBoundAndAddsInFloat) {
 TEST_F(ScanUpdate, KeepsTheFirstOfEqualsAndPassesOverNaN) {
   const int nx = 5, ny = 1;
   // One pixel a column, one angle a row. Columns: the middle is best; a tie; NaN everywhere; NaN first; -infinity.
-  const std::vector<float> cc{1, 3, kNotANumber, kNotANumber,  -kInfinity,  //
-                              2, 3, kNotANumber, -5.0f, -kInfinity,  //
-                              1, 2, kNotANumber, kNotANumber,  -kInfinity};
+  const std::vector<float> cc{1, 3, kNaN, kNaN,  -kInfinity,  //
+                              2, 3, kNaN, -5.0f, -kInfinity,  //
+                              1, 2, kNaN, kNaN,  -kInfinity};
   ScanAngles angles{};
   angles.psi[0] = 10;
   angles.psi[1] = 20;

@@ -33,13 +33,13 @@ std::vector<float> image_with_spoilt_remainder(int nx, int ny, int unit) {
   std::vector<float> image = random_values(static_cast<size_t>(nx) * ny, static_cast<unsigned>(nx * ny + unit));
   for (int y = 0; y < ny; y++)
     for (int x = 0; x < nx; x++)
-      if (x >= nx / unit * unit || y >= ny / unit * unit) image[static_cast<size_t>(y) * nx + x] = kNotANumber;
+      if (x >= nx / unit * unit || y >= ny / unit * unit) image[static_cast<size_t>(y) * nx + x] = kNaN;
   return image;
 }
 
 std::vector<float> shrunk_square(const std::vector<float>& image, int nx, int ny, int shrink) {
   const auto side = static_cast<size_t>(get_max_extended_square_even_size(nx, ny, shrink));
-  std::vector<float> out(side * side, kNotANumber);
+  std::vector<float> out(side * side, kNaN);
   cpu_2d_meanshrink_extended_even_square(out.data(), image.data(), nx, ny, shrink);
   return out;
 }
@@ -134,7 +134,7 @@ TEST(Meanshrink, DropsTheRemainderOfEverySliceOfAStack) {
       for (int y = 0; y < ny / shrink; y++)
         for (int x = 0; x < nx / shrink; x++) want.push_back(block_mean(slice, nx, x, y, shrink));
     }
-    std::vector<float> out(want.size(), kNotANumber);
+    std::vector<float> out(want.size(), kNaN);
     cpu_2ds_meanshrink(out.data(), stack.data(), nx, ny, nz, shrink);
     EXPECT_TRUE(all_near(out, want, kSumRounding)) << shrink;
   }

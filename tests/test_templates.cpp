@@ -136,7 +136,7 @@ TEST(AutomaticTemplate, WithoutASoftEdgeHoldsOnlyOnesAndZeros) {
 }
 
 TEST(AutomaticTemplate, ThatNoWorkingImageHoldsIsRefused) {
-  for (const float radius : {0.9f, -5.0f, 26.0f, 1e30f, kInfinity, kNotANumber}) {
+  for (const float radius : {0.9f, -5.0f, 26.0f, 1e30f, kInfinity, kNaN}) {
     Request request;
     request.T = "NULL";
     request.radius = radius;
@@ -185,7 +185,7 @@ TEST_F(TemplateStack, ShrunkOnlyLosesTheLastRowAndColumn) {
   for (int y = 0; y < 101; y++) {
     for (int x = 0; x < 101; x++) {
       const int block = x / 4 + 25 * (y / 4);
-      pixels[static_cast<size_t>(y) * 101 + x] = x == 100 || y == 100 ? kNotANumber : static_cast<float>(block);
+      pixels[static_cast<size_t>(y) * 101 + x] = x == 100 || y == 100 ? kNaN : static_cast<float>(block);
     }
   }
   Request request;
@@ -212,7 +212,7 @@ TEST_F(TemplateStack, ThatComesOutTooSmallOrTooLargeIsRefused) {
   refused(1e30f, 1e-30f, 8, "larger than the working image");
   refused(0.1f, 2, 1, "smaller than 1 pixel (0 x 0)");
   refused(2, 2, 13, "smaller than 1 pixel (1 x 0)");
-  refused(kNotANumber, 2, 1, "smaller than 1 pixel");
+  refused(kNaN, 2, 1, "smaller than 1 pixel");
 }
 
 TEST_F(TemplateStack, ThatCannotBeReadIsRefusedBeforeAnythingIsAllocated) {
@@ -302,7 +302,7 @@ TEST(TemplateCheck, RefusesTemplatesThatMatchNothingAndNamesThem) {
   const std::vector<float> flat = normalised(std::vector<float>(144, 0.7f), 12, 12, 1, 4, 0.05f);
   const std::string zero = said(flat);
   EXPECT_EQ(0u, zero.find("1 Error in function check_template_usable(), file quorlin56 on line N: template 5 is zero"));
-  for (const float wrong : {kNotANumber, kInfinity, -kInfinity}) {
+  for (const float wrong : {kNaN, kInfinity, -kInfinity}) {
     std::vector<float> data = random_values(144, 8);
     data[143] = wrong;
     EXPECT_NE(std::string::npos, said(data).find("template 5 holds values that are not finite"));
