@@ -8,7 +8,8 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 # No fused multiply-adds behind our back, so that bits agree between instruction sets and devices; traps and
 # errno are never looked at, and without them clamping loops vectorise.
-set(KESTRIX_FLAGS -fno-trapping-math -fno-math-errno -ffp-contract=off -Wall -Wextra -Wshadow)
+# -Wno-psabi: vectors wider than the baseline's registers pass between inlined functions only.
+set(KESTRIX_FLAGS -fno-trapping-math -fno-math-errno -ffp-contract=off -Wall -Wextra -Wshadow -Wno-psabi)
 if(KESTRIX_SANITIZE)
   set(KESTRIX_SANITIZERS address,undefined,float-cast-overflow)
   list(APPEND KESTRIX_FLAGS -fsanitize=${KESTRIX_SANITIZERS} -fno-sanitize-recover=undefined,float-cast-overflow

@@ -12,8 +12,6 @@
 #include "platform/lane_fft.h"
 #include "platform/launch.h"
 
-#pragma GCC diagnostic ignored "-Wpsabi"  // vectors are passed between inlined functions only
-
 // Two real images make one complex one: with the templates T1 - i T2 and the micrograph's spectrum A,
 //   A * conj(FFT(T1 - i T2)) = FFT(c1) + i FFT(c2),
 // so that one inverse transform gives the correlations c1 and c2 of two angles as its real and imaginary part.

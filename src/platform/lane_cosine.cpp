@@ -11,8 +11,6 @@
 #include "platform/lane_fft.h"
 #include "platform/launch.h"
 
-#pragma GCC diagnostic ignored "-Wpsabi"  // vectors are passed between inlined functions only
-
 // Sixteen rows or columns are transformed together: eight as the real and eight as the imaginary parts of the lanes.
 // The forward and inverse transform of n real values take one complex transform of n (Makhoul, IEEE Trans. ASSP 28
 // (1980) 27); the correlation takes one of 2n, whose input is even, so that real and imaginary part stay apart.

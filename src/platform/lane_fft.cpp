@@ -12,8 +12,6 @@
 #include "host_memory.h"
 #include "platform/launch.h"
 
-#pragma GCC diagnostic ignored "-Wpsabi"  // vectors are passed between inlined functions only
-
 // Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
 #define INTO_LOOP __attribute__((always_inline)) inline
 
