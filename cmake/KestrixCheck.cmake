@@ -3,8 +3,8 @@ file(GLOB_RECURSE KESTRIX_CHECKED CONFIGURE_DEPENDS
   src/*.cpp src/*.h tools/*.cpp tools/*.h tests/*.cpp tests/*.h bench/*.cpp)
 set(KESTRIX_TIDIED ${KESTRIX_CHECKED})
 list(FILTER KESTRIX_TIDIED INCLUDE REGEX "\\.cpp$")
-# Of a CUDA build only.
-list(FILTER KESTRIX_TIDIED EXCLUDE REGEX "(gpu_scan_bench|test_without_gpu)\\.cpp$")
+# Of a CUDA or a fuzz build only.
+list(FILTER KESTRIX_TIDIED EXCLUDE REGEX "(gpu_scan_bench|test_without_gpu|fuzz_main)\\.cpp$")
 find_program(CLANG_FORMAT NAMES clang-format clang-format-14)
 find_program(CLANG_TIDY NAMES clang-tidy clang-tidy-14)
 
