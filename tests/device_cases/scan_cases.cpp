@@ -44,7 +44,7 @@ void record_scan(DeviceRecord& record, const ScanCase& s, ScanWay way, const std
   const OnDevice<float> T(noise(static_cast<size_t>(s.T_nx) * s.T_ny, 112));
   const OnDevice<float> ccmax(pixels);
   const OnDevice<float> psi(pixels);
-  ScanWorkspace ws = scan_workspace_new(s.n, s.n, s.T_nx, s.T_ny, count_scan_angles(0.0f, 359.0f, s.step), way);
+  ScanWorkspace ws = scan_workspace_new(s.n, s.n, s.T_nx, s.T_ny, count_scan_angles(0.0f, 359.0f, s.step), kFullBand, way);
   quorlin_transform_micrograph(&ws, mic.data);
   quorlin_ccmax_psi_by_one_template(&ws, mic.data, mask.data, ccmax.data, psi.data, 1, T.data, 9.0f, 0.0f, 359.0f,
                                     s.step);
