@@ -52,7 +52,7 @@ void check_transform(int n, int n_in) {
   const Lanes lanes(n, n_in);
   LanePlan plan = lane_plan_new(n);
   LaneValue* out = lane_values_new(static_cast<size_t>(n));
-  LaneValue* scratch = lane_values_new(static_cast<size_t>(n));
+  LaneValue* scratch = lane_values_new(2 * static_cast<size_t>(n));
   if (n_in == n) {
     lane_fft(&plan, lanes.in, out, scratch);
   } else {

@@ -46,7 +46,8 @@ struct Region {
   size_t rows;               // of a block: the side in y, up to a multiple of eight
   LaneValue* mic;            // blocks * rows: the micrograph's spectrum over the number of its values
   LaneValue* mic_half_turn;  // the same for templates turned on by 180 degrees
-  LaneValue* products;       // for each pair of turns 2 * kept blocks * rows: columns done, re and im exchanged
+  size_t product_rows;       // of a product's block: the correlations in y, up to a multiple of eight
+  LaneValue* products;       // for each pair of turns 2 * kept blocks * product_rows: columns done, re and im exchanged
   LaneValue* maps;           // strips * count in x: as re the largest correlation so far, as im its angle
   double* x_energy;          // blocks * kLanes: of each frequency of x
   double* y_energy;          // rows
@@ -79,7 +80,7 @@ struct LaneScan {
   size_t spectra_values;
   int threads;
   size_t scratch_values;  // of one thread's scratch
-  LaneValue* scratch;     // threads * 4 * scratch_values
+  LaneValue* scratch;     // threads * 5 * scratch_values
 };
 
 namespace {
@@ -101,12 +102,12 @@ size_t kept_count(const KeptFrequencies& kept) { return kept.low + kept.high; }
 size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) { return i < kept.low ? i : n - kept.high + i - kept.low; }
 
 struct ThreadScratch {
-  LaneValue *in, *out, *other_out, *passes;
+  LaneValue *in, *out, *other_out, *passes;  // passes: twice as long
 };
 
 ThreadScratch scratch_of_thread(const LaneScan* scan) {
   const size_t n = scan->scratch_values;
-  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 4 * n;
+  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 5 * n;
   return {first, first + n, first + 2 * n, first + 3 * n};
 }
 
@@ -268,7 +269,7 @@ size_t spectra_of_pair(const LaneScan* scan) {
   size_t values = 0;
   for (int i = 0; i < scan->x.n_parts; i++) values += kept_count(scan->kept_blocks[i]) * scan->T_rows;
   for (int r = 0; r < scan->n_regions; r++)
-    values += 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].rows;
+    values += 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].product_rows;
   return values;
 }
 
@@ -283,7 +284,7 @@ void place_spectra(LaneScan* scan) {
   }
   for (int r = 0; r < scan->n_regions; r++) {
     scan->regions[r].products = next;
-    next += pairs * 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].rows;
+    next += pairs * 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].product_rows;
   }
 }
 
@@ -323,21 +324,53 @@ KERNEL_LOOP void multiply_column(const LaneValue* mic, const LaneValue* turned, 
   }
 }
 
-// Takes `value` at the angle psi into a pixel's best so far: of those that tie the earliest stays.
-__attribute__((always_inline)) inline void take_best(LaneValue* best, Lane value, float psi) {
-  const auto better = (best->re < value) | ((best->re == value) & (psi < best->im));
-  best->re = better ? value : best->re;
-  best->im = better ? Lane{} + psi : best->im;
+// The angles of a product: that of its imaginary part and, if it has a second, that of its real part.
+struct ProductAngles {
+  float first_psi;
+  bool has_second;
+  float second_psi;
+};
+
+// The correlations in a value of a product. Those of a second half turn are negative.
+template <bool HalfTurns>
+__attribute__((always_inline)) inline Lane second_correlation(const LaneValue& value) {
+  return HalfTurns ? -value.re : value.re;
 }
 
-// Takes the correlations of one angle, or of two, in a strip into the maps. The second one's are times second_sign.
-KERNEL_LOOP void update_strip(const LaneValue* row, LaneValue* maps, int nx, float first_psi, bool second,
-                              float second_psi, float second_sign) {
-  for (int x = 0; x < nx; x++) {
-    LaneValue best = maps[x];
-    take_best(&best, row[x].im, first_psi);
-    if (second) take_best(&best, row[x].re * second_sign, second_psi);
-    maps[x] = best;
+// Takes `value` at the angle psi into a pixel's best so far; of those that tie the one in the map stays. Returns
+// whether any ties.
+__attribute__((always_inline)) inline auto take_best(LaneValue* best, Lane value, float psi) {
+  const auto better = best->re < value;
+  const auto ties = best->re == value;
+  best->re = better ? value : best->re;
+  best->im = better ? Lane{} + psi : best->im;
+  return ties;
+}
+
+// Takes the correlations of every step-th pixel of a strip into the maps. Returns whether any ties with one there.
+template <bool HalfTurns>
+KERNEL_LOOP bool update_strip(const LaneValue* values, LaneValue* maps, size_t n, size_t step, ProductAngles angles) {
+  auto ties = Lane{} != Lane{};
+  for (size_t x = 0; x < n; x++) {
+    LaneValue best = maps[x * step];
+    ties |= take_best(&best, values[x].im, angles.first_psi);
+    if (angles.has_second) ties |= take_best(&best, second_correlation<HalfTurns>(values[x]), angles.second_psi);
+    maps[x * step] = best;
+  }
+  bool any = false;
+  for (int lane = 0; lane < kLanes; lane++) any |= ties[lane] != 0;
+  return any;
+}
+
+// Gives pixels where angles tie the smallest one.
+void settle_ties(const LaneValue* values, LaneValue* maps, size_t n, size_t step, const ProductAngles& angles) {
+  for (size_t x = 0; x < n; x++) {
+    LaneValue& best = maps[x * step];
+    for (int lane = 0; lane < kLanes; lane++) {
+      if (best.re[lane] == values[x].im[lane]) best.im[lane] = std::min(best.im[lane], angles.first_psi);
+      if (angles.has_second && best.re[lane] == values[x].re[lane])
+        best.im[lane] = std::min(best.im[lane], angles.second_psi);
+    }
   }
 }
 
@@ -372,41 +405,53 @@ void correlate_columns(const LaneScan* scan, const Region& region, const TurnPai
   const size_t high = static_cast<size_t>(plan->n) - rows.high;
   const LaneValue* turned = scan->turned[region.across] + (pair * kept_count(blocks) + i) * scan->T_rows;
   const size_t column = kept_place(blocks, i, region.blocks) * region.rows;
-  LaneValue* product = region.products + (2 * pair * kept_count(blocks) + i) * region.rows;
+  LaneValue* product = region.products + (2 * pair * kept_count(blocks) + i) * region.product_rows;
+  const size_t bytes = region.product_rows * sizeof(LaneValue);
   lane_fft_of_few(plan, turned, static_cast<size_t>(scan->T_ny), scratch.out, scratch.passes);
   const LaneValue* mic = region.mic + column;
   correlate_column(mic, scratch.out, scratch.in, rows.low);
   correlate_column(mic + high, scratch.out + high, scratch.in + high, rows.high);
-  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, product, scratch.passes);
+  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, scratch.other_out, scratch.passes);
+  memcpy(product, scratch.other_out, bytes);
   if (!turns.has_half_turns) return;
   mic = region.mic_half_turn + column;
   multiply_column(mic, scratch.out, scratch.in, rows.low);
   multiply_column(mic + high, scratch.out + high, scratch.in + high, rows.high);
-  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, product + kept_count(blocks) * region.rows, scratch.passes);
+  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, scratch.other_out, scratch.passes);
+  memcpy(product + kept_count(blocks) * region.product_rows, scratch.other_out, bytes);
 }
 
-// Eight rows of the products of a pair: the inverse in x, taken into the maps.
-void fold_product(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip, float first_psi,
-                  bool second, float second_psi, float second_sign) {
+// Eight rows of a product: the inverse in x, taken into the maps.
+template <bool HalfTurns>
+void fold_product(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip,
+                  const ProductAngles& angles) {
   const ThreadScratch scratch = scratch_of_thread(scan);
   const LanePart& part = across(scan, region);
   const KeptFrequencies& kept = scan->kept_blocks[region.across];
   const auto width = static_cast<size_t>(part.plan.n);
-  gather_rows(product, scratch.in, kept, region.blocks, region.rows, strip * kLanes);
+  const auto count = static_cast<size_t>(part.count);
   const size_t low = std::min(kept.low * kLanes, width);
   const size_t high = kept.high == 0 ? 0 : width - (region.blocks - kept.high) * kLanes;
-  lane_fft_of_outer(&part.plan, scratch.in, low, high, scratch.out, scratch.passes);
-  update_strip(scratch.out, region.maps + strip * static_cast<size_t>(part.count), part.count, first_psi, second,
-               second_psi, second_sign);
+  gather_rows(product, scratch.in, kept, region.blocks, region.product_rows, strip * kLanes);
+  lane_fft_divide_outer(&part.plan, scratch.in, low, high, scratch.passes);
+  const auto step = static_cast<size_t>(lane_plan_parts(&part.plan));
+  for (size_t first = 0; first < std::min(step, count); first++) {
+    lane_fft_part(&part.plan, scratch.passes, static_cast<int>(first), scratch.out, 1, scratch.passes + width);
+    const size_t n = (count - first + step - 1) / step;
+    LaneValue* maps = region.maps + strip * count + first;
+    // Half turns come in ascending order, and behind all turns that are smaller; turns may come behind larger half turns.
+    if (update_strip<HalfTurns>(scratch.out, maps, n, step, angles) && !HalfTurns)
+      settle_ties(scratch.out, maps, n, step, angles);
+  }
 }
 
 void fold_rows(const LaneScan* scan, const Region& region, const TurnPair& turns, size_t pair, size_t strip) {
-  const size_t values = kept_count(scan->kept_blocks[region.across]) * region.rows;
+  const size_t values = kept_count(scan->kept_blocks[region.across]) * region.product_rows;
   const LaneValue* product = region.products + 2 * pair * values;
-  fold_product(scan, region, product, strip, turns.first.psi, turns.has_second, turns.second.psi, 1);
+  fold_product<false>(scan, region, product, strip, {turns.first.psi, turns.has_second, turns.second.psi});
   if (turns.has_half_turns)
-    fold_product(scan, region, product + values, strip, turns.first.half_turn_psi, turns.has_second,
-                 turns.second.half_turn_psi, -1);
+    fold_product<true>(scan, region, product + values, strip,
+                       {turns.first.half_turn_psi, turns.has_second, turns.second.half_turn_psi});
 }
 
 // Correlates `count` pairs of turns of the template with the micrograph and takes the results into the maps.
@@ -436,8 +481,8 @@ void scan_pairs(const LaneScan* scan, const float* T, const TurnPair* turns, siz
 void empty_maps(const LaneScan* scan) {
   for (int r = 0; r < scan->n_regions; r++) {
     const Region& region = scan->regions[r];
-    std::fill_n(region.maps, strips_of(scan, region) * static_cast<size_t>(across(scan, region).count),
-                LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
+    const size_t n = strips_of(scan, region) * static_cast<size_t>(across(scan, region).count);
+    std::fill_n(region.maps, n, LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
   }
 }
 
@@ -445,12 +490,12 @@ void empty_maps(const LaneScan* scan) {
 void write_region_row(const LaneScan* scan, const Region& region, int y, float divisor, float* ccmax, float* map_psi) {
   const LanePart& part = across(scan, region);
   const int place = scan->nx / 2 - (scan->nx - scan->T_nx) / 2;
-  const LaneValue* from = region.maps + static_cast<size_t>(y / kLanes) * static_cast<size_t>(part.count);
+  const size_t strip = static_cast<size_t>(y / kLanes) * static_cast<size_t>(part.count);
   const int lane = y % kLanes;
   int to = (part.first + place) % scan->nx;
-  for (int x = 0; x < part.count; x++) {
-    ccmax[to] = from[x].re[lane] / divisor;
-    if (map_psi) map_psi[to] = from[x].im[lane];
+  for (size_t x = strip; x < strip + static_cast<size_t>(part.count); x++) {
+    ccmax[to] = region.maps[x].re[lane] / divisor;
+    if (map_psi) map_psi[to] = region.maps[x].im[lane];
     if (++to == scan->nx) to = 0;
   }
 }
@@ -488,6 +533,7 @@ void divide_axes(LaneScan* scan, int n_angles, double band) {
 void set_up_region(const LaneScan* scan, Region* region) {
   region->blocks = width_in_blocks(across(scan, *region));
   region->rows = up_to_lanes(static_cast<size_t>(down(scan, *region).plan.n));
+  region->product_rows = strips_of(scan, *region) * kLanes;
   region->mic = lane_values_new(region->blocks * region->rows);
   region->mic_half_turn = lane_values_new(region->blocks * region->rows);
   region->maps = lane_values_new(strips_of(scan, *region) * static_cast<size_t>(across(scan, *region).count));
@@ -525,7 +571,7 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   scan->spectra_values = std::max(spectra_of_pair(scan), kBatchBytes / sizeof(LaneValue));
   scan->spectra = lane_values_new(scan->spectra_values);
   scan->threads = omp_get_max_threads();
-  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 4 * scan->scratch_values);
+  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 5 * scan->scratch_values);
   return scan;
 }
 
