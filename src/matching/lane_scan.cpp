@@ -3,266 +3,24 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include "host_memory.h"
-#include "matching/lane_axis.h"
+#include "matching/lane_regions.h"
 #include "matching/lane_turns.h"
 #include "matching/quorlin56_kernels.h"
-#include "platform/lane_fft.h"
 #include "platform/launch.h"
 
-// Two real images make one complex one: with the templates T1 - i T2 and the micrograph's spectrum A,
-//   A * conj(FFT(T1 - i T2)) = FFT(c1) + i FFT(c2),
-// so that one inverse transform gives the correlations c1 and c2 of two angles as its real and imaginary part. A box
-// turned by a further 180 degrees is the box reversed, so that with G = FFT(T1 - i T2) and T of t pixels
-//   A * exp(2 pi i k (t - 1) / n) * G = FFT(c1') - i FFT(c2')
-// for the templates T1' and T2' turned on: one transform of templates serves four angles.
-//
-// Spectra lie in blocks of eight columns: value (x, y) is lane x % 8 of the LaneValue at x / 8 * rows + y. Maps lie in
-// strips of eight rows: pixel (x, y) is lane y % 8 of the value at y / 8 * count + x. A column's transform so runs over
-// memory in order with eight columns as its lanes, a row's with eight rows, and between them stand transpositions of
-// eight by eight values.
-//
-// The templates lie at the origin, so that correlation k belongs to template pixel 0 lying over pixel k; the place of
-// the score, half a template on, is brought in when the maps are written. The correlations are divided into parts along
-// each axis (lane_axis.h); each part of x with each of y makes a region with transforms of its own. Of a region's
-// spectrum only the frequencies are carried through the scan that hold all but a trillionth of the micrograph's energy.
-
 namespace {
-
-// Frequencies at 0 and above, and below 0, which are the last ones of a spectrum: in values or blocks of values.
-struct KeptFrequencies {
-  size_t low, high;
-};
-
-// Correlations of one part of x and one of y.
-struct Region {
-  int across, down;          // which parts
-  size_t blocks;             // of eight columns
-  size_t rows;               // of a block: the side in y, up to a multiple of eight
-  LaneValue* mic;            // blocks * rows: the micrograph's spectrum over the number of its values
-  LaneValue* mic_half_turn;  // the same for templates turned on by 180 degrees
-  size_t product_rows;       // of a product's block: the correlations in y, up to a multiple of eight
-  LaneValue* products;       // for each pair of turns 2 * kept blocks * product_rows: columns done, re and im exchanged
-  LaneValue* maps;           // strips * count in x: as re the largest correlation so far, as im its angle
-  double* x_energy;          // blocks * kLanes: of each frequency of x
-  double* y_energy;          // rows
-};
 
 // Bytes that the spectra of a batch of turns may take: more than fits in a last-level cache only costs.
 constexpr size_t kBatchBytes = size_t{24} << 20;
 constexpr int kMostPairs = 8;
 
-// Part of a micrograph's energy that the frequencies left out may hold. The scores that they would add are below the
-// rounding of single precision transforms.
-constexpr double kNegligibleEnergy = 1e-12;
-
 // Fewer angles don't pay for the transforms of a divided micrograph.
 constexpr int kFewAngles = 8;
-
-}  // namespace
-
-struct LaneScan {
-  int nx, ny, T_nx, T_ny;
-  LaneAxis x, y;
-  Region regions[4];
-  int n_regions;
-  KeptFrequencies kept_blocks[2];  // of each part of x, in blocks
-  KeptFrequencies kept_rows[2];    // of each part of y
-  size_t T_rows;                   // of a template's block: T_ny, up to a multiple of eight
-  LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
-  int pairs;                       // pairs of turns in a batch
-  LaneValue* spectra;              // turned and products lie in here
-  size_t spectra_values;
-  int threads;
-  size_t scratch_values;  // of one thread's scratch
-  LaneValue* scratch;     // threads * 5 * scratch_values
-};
-
-namespace {
-
-size_t up_to_lanes(size_t n) { return (n + kLanes - 1) / kLanes * kLanes; }
-
-const LanePart& across(const LaneScan* scan, const Region& region) { return scan->x.parts[region.across]; }
-const LanePart& down(const LaneScan* scan, const Region& region) { return scan->y.parts[region.down]; }
-
-size_t strips_of(const LaneScan* scan, const Region& region) {
-  return up_to_lanes(static_cast<size_t>(down(scan, region).count)) / kLanes;
-}
-
-size_t width_in_blocks(const LanePart& part) { return up_to_lanes(static_cast<size_t>(part.plan.n)) / kLanes; }
-
-size_t kept_count(const KeptFrequencies& kept) { return kept.low + kept.high; }
-
-// Which of n is the i-th that is kept.
-size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) { return i < kept.low ? i : n - kept.high + i - kept.low; }
-
-struct ThreadScratch {
-  LaneValue *in, *out, *other_out, *passes;  // passes: twice as long
-};
-
-ThreadScratch scratch_of_thread(const LaneScan* scan) {
-  const size_t n = scan->scratch_values;
-  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 5 * n;
-  return {first, first + n, first + 2 * n, first + 3 * n};
-}
-
-// --- The micrograph ---
-
-// Eight rows of a region's pixels.
-void load_micrograph_rows(const LaneScan* scan, const Region& region, const float* mic, size_t y0, LaneValue* row) {
-  const LanePart& x_part = across(scan, region);
-  const LanePart& y_part = down(scan, region);
-  memset(row, 0, region.blocks * kLanes * sizeof(LaneValue));
-  for (int lane = 0; lane < kLanes && static_cast<int>(y0) + lane < y_part.plan.n; lane++) {
-    const LaneTap at_y = y_part.taps[y0 + static_cast<size_t>(lane)];
-    const float* a = mic + pixel_at(0, at_y.a, scan->nx);
-    const float* b = mic + pixel_at(0, at_y.b, scan->nx);
-    for (int i = 0; i < x_part.plan.n; i++) {
-      const LaneTap at_x = x_part.taps[i];
-      row[i].re[lane] = at_y.at_a * (at_x.at_a * a[at_x.a] + at_x.at_b * a[at_x.b]) +
-                        at_y.at_b * (at_x.at_a * b[at_x.a] + at_x.at_b * b[at_x.b]);
-    }
-  }
-}
-
-// Rows done (eight of them as the lanes of `row`) to kept blocks of columns that lie one after the other: rows y to
-// y + 7 of each of the blocks.
-void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
-                  size_t y) {
-  for (size_t i = 0; i < kept_count(kept); i++) {
-    LaneValue* to = blocks + i * rows + y;
-    const LaneValue* from = row + kept_place(kept, i, n_blocks) * kLanes;
-    lane_transpose(&from->re, 2, &to->re, 2);
-    lane_transpose(&from->im, 2, &to->im, 2);
-  }
-}
-
-// A block of the micrograph's spectrum, done and scaled, and the same for the templates turned on by 180 degrees.
-KERNEL_LOOP void keep_column(const LaneValue* column, size_t n, float scale, const LaneValue* x_phase,
-                             const float* y_phases, LaneValue* mic, LaneValue* mic_half_turn) {
-  for (size_t y = 0; y < n; y++) {
-    const Lane re = column[y].re * scale;
-    const Lane im = column[y].im * scale;
-    const Lane cosine = x_phase->re * y_phases[2 * y] - x_phase->im * y_phases[2 * y + 1];
-    const Lane sine = x_phase->re * y_phases[2 * y + 1] + x_phase->im * y_phases[2 * y];
-    mic[y] = {re, im};
-    mic_half_turn[y] = {re * cosine - im * sine, re * sine + im * cosine};
-  }
-}
-
-// exp(2 pi i k (t - 1) / n): cosine and sine for each k below n.
-float* phases_new(int n, int t) {
-  auto* phases = host_new<float>(2 * static_cast<size_t>(n));
-  for (int k = 0; k < n; k++) {
-    const double angle = 2 * 3.141592653589793 * (static_cast<double>(static_cast<long long>(k) * (t - 1) % n) / n);
-    phases[2 * k] = static_cast<float>(std::cos(angle));
-    phases[2 * k + 1] = static_cast<float>(std::sin(angle));
-  }
-  return phases;
-}
-
-LaneValue phases_of_block(const float* phases, size_t block, int n) {
-  LaneValue of_block{};
-  for (int lane = 0; lane < kLanes; lane++) {
-    const size_t k = std::min(block * kLanes + static_cast<size_t>(lane), static_cast<size_t>(n) - 1);
-    of_block.re[lane] = phases[2 * k];
-    of_block.im[lane] = phases[2 * k + 1];
-  }
-  return of_block;
-}
-
-void transform_region(LaneScan* scan, const Region& region, const float* mic) {
-  const LanePlan& x_plan = across(scan, region).plan;
-  const LanePlan& y_plan = down(scan, region).plan;
-  const auto height = static_cast<size_t>(y_plan.n);
-  const float scale = 1 / (static_cast<float>(x_plan.n) * static_cast<float>(height));
-  float* x_phases = phases_new(x_plan.n, scan->T_nx);
-  float* y_phases = phases_new(y_plan.n, scan->T_ny);
-#pragma omp parallel num_threads(scan->threads)
-  {
-    const ThreadScratch scratch = scratch_of_thread(scan);
-#pragma omp for schedule(dynamic)
-    for (size_t y = 0; y < region.rows; y += kLanes) {
-      load_micrograph_rows(scan, region, mic, y, scratch.in);
-      lane_fft(&x_plan, scratch.in, scratch.out, scratch.passes);
-      scatter_rows(scratch.out, region.mic, {region.blocks, 0}, region.blocks, region.rows, y);
-    }
-#pragma omp for schedule(dynamic)
-    for (size_t b = 0; b < region.blocks; b++) {
-      LaneValue* column = region.mic + b * region.rows;
-      lane_fft(&y_plan, column, scratch.out, scratch.passes);
-      const LaneValue x_phase = phases_of_block(x_phases, b, x_plan.n);
-      keep_column(scratch.out, height, scale, &x_phase, y_phases, column, region.mic_half_turn + b * region.rows);
-    }
-  }
-  free(x_phases);
-  free(y_phases);
-}
-
-// --- Which frequencies to keep ---
-
-KERNEL_LOOP void add_column_energies(const LaneValue* column, size_t n, double* x_energy, double* y_energy) {
-  Lane sums{};
-  for (size_t y = 0; y < n; y++) {
-    const Lane energy = column[y].re * column[y].re + column[y].im * column[y].im;
-    sums += energy;
-    float of_row = 0;
-    for (int lane = 0; lane < kLanes; lane++) of_row += energy[lane];
-    y_energy[y] += static_cast<double>(of_row);
-  }
-  for (int lane = 0; lane < kLanes; lane++) x_energy[lane] = static_cast<double>(sums[lane]);
-}
-
-void measure_energies(const LaneScan* scan, const Region& region) {
-  std::fill_n(region.y_energy, region.rows, 0.0);
-  for (size_t b = 0; b < region.blocks; b++)
-    add_column_energies(region.mic + b * region.rows, static_cast<size_t>(down(scan, region).plan.n),
-                        region.x_energy + b * kLanes, region.y_energy);
-}
-
-// The highest frequency of n that the rest of the energy doesn't allow to leave out.
-size_t highest_kept(const double* energy, size_t n) {
-  double total = 0;
-  for (size_t k = 0; k < n; k++) total += energy[k];
-  size_t highest = n / 2;
-  double beyond = 0;
-  while (highest > 0) {
-    beyond += energy[highest] + (n - highest != highest ? energy[n - highest] : 0);
-    if (!(beyond <= kNegligibleEnergy * total)) break;
-    highest--;
-  }
-  return highest;
-}
-
-KeptFrequencies kept_up_to(size_t highest, size_t n, size_t unit) {
-  const size_t units = (n + unit - 1) / unit;
-  const KeptFrequencies kept{highest / unit + 1, highest == 0 ? 0 : units - (n - highest) / unit};
-  return kept_count(kept) < units ? kept : KeptFrequencies{units, 0};
-}
-
-void choose_kept_frequencies(LaneScan* scan) {
-  size_t highest_x[2] = {}, highest_y[2] = {};
-  for (int r = 0; r < scan->n_regions; r++) {
-    const Region& region = scan->regions[r];
-    const auto width = static_cast<size_t>(across(scan, region).plan.n);
-    const auto height = static_cast<size_t>(down(scan, region).plan.n);
-    const bool whole = scan->n_regions == 1;
-    if (!whole) measure_energies(scan, region);
-    size_t& in_x = highest_x[region.across];
-    size_t& in_y = highest_y[region.down];
-    in_x = std::max(in_x, whole ? width / 2 : highest_kept(region.x_energy, width));
-    in_y = std::max(in_y, whole ? height / 2 : highest_kept(region.y_energy, height));
-  }
-  for (int i = 0; i < scan->x.n_parts; i++)
-    scan->kept_blocks[i] = kept_up_to(highest_x[i], static_cast<size_t>(scan->x.parts[i].plan.n), kLanes);
-  for (int j = 0; j < scan->y.n_parts; j++)
-    scan->kept_rows[j] = kept_up_to(highest_y[j], static_cast<size_t>(scan->y.parts[j].plan.n), 1);
-}
 
 // Values of the spectra of one pair of turns.
 size_t spectra_of_pair(const LaneScan* scan) {
@@ -287,8 +45,6 @@ void place_spectra(LaneScan* scan) {
     next += pairs * 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].product_rows;
   }
 }
-
-// --- The scan of one template ---
 
 void gather_rows(const LaneValue* blocks, LaneValue* row, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
                  size_t y) {
@@ -514,12 +270,10 @@ void write_maps(const LaneScan* scan, float divisor, float* ccmax, float* map_ps
   }
 }
 
-// --- Set-up ---
-
-void divide_axes(LaneScan* scan, int n_angles, double band) {
+void divide_axes(LaneScan* scan, double band) {
   scan->x = lane_axis_whole(scan->nx, scan->T_nx);
   scan->y = lane_axis_whole(scan->ny, scan->T_ny);
-  if (n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2) return;
+  if (scan->n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2) return;
   LaneAxis split_x = lane_axis_split(scan->nx, scan->T_nx, band);
   LaneAxis split_y = lane_axis_split(scan->ny, scan->T_ny, band);
   if (lane_axes_cost(split_x, split_y) < lane_axes_cost(scan->x, scan->y)) {
@@ -535,7 +289,7 @@ void set_up_region(const LaneScan* scan, Region* region) {
   region->rows = up_to_lanes(static_cast<size_t>(down(scan, *region).plan.n));
   region->product_rows = strips_of(scan, *region) * kLanes;
   region->mic = lane_values_new(region->blocks * region->rows);
-  region->mic_half_turn = lane_values_new(region->blocks * region->rows);
+  if (scan->n_angles > 1) region->mic_half_turn = lane_values_new(region->blocks * region->rows);
   region->maps = lane_values_new(strips_of(scan, *region) * static_cast<size_t>(across(scan, *region).count));
   region->x_energy = host_new<double>(region->blocks * kLanes);
   region->y_energy = host_new<double>(region->rows);
@@ -565,7 +319,8 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   scan->T_nx = T_nx;
   scan->T_ny = T_ny;
   scan->T_rows = up_to_lanes(static_cast<size_t>(T_ny));
-  divide_axes(scan, n_angles, band);
+  scan->n_angles = n_angles;
+  divide_axes(scan, band);
   set_up_regions(scan);
   // Room for a pair of turns whose frequencies are all kept, at least.
   scan->spectra_values = std::max(spectra_of_pair(scan), kBatchBytes / sizeof(LaneValue));
@@ -589,8 +344,7 @@ void lane_scan_free(LaneScan* scan) {
 }
 
 void lane_scan_transform_micrograph(LaneScan* scan, const float* mic) {
-  for (int r = 0; r < scan->n_regions; r++) transform_region(scan, scan->regions[r], mic);
-  choose_kept_frequencies(scan);
+  transform_regions(scan, mic);
   place_spectra(scan);
 }
 

@@ -61,8 +61,8 @@ INTO_LOOP void butterfly_3(const LaneValue* x, size_t in_step, LaneValue* y, siz
 
 // What is left of a butterfly of radix 4 after its sums and differences of x[k] and x[k + 2].
 template <class F>
-INTO_LOOP void finish_radix_4(LaneValue even_sum, LaneValue even_difference, LaneValue odd_sum, LaneValue odd_difference,
-                              LaneValue* y, size_t out_step, F factors) {
+INTO_LOOP void finish_radix_4(LaneValue even_sum, LaneValue even_difference, LaneValue odd_sum,
+                              LaneValue odd_difference, LaneValue* y, size_t out_step, F factors) {
   const LaneValue side = times_minus_i(odd_difference);
   y[0] = even_sum + odd_sum;
   y[out_step] = turned(even_difference + side, factors, 1);
