@@ -166,7 +166,7 @@ bool upload_working_image(Run* run, const char* name, bool readable) {
   return false;
 }
 
-// Says so if the normalised d_mic holds no values. One pixel tells: a deviation that is 0 or not finite spoils them all.
+// Says so if the normalised d_mic holds no values. One pixel tells: a deviation of 0 or of no number spoils them all.
 void note_not_normalised(const Run* run, const char* name) {
   float pixel = 0;
   CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(&pixel, run->device.d_mic, sizeof pixel)));
