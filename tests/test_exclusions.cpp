@@ -33,7 +33,8 @@ Added added_to(unsigned before, Code code) {
 
 Added added(const std::vector<PTCL_BOX>& boxes, unsigned before = 0) {
   return added_to(before, [&](unsigned* d_grid) {
-    add_excluded_coords_to_ice(d_grid, kNx, kNy, kBox, boxes.data(), static_cast<int>(boxes.size()), kShrink, "m.box");
+    add_excluded_coords_to_ice(d_grid, kNx, kNy, kBox, boxes.data(), static_cast<int>(boxes.size()), kShrink);
+    note_excluded_outside(boxes.data(), static_cast<int>(boxes.size()), kNx, kNy, kShrink, "m.box");
   });
 }
 
@@ -82,7 +83,10 @@ TEST_F(ExcludedCoordinates, OutsideTheImageAreSkippedAndCounted) {
   std::vector<unsigned> want(kCells, 0u);
   want[7] = point(25, 20);
   EXPECT_EQ(want, got.grid);
-  EXPECT_EQ("Kestrix: m.box: 6 of 7 excluded coordinates lie outside the image; skipped.\n", got.note);
+  EXPECT_EQ(
+      "Kestrix: m.box: 6 of 7 excluded coordinates lie outside the image; is the list in raw pixels of this "
+      "micrograph?\n",
+      got.note);
   EXPECT_EQ("", got.out);
 }
 

@@ -1,4 +1,6 @@
 // Whole runs: places that the user excludes, and lists of them that are wrong.
+#include <sys/stat.h>
+
 #include <cmath>
 #include <string>
 #include <vector>
@@ -167,10 +169,12 @@ TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
       "0\n";
   write_file(path("all.box"), list);
   write_file(path("sim_001_bad.box"), list);
-  const std::string note = ": 5 of 7 excluded coordinates lie outside the image; skipped.\n";
+  const std::string note =
+      ": 5 of 7 excluded coordinates lie outside the image; is the list in raw pixels of this micrograph?\n";
   EXPECT_EQ("Kestrix: all.box" + note, pick("--speed 1 --global_excluded_box all.box").errors);
-  EXPECT_EQ("Kestrix: sim_001_bad.box" + note,
-            pick("--speed 1 --exclusive_picking --mask_excluded --excluded_suffix _bad.box").errors);
+  for (const std::string options : {"", "--mask_excluded "})
+    EXPECT_EQ("Kestrix: sim_001_bad.box" + note,
+              pick("--speed 1 --exclusive_picking " + options + "--excluded_suffix _bad.box").errors);
   EXPECT_GT(picked().size(), 30U);
 }
 
@@ -180,15 +184,19 @@ TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
   write_file(path("sim_001_words.txt"), "1 2 3 4\n");
   write_file(path("sim_001_headless.star"), "100 100\n");
   std::filesystem::create_directory(path("sim_001_folder.box"));
+  ASSERT_EQ(0, mkfifo(path("sim_001_pipe.box").c_str(), 0600));
+  std::filesystem::create_symlink("/dev/zero", path("sim_001_endless.star"));
   const char* const cases[][2] = {{"_empty.box", ""},
                                   {"_gone.box", "the file sim_001_gone.box does NOT exist! Automatically ignored!"},
                                   {"_words.txt", "only EMAN .box and Relion .star file are supported now."},
                                   {"_headless.star", ""},
-                                  {"_folder.box", ""}};
+                                  {"_folder.box", "Kestrix: sim_001_folder.box: is a folder and is not read"},
+                                  {"_pipe.box", "Kestrix: sim_001_pipe.box: is a pipe and is not read"},
+                                  {"_endless.star", "Kestrix: sim_001_endless.star: is a device and is not read"}};
   for (const auto& one : cases) {
     const ProgramRun run =
         pick("--speed 1 --detect_ice 0 --exclusive_picking --mask_excluded --excluded_suffix " + std::string(one[0]));
-    EXPECT_TRUE(holds(run.output, one[1])) << one[0];
+    EXPECT_TRUE(holds(run.output + run.errors, one[1])) << one[0];
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];
     pick("--speed 1 --detect_ice 0 --global_excluded_box sim_001" + std::string(one[0]));
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];

@@ -78,21 +78,43 @@ TEST_F(RunOnBad, HeaderWithSizesThatCannotBeIsRefused) {
   EXPECT_FALSE(exists("bad_nonunique.box"));
 }
 
-TEST_F(RunOnBad, EmptyFileFolderAndTextAreRefused) {
+TEST_F(RunOnBad, EmptyFileAndTextAreRefused) {
   write_file(path("empty.mrc"), "");
   write_file(path("text.mrc"), "This is not a micrograph but some lines of text.\n");
-  std::filesystem::create_directory(path("folder.mrc"));
   expect_fatal("empty.mrc", "the header of empty.mrc gives a size of 0 x 0 pixels");
   expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
-  expect_fatal("folder.mrc", "the header of folder.mrc gives a size of 0 x 0 pixels");
+}
+
+TEST_F(RunOnBad, WhatIsNoRegularFileIsUnreadable) {
+  simulate_small();
+  std::filesystem::create_directory(path("folder.mrc"));
+  ASSERT_EQ(0, mkfifo(path("pipe.mrc").c_str(), 0600));
+  std::filesystem::create_symlink("/dev/zero", path("device.mrc"));
+  for (const std::string kind : {"folder", "pipe", "device"}) {
+    const std::string name = kind + ".mrc", note = "Kestrix: " + name + ": is a " + kind + " and is not read; give";
+    expect_fatal(name, "no readable micrograph in the list");
+    for (const std::string& options : {"sim_001.mrc " + name, "sim_001.mrc --T " + name}) {
+      expect_fatal(options, "Cannot open file " + name + ". Permission denied or wrong file name.\n");
+      EXPECT_TRUE(holds(run(options).errors, note));
+    }
+    const ProgramRun behind = run(name + " sim_001.mrc");
+    EXPECT_EQ(0, behind.status);
+    EXPECT_TRUE(holds(behind.output, "the micrograph " + name + " are NOT readable! Automatically ignored!"));
+    EXPECT_TRUE(holds(behind.errors, note));
+  }
+  for (const char* output : {"sim_001_rejected.box", "sim_001_nonunique.box", "sim_001_quorlin.box~"}) {
+    remove_file(output);
+    ASSERT_EQ(0, mkfifo(path(output).c_str(), 0600));
+    expect_fatal("sim_001.mrc", "Cannot write to file sim_001_");
+    remove_file(output);
+  }
 }
 
 TEST_F(RunOnBad, BadFileBehindAGoodOneStopsTheRunAndKeepsItsLists) {
   simulate_small();
   write_file(path("empty.mrc"), "");
   write_mrc("wild.mrc", INT_MIN, -1, INT_MAX, 101, 10);
-  std::filesystem::create_directory(path("folder.mrc"));
-  for (const std::string name : {"empty.mrc", "wild.mrc", "folder.mrc"}) {
+  for (const std::string name : {"empty.mrc", "wild.mrc"}) {
     remove_file("sim_001_quorlin.star");
     const ProgramRun result = run("sim_001.mrc " + name);
     EXPECT_EQ(1, result.status);
@@ -161,21 +183,24 @@ TEST_F(RunOnBad, FlatImageGivesNoPicks) {
   }
 }
 
-TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersGivesNoPicks) {
+TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersOrTooLargeOrTooSmallGivesNoPicks) {
   const float inf = std::numeric_limits<float>::infinity();
-  for (const float value : {kNaN, inf, -inf, 3.4e38F}) {
+  const std::string not_finite = "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
+                    not_normal =
+                        "Kestrix: nan.mrc: can't be normalised, its values being too large or too small for single "
+                        "precision, or all filtered away; nothing can be picked.\n";
+  for (const float value : {kNaN, inf, -inf, 3.4e38F, 1e-30F}) {
     for (const size_t last : {300UL * 280, 1UL}) {
       simulate_small();
       Image image = read_image(path("sim_001.mrc"));
-      for (size_t i = 0; i < last; i++) image.data[i] = i % 2 == 1 ? -value : value;
+      for (size_t i = 0; i < last; i++) image.data[i] = i % 12 < 4 ? value : -value;
       write_image("nan.mrc", image.data, 300, 280);
-      for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter"}) {
+      const bool usable = last == 1 && value < 1 && value > 0;
+      for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter", "--speed 2"}) {
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
-        EXPECT_EQ(
-            std::isfinite(value) ? "" : "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
-            result.errors);
-        EXPECT_TRUE(std::isfinite(value) || content("nan_quorlin.box").empty());
+        EXPECT_EQ(usable ? "" : std::isfinite(value) ? not_normal : not_finite, result.errors) << value << options;
+        EXPECT_TRUE(usable || content("nan_quorlin.box").empty()) << value << options;
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;
       }
@@ -215,7 +240,6 @@ TEST_F(RunOnBad, TemplatesThatCannotBeUsedAreRefused) {
   write_mrc("greatest.mrcs", INT_MAX, INT_MAX, INT_MAX, 2, 1600 * 4);
   write_mrc("many.mrcs", 40, 40, INT_MAX, 2, 1600 * 4);
   write_file(path("empty.mrcs"), "");
-  std::filesystem::create_directory(path("folder.mrcs"));
   const char* const cases[][2] = {
       {"nan.mrcs", "template 3 holds values that are not finite"},
       {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
@@ -228,7 +252,6 @@ TEST_F(RunOnBad, TemplatesThatCannotBeUsedAreRefused) {
       {"greatest.mrcs", "which can't be: is it an MRC stack"},
       {"many.mrcs", "many.mrcs ends before its last image"},
       {"empty.mrcs", "have the size 0 x 0 x 0, which can't be"},
-      {"folder.mrcs", "have the size 0 x 0 x 0, which can't be"},
       {"gone.mrcs", "Cannot open file gone.mrcs. Permission denied or wrong file name.\n"}};
   for (const auto& one : cases) {
     expect_fatal("sim_001.mrc --T " + std::string(one[0]), one[1]);

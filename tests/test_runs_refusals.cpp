@@ -69,6 +69,19 @@ TEST_F(RunRefuses, ValuesThatCannotWorkAndNamesThem) {
   expect_refused("--apixM 1e30", "--boxsize is 0: ");
 }
 
+TEST_F(RunRefuses, ExcludedCoordinatesFromListsThatItOverwritesItself) {
+  EXPECT_EQ(0, run("").status);
+  for (const std::string suffix : {"_nonunique.box", "_rejected.box", "_rejected.star"}) {
+    const std::string options = "--excluded_suffix " + suffix, before = content("sim_001" + suffix);
+    const ProgramRun result = run("--exclusive_picking " + options);
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(holds(result.output, "--excluded_suffix is " + suffix + ": this run itself overwrites these lists"));
+    EXPECT_EQ(before, content("sim_001" + suffix)) << "still whole";
+    EXPECT_EQ(suffix == "_nonunique.box" ? 1 : 0, run("--detect_ice 0 --exclusive_picking " + options).status);
+    EXPECT_EQ(0, run(options).status) << "not used";
+  }
+}
+
 TEST_F(RunRefuses, TemplatesThatComeOutTooSmallOrTooLarge) {
   expect_refused(kTemplates + std::string("--apixT 0.1"), "sim_templates.mrcs come out smaller than 1 pixel");
   expect_refused(kTemplates + std::string("--apixT 1e-30"), "sim_templates.mrcs come out smaller than 1 pixel");

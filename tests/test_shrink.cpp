@@ -149,6 +149,7 @@ TEST(Meanshrink, ByAFactorBelowOneSaysSoAndWritesNothing) {
         "Error in function cpu_2d_meanshrink(), file process2d_raw on line N: Wrong value of shrink_factor. Must be "
         ">=1!\n",
         said);
+    EXPECT_EQ(said, output_of([&] { cpu_2ds_meanshrink(out.data(), image.data(), 2, 2, 4, shrink); }));
   }
   EXPECT_EQ(std::vector<float>(16, 7.0f), out);
 }

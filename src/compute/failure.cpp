@@ -1,7 +1,20 @@
 #include "failure.h"
 
+#include <sys/stat.h>
+
 #include <cstdarg>
 #include <cstdlib>
+
+#include "txt_file.h"
+
+namespace {
+
+bool is_pipe(const char* name) {
+  struct stat status {};
+  return stat(name, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+}  // namespace
 
 void fatal_error(const char* function, const char* unit, int line, const char* format, ...) {
   printf("Error in function %s(), file %s on line %d: ", function, unit, line);
@@ -23,7 +36,7 @@ void warning(const char* function, const char* unit, int line, const char* forma
 }
 
 FILE* open_to_read(const char* name, const char* function, const char* unit, int line) {
-  FILE* file = fopen(name, "r");
+  FILE* file = check_file_regular(name) ? fopen(name, "r") : nullptr;
   if (!file) {
     printf("Cannot open file %s. Permission denied or wrong file name.\n", name);
     fatal_error(function, unit, line, "open file failed.");
@@ -32,7 +45,7 @@ FILE* open_to_read(const char* name, const char* function, const char* unit, int
 }
 
 FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line) {
-  FILE* file = fopen(name, mode);
+  FILE* file = is_pipe(name) ? nullptr : fopen(name, mode);  // would wait for a reader
   if (!file) {
     printf("Cannot write to file %s. Permission denied or no space left!\n", name);
     fatal_error(function, unit, line, "open file failed.");

@@ -1,4 +1,5 @@
 // Areas that the user excludes, and the mask that the marked cells make.
+#include <algorithm>
 #include <cstdio>
 
 #include "conditioning.h"
@@ -6,39 +7,54 @@
 #include "cuda_general.h"
 #include "failure.h"
 #include "platform/launch.h"
-#include "str_utils.h"
-#include "txt_file.h"
 
 namespace {
+
 constexpr char unit[] = "quorlin56";
+
+struct RawCentre {
+  long x, y;
+};
+
+RawCentre raw_centre(const PTCL_BOX& box) {
+  return {static_cast<long>(box.x) + box.w / 2, static_cast<long>(box.y) + box.h / 2};
 }
 
-void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const PTCL_BOX* boxes, int n, int shrink,
-                                const char* source) {
+bool is_inside(RawCentre raw, int Nx, int Ny, int shrink) {
+  return raw.x >= 0 && raw.y >= 0 && raw.x / shrink < Nx && raw.y / shrink < Ny;
+}
+
+}  // namespace
+
+void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const PTCL_BOX* boxes, int n, int shrink) {
   const long grid_nx = (Nx - 1) / box + 1;
-  int outside = 0;
   for (int i = 0; i < n; i++) {
-    const long raw_x = static_cast<long>(boxes[i].x) + boxes[i].w / 2;
-    const long raw_y = static_cast<long>(boxes[i].y) + boxes[i].h / 2;
-    const long cx = raw_x / shrink;
-    const long cy = raw_y / shrink;
-    if (raw_x < 0 || raw_y < 0 || cx >= Nx || cy >= Ny) {
-      outside++;
-      continue;
-    }
+    const RawCentre raw = raw_centre(boxes[i]);
+    if (!is_inside(raw, Nx, Ny, shrink)) continue;
+    const long cx = raw.x / shrink;
+    const long cy = raw.y / shrink;
     const auto point = static_cast<unsigned>(cy * Nx + cx);
     CHECK_DEVICE(static_cast<cudaError_t>(memcpy_H2D(d_grid + (cy / box) * grid_nx + cx / box, &point, sizeof point)));
   }
-  if (outside > 0) safety_note(source, "%d of %d excluded coordinates lie outside the image; skipped.", outside, n);
+}
+
+void note_excluded_outside(const PTCL_BOX* boxes, int n, int Nx, int Ny, int shrink, const char* source) {
+  const auto outside =
+      std::count_if(boxes, boxes + n, [=](const PTCL_BOX& one) { return !is_inside(raw_centre(one), Nx, Ny, shrink); });
+  if (outside == 0) return;
+  safety_note(source,
+              "%ld of %d excluded coordinates lie outside the image; is the list in raw pixels of this micrograph?",
+              static_cast<long>(outside), n);
 }
 
 void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink,
                               PTCL_BOX* boxes) {
-  if (is_str_null(file) || check_file_access(file, "FR") != 0) return;
+  if (!check_box_file(file)) return;
   const int cells = ((Nx - 1) / box + 1) * ((Ny - 1) / box + 1);
   const int n = read_all_ptcl_boxes(boxes, cells, file);
   printf("%8d particles in file %s excluded from auto-picking \n", n, file);
-  add_excluded_coords_to_ice(d_grid, Nx, Ny, box, boxes, n, shrink, file);
+  note_excluded_outside(boxes, n, Nx, Ny, shrink, file);
+  add_excluded_coords_to_ice(d_grid, Nx, Ny, box, boxes, n, shrink);
 }
 
 void hcuda_2d_generate_mask_by_coords(float* mask, int Nx, int Ny, int box, const unsigned* d_grid, int value) {

@@ -99,6 +99,10 @@ void cpu_2d_meanshrink(float* out, const float* in, int nx, int ny, int shrink) 
 }
 
 void cpu_2ds_meanshrink(float* out, const float* in, int nx, int ny, int nz, int shrink) {
+  if (shrink < 1) {
+    cpu_2d_meanshrink(out, in, nx, ny, shrink);  // says what is wrong, once
+    return;
+  }
   const size_t in_pixels = static_cast<size_t>(nx) * ny;
   const size_t out_pixels = static_cast<size_t>(nx / shrink) * (ny / shrink);
   for (int z = 0; z < nz; z++) cpu_2d_meanshrink(out + z * out_pixels, in + z * in_pixels, nx, ny, shrink);

@@ -34,6 +34,17 @@ MRC_HEAD* new_float_head(const char* name, int nx, int ny, int nz) {
   return head;
 }
 
+// Under the name of the function that owns it: data of the memory that write takes them from.
+int write_new_file(const char* function, int (*write)(FILE*, MRC_HEAD*, const float*), const char* name,
+                   const float* data, int nx, int ny, int nz) {
+  MRC_HEAD* head = new_float_head(name, nx, ny, nz);
+  FILE* file = open_to_write(name, "w+", function, unit, __LINE__);
+  write(file, head, data);
+  free(head);
+  close_written(file, name, function, unit, __LINE__);
+  return 0;
+}
+
 }  // namespace
 
 int mrc_write_head(FILE* file, const MRC_HEAD* head) {
@@ -61,19 +72,9 @@ int mrc_write_head_ddata(FILE* file, MRC_HEAD* head, const float* ddata) {
 }
 
 int mrcf_write_xyz_data(const char* name, const float* data, int nx, int ny, int nz) {
-  MRC_HEAD* head = new_float_head(name, nx, ny, nz);
-  FILE* file = KESTRIX_OPEN_WRITE(name, "w+");
-  mrc_write_head_data(file, head, data);
-  free(head);
-  KESTRIX_CLOSE_WRITTEN(file, name);
-  return 0;
+  return write_new_file(__func__, mrc_write_head_data, name, data, nx, ny, nz);
 }
 
 int mrcf_write_xyz_ddata(const char* name, const float* ddata, int nx, int ny, int nz) {
-  MRC_HEAD* head = new_float_head(name, nx, ny, nz);
-  FILE* file = KESTRIX_OPEN_WRITE(name, "w+");
-  mrc_write_head_ddata(file, head, ddata);
-  free(head);
-  KESTRIX_CLOSE_WRITTEN(file, name);
-  return 0;
+  return write_new_file(__func__, mrc_write_head_ddata, name, ddata, nx, ny, nz);
 }

@@ -25,6 +25,10 @@ int resize_ptcl_boxes(PTCL_BOX* boxes, int n, int size);
 /// The kind of coordinate file by its name: 1 for ".star", 2 for ".box", else 0. Case matters.
 int get_boxf_suffixf(const char* name);
 
+/// Whether name is that of a coordinate file that can be read. A missing or unreadable one is a warning on standard
+/// output, a folder, pipe or device a line on standard error; a null name is neither.
+bool check_box_file(const char* name);
+
 /// Reads a coordinate file, whose kind is told by get_boxf_suffixf, into the caller's `capacity` records;
 /// what lies beyond them is not read. Returns the number of records filled.
 ///

@@ -120,11 +120,14 @@ void output_ice_coord(const char* file, const unsigned* grid, const float* grid_
 // --- Excluded areas ---
 
 /// Marks in d_grid (device) the cells that hold the centres of n boxes (raw pixels); a later point of a cell replaces
-/// an earlier one. Centres outside the image are skipped; a line on standard error says how many of `source`.
-void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const PTCL_BOX* boxes, int n, int shrink,
-                                const char* source);
+/// an earlier one. Centres outside the image are skipped.
+void add_excluded_coords_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const PTCL_BOX* boxes, int n, int shrink);
 
-/// The same with the coordinates of a file. A missing file is a warning and adds nothing.
+/// Says on standard error how many centres of n boxes (raw pixels), read from `source`, lie outside the image, if any.
+void note_excluded_outside(const PTCL_BOX* boxes, int n, int Nx, int Ny, int shrink, const char* source);
+
+/// add_excluded_coords_to_ice and note_excluded_outside with the coordinates of a file. One that check_box_file finds
+/// wanting adds nothing.
 /// boxes   room for one record per cell
 void add_excluded_boxf_to_ice(unsigned* d_grid, int Nx, int Ny, int box, const char* file, int shrink, PTCL_BOX* boxes);
 

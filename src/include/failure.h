@@ -12,10 +12,11 @@
 void warning(const char* function, const char* unit, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-/// Opens a file for reading. On failure prints which file, then the fatal error "open file failed.".
+/// Opens a regular file for reading. On failure, and of anything that is no regular file, prints which file, then the
+/// fatal error "open file failed.".
 FILE* open_to_read(const char* name, const char* function, const char* unit, int line);
 
-/// Opens a file for writing with the given fopen mode. Failure ends the run as in open_to_read.
+/// Opens a file for writing with the given fopen mode. Failure, and a pipe, end the run as in open_to_read.
 FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line);
 
 /// Closes a file that was written. If anything of it could not be written, the disk being full for instance,

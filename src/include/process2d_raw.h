@@ -87,5 +87,6 @@ void cpu_2d_extend_to_square_mirror_inplace(float* data, int nx, int ny);
 /// A factor below 1 prints an error and writes nothing.
 void cpu_2d_meanshrink(float* out, const float* in, int nx, int ny, int shrink);
 
-/// cpu_2d_meanshrink of each of nz images that lie one behind the other, in in as in out.
+/// cpu_2d_meanshrink of each of nz images that lie one behind the other, in in as in out. A factor below 1 prints its
+/// error once and writes nothing.
 void cpu_2ds_meanshrink(float* out, const float* in, int nx, int ny, int nz, int shrink);

@@ -129,7 +129,7 @@ void remove_beaten_and_weak(const Selection& s, PickGrid& grid) {
 
 ExcludedBoxes read_excluded(const PickGrid& grid, const char* name) {
   ExcludedBoxes excluded{nullptr, 0};
-  if (is_str_null(name) || check_file_access(name, "FR") != 0) return excluded;
+  if (!check_box_file(name)) return excluded;
   const auto capacity = static_cast<int>(grid.gx * grid.gy);
   excluded.boxes = host_new<PTCL_BOX>(static_cast<size_t>(capacity));
   excluded.n = read_all_ptcl_boxes(excluded.boxes, capacity, name);
@@ -202,15 +202,15 @@ void set_unfinished_name(char* unfinished, const char* out) {
   strcat(unfinished, "~");
 }
 
-// What stands under the list's name may be an earlier list to be replaced, and nothing else.
-bool can_replace(const char* out) {
+// What stands under a name may be an earlier list to be replaced, and nothing else.
+bool can_replace(const char* name) {
   struct stat earlier {};
-  if (stat(out, &earlier) != 0) return errno == ENOENT;
-  return S_ISREG(earlier.st_mode) && access(out, W_OK) == 0;
+  if (stat(name, &earlier) != 0) return errno == ENOENT;
+  return S_ISREG(earlier.st_mode) && access(name, W_OK) == 0;
 }
 
 FILE* open_unfinished(const char* unfinished, const char* out) {
-  FILE* file = can_replace(out) ? fopen(unfinished, "w+") : nullptr;
+  FILE* file = can_replace(out) && can_replace(unfinished) ? fopen(unfinished, "w+") : nullptr;
   if (!file) refuse_output(out);
   return file;
 }

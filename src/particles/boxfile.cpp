@@ -132,6 +132,10 @@ int get_boxf_suffixf(const char* name) {
   return ends_with(name, ".box") ? 2 : 0;
 }
 
+bool check_box_file(const char* name) {
+  return !is_str_null(name) && check_file_access(name, "FR") == 0 && check_file_regular(name);
+}
+
 int read_all_ptcl_boxes(PTCL_BOX* boxes, int capacity, const char* name) {
   FILE* file = KESTRIX_OPEN_READ(name);
   empty_all_ptcl_boxes(boxes, capacity);

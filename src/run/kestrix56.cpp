@@ -40,7 +40,7 @@ struct MicrographNames {
 void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
   for (int i = 0; i < n; i++) {
     const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
-    if (access(files[i], R_OK) != 0) {
+    if (access(files[i], R_OK) != 0 || !check_file_regular(files[i])) {
       printf(
           "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
           "ignored!\x1b[m\n\n",
@@ -126,12 +126,14 @@ bool read_micrograph(FILE* f, const MRC_HEAD* head, const char* name, float* raw
 
 // Reads the micrograph's excluded coordinates, if it has any; otherwise their name becomes "NULL".
 int read_excluded(Run* run, MicrographNames* names) {
-  if (is_str_null(names->excluded) || check_file_access(names->excluded, "FR") != 0) {
+  if (!check_box_file(names->excluded)) {
     strlcpy(names->excluded, "NULL");
     return 0;
   }
   const int n = read_all_ptcl_boxes(run->host.excluded_boxes, static_cast<int>(grid_cells(run)), names->excluded);
   printf("%8d particles in file %s excluded from auto-picking \n", n, names->excluded);
+  const RunSizes& s = run->sizes;
+  note_excluded_outside(run->host.excluded_boxes, n, s.work_nx, s.work_ny, run->para.shrink, names->excluded);
   return n;
 }
 
@@ -147,18 +149,31 @@ bool is_finite(const float* d, size_t n) {
   return sum == 0.0f;
 }
 
-// Brings the shrunk image to the device.
-void upload_working_image(Run* run, const char* name, bool readable) {
+// Brings the shrunk image to the device. Returns false where nothing can be picked, of which the user has been told.
+bool upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
   cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
-  if (!is_finite(run->host.work_mic, pixels))
+  if (!is_finite(run->host.work_mic, pixels) && !is_finite(run->host.raw_mic, static_cast<size_t>(s.nx) * s.ny)) {
     safety_note(name, "holds values that are not finite; nothing can be picked.");
-  if (!is_flat(run->host.work_mic, pixels)) return;
+    return false;
+  }
+  if (!is_flat(run->host.work_mic, pixels)) return true;
   if (readable) safety_note(name, "the image has no variation; nothing can be picked.");
   // Without a deviation to divide by no pixel has a normalised value; rounding must not make one up.
   hcuda_2d_memset(run->device.d_mic, std::numeric_limits<float>::quiet_NaN(), s.work_nx, s.work_ny);
+  return false;
+}
+
+// Says so if the normalised d_mic holds no values. One pixel tells: a deviation of 0 or of no number spoils them all.
+void note_not_normalised(const Run* run, const char* name) {
+  float pixel = 0;
+  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(&pixel, run->device.d_mic, sizeof pixel)));
+  if (!std::isfinite(pixel))
+    safety_note(name,
+                "can't be normalised, its values being too large or too small for single precision, or all filtered "
+                "away; nothing can be picked.");
 }
 
 // Says so if no cell is left to pick in.
@@ -180,7 +195,7 @@ void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
                         names->mic, &para);
   if (para.mask_excluded && excluded_n > 0)
     add_excluded_coords_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, run->host.excluded_boxes, excluded_n,
-                               para.shrink, names->excluded);
+                               para.shrink);
   if (!is_str_null(para.global_excluded_box))
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
@@ -196,13 +211,14 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   const size_t pixels = work_pixels(run);
   const float apix = static_cast<float>(para.shrink) * para.apixM;
   const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
-  upload_working_image(run, names->mic, readable);
+  const bool usable = upload_working_image(run, names->mic, readable);
   if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
   if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
   close_cells(run, names, excluded_n);
   if (para.do_bandpass) hcuda_2d_bandpass_guas_mpad_inplace(&run->pad, d_mic, apix, para.lp, para.hp);
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
+  if (usable) note_not_normalised(run, names->mic);
   hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
   if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
   hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);

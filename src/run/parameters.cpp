@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "cuda_general.h"
 #include "failure.h"
@@ -196,6 +197,17 @@ void require_positive(const char* option, const char* meaning, float value) {
     KESTRIX_FATAL("--%s is %g: %s must be a number above 0", option, static_cast<double>(value), meaning);
 }
 
+// Lists that the run begins anew before it has taken the excluded coordinates from them.
+void refuse_own_lists(const Kestrix_Para* para) {
+  if (!para->exclusive_picking) return;
+  const char* suffix = para->excluded_suffix;
+  const bool candidates = strcmp(suffix, "_nonunique.box") == 0;
+  const bool rejected = strcmp(suffix, "_rejected.box") == 0 || strcmp(suffix, "_rejected.star") == 0;
+  if (candidates || (rejected && para->detect_ice && para->write_rejected_box))
+    KESTRIX_FATAL("--excluded_suffix is %s: this run itself overwrites these lists; copy them and name the copies%s",
+                  suffix, rejected ? ", or give --detect_ice 0" : "");
+}
+
 }  // namespace
 
 void kestrix_init_parameters(int argc, Kestrix_Para* para) {
@@ -260,6 +272,7 @@ void kestrix_check_parameters(const Kestrix_Para* para) {
   if (!scans_one_angle && (!std::isfinite(para->ang_step) || para->ang_step < 0.001f))
     KESTRIX_FATAL("--ang_step is %g: the angular step must be a number of at least 0.001 degrees",
                   static_cast<double>(para->ang_step));
+  refuse_own_lists(para);
 }
 
 void kestrix_free_parameters(Kestrix_Para* para) {

@@ -34,7 +34,7 @@ void record_ice_cells(DeviceRecord& record, const Grid& g) {
   record_array(record, "find_sigma_grids.sigma" + tail(g), cell_sigma, grid_nx, grid_ny, kSameBits);
 
   const PTCL_BOX boxes[] = {{0, 0, 4, 4, 0, 0, 0}, {20, 9, 10, 10, 0, 0, 0}, {21, 9, 10, 10, 0, 0, 0}};
-  add_excluded_coords_to_ice(marks.data, g.nx, g.ny, g.cell, boxes, 3, 1, "boxes");
+  add_excluded_coords_to_ice(marks.data, g.nx, g.ny, g.cell, boxes, 3, 1);
   record_array(record, "add_excluded_coords_to_ice" + tail(g), marks, grid_nx, grid_ny, kSameBits);
 
   const OnDevice<float> mask(pixels);

@@ -7,9 +7,16 @@
 
 namespace {
 
-FILE* create(const char* name) {
+constexpr const char* kTruthColumns[] = {"_rlnCoordinateX", "_rlnCoordinateY", "_rlnAngleRot",
+                                         "_rlnAngleTilt",   "_rlnAnglePsi",    "_kestrixOnContamination"};
+constexpr const char* kAreaColumns[] = {"_kestrixAreaNumber", "_kestrixAreaKind", "_kestrixCornerX", "_kestrixCornerY"};
+
+template <int Count>
+FILE* create(const char* name, const char* block, const char* const (&columns)[Count]) {
   FILE* file = fopen(name, "w");
   if (!file) refuse("cannot write %s: %m", name);
+  fprintf(file, "\n%s\n\nloop_\n", block);
+  for (int i = 0; i < Count; i++) fprintf(file, "%s #%d\n", columns[i], i + 1);
   return file;
 }
 
@@ -39,19 +46,14 @@ int contamination_at(const std::vector<Area>& areas, double x, double y) {
 }
 
 void write_truth(const char* name, const std::vector<TrueParticle>& particles) {
-  FILE* file = create(name);
-  fprintf(file,
-          "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAngleRot #3\n_rlnAngleTilt #4\n"
-          "_rlnAnglePsi #5\n_kestrixOnContamination #6\n");
+  FILE* file = create(name, "data_", kTruthColumns);
   for (const TrueParticle& p : particles)
     fprintf(file, "%12.4f %12.4f %12.4f %12.4f %12.4f %2d\n", p.x, p.y, p.rot, p.tilt, p.psi, p.contamination);
   finish(file, name);
 }
 
 std::vector<TrueParticle> read_truth(const char* name) {
-  const char* const columns[] = {"_rlnCoordinateX", "_rlnCoordinateY", "_rlnAngleRot",
-                                 "_rlnAngleTilt",   "_rlnAnglePsi",    "_kestrixOnContamination"};
-  const std::vector<double> values = read_star_columns(name, columns, 6, 2);
+  const std::vector<double> values = read_star_columns(name, kTruthColumns, 6, 2);
   std::vector<TrueParticle> particles;
   for (size_t i = 0; i + 6 <= values.size(); i += 6) {
     const double* v = &values[i];
@@ -61,10 +63,7 @@ std::vector<TrueParticle> read_truth(const char* name) {
 }
 
 void write_areas(const char* name, const std::vector<Area>& areas) {
-  FILE* file = create(name);
-  fprintf(file,
-          "\ndata_areas\n\nloop_\n_kestrixAreaNumber #1\n_kestrixAreaKind #2\n_kestrixCornerX #3\n"
-          "_kestrixCornerY #4\n");
+  FILE* file = create(name, "data_areas", kAreaColumns);
   for (size_t i = 0; i < areas.size(); i++)
     for (size_t j = 0; j < areas[i].x.size(); j++)
       fprintf(file, "%6zu %2d %12.4f %12.4f\n", i + 1, areas[i].kind, areas[i].x[j], areas[i].y[j]);
@@ -72,8 +71,7 @@ void write_areas(const char* name, const std::vector<Area>& areas) {
 }
 
 std::vector<Area> read_areas(const char* name) {
-  const char* const columns[] = {"_kestrixAreaNumber", "_kestrixAreaKind", "_kestrixCornerX", "_kestrixCornerY"};
-  const std::vector<double> values = read_star_columns(name, columns, 4, 4);
+  const std::vector<double> values = read_star_columns(name, kAreaColumns, 4, 4);
   std::vector<Area> areas;
   double number = 0;
   for (size_t i = 0; i + 4 <= values.size(); i += 4) {
