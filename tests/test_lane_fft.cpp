@@ -1,7 +1,7 @@
 // The host's own transforms; a CUDA build has none of them.
 #ifndef KESTRIX_CUDA
 
-#include "platform/lane_fft.h"
+#include "platform/lane_bluestein.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -84,6 +84,21 @@ TEST(LaneFft, OfFewValuesIsThatOfAnArrayFilledUpWithZeros) {
   for (const int n : {8, 15, 64, 90, 100, 240})
     for (const int n_in : {1, 2, n / 8, n / 5, n / 3 + 1, n / 2, n / 2 + 1, n - 1})
       check_transform(n, std::max(n_in, 1));
+}
+
+// Lengths with large primes go by a convolution of two transforms of twice the length: a few times the rounding.
+TEST(LaneFft, OfLengthsWithLargePrimesAgreesWithTheDefinition) {
+  for (const int n : {7, 22, 98, 479, 958}) {
+    const Lanes lanes(n, n);
+    AnyLengthPlan plan = any_length_plan_new(n);
+    const auto room = static_cast<size_t>(plan.plan.n);
+    LaneValue* buffers = lane_values_new(3 * room);
+    std::copy_n(lanes.in, n, buffers);
+    any_length_fft(&plan, buffers, buffers + room, buffers + 2 * room);
+    for (const int lane : {0, kLanes - 1}) lanes.expect_transformed(buffers + room, lane);
+    free(buffers);
+    any_length_plan_free(&plan);
+  }
 }
 
 TEST(LaneFft, TransposesEightByEightValues) {

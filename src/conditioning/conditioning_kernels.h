@@ -8,10 +8,10 @@ KERNEL void cuda_2d_recentred_mean(int x, int y, float* out, const float* correl
   out[pixel_at(x, y, nx)] = correlation[pixel_at(x + nx, y + ny, 2 * nx)] / sum;
 }
 
-/// out = a * b / norm.
-KERNEL void cuda_2d_product(int x, int y, float* out, const float* a, const float* b, int nx, float norm) {
+/// From the mean of squares to the standard deviation.
+KERNEL void cuda_2d_deviation(int x, int y, float* squares, const float* mean, int nx) {
   const size_t i = pixel_at(x, y, nx);
-  out[i] = a[i] * b[i] / norm;
+  squares[i] = sqrtf(squares[i] - mean[i] * mean[i]);
 }
 
 /// The limits of the local maps beyond which a pixel is suspect.
