@@ -43,18 +43,17 @@ KERNEL void cuda_c2d_bandpass_guas(int x, int y, float2* data, int P, BandLimits
   weigh_value(data[pixel_at(x, y, P / 2 + 1)], guas_weight(frequency_radius(x, y, P), limits, P));
 }
 
-/// Radius of value x of a line of cosine coefficients: a row of a stripe, the stripes one below the other.
-KERNEL float coefficient_radius(int x, int line, int P) {
-  return frequency_radius(line / (P / 2) * kCosineStripe + x, line % (P / 2), P);
+/// The same on the cosine coefficients of the image itself: value x of row line % rows of stripe line / rows.
+KERNEL void cuda_cosine_bandpass_softR(int x, int line, float* data, int P, int rows, BandLimits limits, float soft) {
+  const int stripe = line / rows;
+  const int y = line % rows;
+  const size_t i = pixel_at(x, stripe * (P / 2) + y, kCosineStripe);
+  data[i] = weighted(data[i], softR_weight(frequency_radius(stripe * kCosineStripe + x, y, P), limits, soft));
 }
 
-/// The same on the cosine coefficients of the image itself.
-KERNEL void cuda_cosine_bandpass_softR(int x, int line, float* data, int P, BandLimits limits, float soft) {
-  const size_t i = pixel_at(x, line, kCosineStripe);
-  data[i] = weighted(data[i], softR_weight(coefficient_radius(x, line, P), limits, soft));
-}
-
-KERNEL void cuda_cosine_bandpass_guas(int x, int line, float* data, int P, BandLimits limits) {
-  const size_t i = pixel_at(x, line, kCosineStripe);
-  data[i] = weighted(data[i], guas_weight(coefficient_radius(x, line, P), limits, P));
+KERNEL void cuda_cosine_bandpass_guas(int x, int line, float* data, int P, int rows, BandLimits limits) {
+  const int stripe = line / rows;
+  const int y = line % rows;
+  const size_t i = pixel_at(x, stripe * (P / 2) + y, kCosineStripe);
+  data[i] = weighted(data[i], guas_weight(frequency_radius(stripe * kCosineStripe + x, y, P), limits, P));
 }

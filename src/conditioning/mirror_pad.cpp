@@ -81,8 +81,8 @@ void hcuda_2d_bandpass_softR_mpad(MirrorPad* pad, const float* in, float* out, f
   hcuda_2d_mpad_transform(pad, in);
 #ifndef KESTRIX_CUDA
   if (pad->cosines) {
-    const int columns = hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
-    return cosine_inverse(pad->cosines, pad->coefficients, columns, out);
+    const int kept = hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
+    return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
 #endif
   hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
@@ -101,8 +101,8 @@ void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, fl
 void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2) {
 #ifndef KESTRIX_CUDA
   if (pad->cosines) {
-    const int columns = hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
-    return cosine_inverse(pad->cosines, pad->coefficients, columns, out);
+    const int kept = hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
+    return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
 #endif
   hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);

@@ -2,9 +2,25 @@
 // detection, excluded areas and the mask.
 #pragma once
 
+#include <cstdio>
+
 #include "boxfile.h"
+#include "mrcfile.h"
 #include "parameters.h"
 #include "platform/device.h"
+
+// --- From the file to the working image, on the host ---
+
+/// Reads section 0 of a micrograph and averages blocks of shrink by shrink pixels on the way, so that the micrograph
+/// itself is never held: what cpu_2d_meanshrink_extended_even_square does with it but for the filling up, which
+/// cpu_2d_extend_even does. Samples that the file doesn't hold count as 0.
+/// head      sizes of a micrograph, a mode that can be read
+/// out       square of floats
+void mrc_read_meanshrink_even(FILE* file, const MRC_HEAD* head, int shrink, float* out);
+
+/// Fills up the shorter side of the square by mirroring; nx and ny are the micrograph's. Fails as
+/// cpu_2d_meanshrink_extended_even_square.
+void cpu_2d_extend_even(float* data, int nx, int ny, int shrink);
 
 // --- What the filters and local maps of a run share ---
 

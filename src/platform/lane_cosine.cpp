@@ -159,30 +159,30 @@ const LaneValue* as_lanes(const float* coefficients) { return reinterpret_cast<c
 
 typedef void Transform1d(const CosineSide* side, CosineScratch s, LaneValue* out);
 
-// From coefficients, times others where given, to an image; only the first `columns` columns hold any.
+// From coefficients, times others where given, to an image; only the first `columns` columns and `rows` rows hold any.
 template <Transform1d Transform>
-void transform_back(const CosinePlans* plans, const float* coefficients, const float* others, int columns,
-                    float* image) {
+void transform_back(const CosinePlans* plans, const float* coefficients, const float* others, size_t columns,
+                    size_t rows, float* image) {
   const auto nx = static_cast<size_t>(plans->x.n);
   const auto ny = static_cast<size_t>(plans->y.n);
-  const auto kept = static_cast<size_t>(columns);
 #pragma omp parallel num_threads(plans->threads)
   {
     const CosineScratch s = scratch_of_thread(plans);
 #pragma omp for schedule(dynamic)
-    for (size_t x = 0; x < kept; x += kStripe) {
+    for (size_t x = 0; x < columns; x += kStripe) {
       const size_t stripe = x / kStripe * ny;
       if (others) {
-        multiply(as_lanes(coefficients) + stripe, as_lanes(others) + stripe, s.a, ny);
+        multiply(as_lanes(coefficients) + stripe, as_lanes(others) + stripe, s.a, rows);
       } else {
-        memcpy(s.a, as_lanes(coefficients) + stripe, ny * sizeof(LaneValue));
+        memcpy(s.a, as_lanes(coefficients) + stripe, rows * sizeof(LaneValue));
       }
+      memset(s.a + rows, 0, (ny - rows) * sizeof(LaneValue));
       Transform(&plans->y, s, plans->between + stripe);
     }
 #pragma omp for schedule(dynamic)
     for (size_t y = 0; y < ny; y += kStripe) {
-      cross_stripes(plans->between, ny, y, kept, plans->x.natural, s.a);
-      memset(s.a + kept, 0, (nx - kept) * sizeof(LaneValue));
+      cross_stripes(plans->between, ny, y, columns, plans->x.natural, s.a);
+      memset(s.a + columns, 0, (nx - columns) * sizeof(LaneValue));
       Transform(&plans->x, s, s.e);
       store_rows(s.e, nx, rows_of_stripe(y, ny), image + y * nx);
     }
@@ -232,10 +232,14 @@ void cosine_forward(const CosinePlans* plans, const float* image, CosineInput in
   }
 }
 
-void cosine_inverse(const CosinePlans* plans, const float* coefficients, int columns, float* image) {
-  transform_back<cosine_inverse_1d>(plans, coefficients, nullptr, columns, image);
+void cosine_inverse(const CosinePlans* plans, const float* coefficients, int kept, float* image) {
+  const auto columns = static_cast<size_t>(std::min(kept, plans->x.n));
+  const auto rows = static_cast<size_t>(std::min(kept, plans->y.n));
+  transform_back<cosine_inverse_1d>(plans, coefficients, nullptr, columns, rows, image);
 }
 
 void cosine_correlate(const CosinePlans* plans, const float* coefficients, const float* others, float* image) {
-  transform_back<cosine_correlate_1d>(plans, coefficients, others, plans->x.n, image);
+  const auto columns = static_cast<size_t>(plans->x.n);
+  const auto rows = static_cast<size_t>(plans->y.n);
+  transform_back<cosine_correlate_1d>(plans, coefficients, others, columns, rows, image);
 }

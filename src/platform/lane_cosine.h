@@ -29,8 +29,9 @@ enum CosineInput { kValues, kSquares };
 /// of the mirrored image. image: nx*ny floats, row-major.
 void cosine_forward(const CosinePlans* plans, const float* image, CosineInput input, float* coefficients);
 
-/// The inverse of cosine_forward times the number of pixels of the mirrored image. Columns from `columns` on count as 0.
-void cosine_inverse(const CosinePlans* plans, const float* coefficients, int columns, float* image);
+/// The inverse of cosine_forward times the number of pixels of the mirrored image. Columns and rows from `kept` on count
+/// as 0 and are never looked at.
+void cosine_inverse(const CosinePlans* plans, const float* coefficients, int kept, float* image);
 
 /// From the coefficients of two images, multiplied with each other and without that phase, to their correlation at whole
 /// positions, times the number of pixels of the mirrored image. Pixel (x, y) receives position (nx - x, ny - y).

@@ -107,20 +107,20 @@ void write_device_image(const float* d, const Run* run, const char* mic, const c
   mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
 }
 
-// Reads section 0 into raw_mic, as zeros where the file holds no sample that can be read. Returns whether it could be.
-bool read_micrograph(FILE* f, const MRC_HEAD* head, const char* name, float* raw_mic) {
+// Reads section 0, shrunk, into work_mic; zeros if the file holds no samples that can be read. Returns whether it does.
+bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) {
   note_extended_header(name, head);
   if (!mrc_mode_readable(head->mode)) {
     safety_note(name, "samples of MRC mode %d (%s) can't be read; the image counts as 0 everywhere.", head->mode,
                 mrc_get_head_mode(head));
-    memset(raw_mic, 0, static_cast<size_t>(head->nx) * head->ny * sizeof(float));
+    memset(run->host.work_mic, 0, work_pixels(run) * sizeof(float));
     return false;
   }
   const unsigned long missing = mrc_missing_samples(f, head, 0);
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
-  mrc_read_slice(f, head, 0, 'z', raw_mic);
+  mrc_read_meanshrink_even(f, head, run->para.shrink, run->host.work_mic);
   return true;
 }
 
@@ -136,8 +136,8 @@ int read_excluded(Run* run, MicrographNames* names) {
 }
 
 bool is_flat(const float* d, size_t n) {
-  const auto extremes = std::minmax_element(d, d + n);
-  return *extremes.first == *extremes.second;
+  const float first = d[0];
+  return first == first && std::none_of(d, d + n, [first](float v) { return v < first || v > first; });
 }
 
 bool is_finite(const float* d, size_t n) {
@@ -151,7 +151,7 @@ bool is_finite(const float* d, size_t n) {
 void upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
-  cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
+  cpu_2d_extend_even(run->host.work_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
   if (!is_finite(run->host.work_mic, pixels))
     safety_note(name, "holds values that are not finite; nothing can be picked.");
@@ -187,7 +187,7 @@ void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   note_all_closed(run, names->mic);
 }
 
-// From the raw micrograph to d_mic, normalised over the area that d_mask leaves open.
+// From the shrunk micrograph to d_mic, normalised over the area that d_mask leaves open.
 void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n, bool readable) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
@@ -280,7 +280,7 @@ void pick_micrograph(Run* run, const char* mic) {
   mrc_read_head(f, &head);
   check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
   printf("Reading File %s ...\n", mic);
-  const bool readable = read_micrograph(f, &head, mic, run->host.raw_mic);
+  const bool readable = read_micrograph(run, f, &head, mic);
   fclose(f);
   const int excluded_n = read_excluded(run, &names);
   time_pop("READING");
