@@ -36,28 +36,15 @@ DiscWindow cosine_window(MirrorPad* pad, float cx, float cy, float R, float soft
   const size_t values = cosine_coefficients(pad->nx, pad->ny);
   DiscWindow window{};
   window.coefficients = device_new<float>(values);
-  float* quadrant = pad->squares;
+  float* quadrant = pad->coefficients;
   hcuda_2d_generate_rmask_soft(quadrant, pad->nx, pad->ny, cx, cy, R, soft);
   window.sum = 4 * hcuda_fast_sum(quadrant, pixels);
-  cosine_forward(pad->cosines, quadrant, kValues, window.coefficients);
+  cosine_forward(pad->cosines, quadrant, window.coefficients);
   hcuda_multi_add_inplace(window.coefficients, values, 1 / (number_of_padded_pixels(pad) * window.sum), 0.0f);
   return window;
 }
 
 #endif
-
-void mean_of_squares(MirrorPad* pad, const DiscWindow* window, const float* in, float* out) {
-#ifndef KESTRIX_CUDA
-  if (pad->cosines) {
-    cosine_forward(pad->cosines, in, kSquares, pad->squares);
-    return cosine_correlate(pad->cosines, pad->squares, window->coefficients, out);
-  }
-#endif
-  hcuda_2d_sqr(out, in, pad->nx, pad->ny);
-  hcuda_2d_mirror_pad(pad->padded, out, pad->nx, pad->ny);
-  CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->product));
-  mean_by_spectrum(pad, window, pad->product, out);
-}
 
 }  // namespace
 
@@ -98,6 +85,12 @@ void hcuda_2d_local_ave_softR_mpad(MirrorPad* pad, const DiscWindow* window, flo
 void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, const float* in, float* out,
                                      float* scratch) {
   hcuda_2d_bg_mpad(pad, window, scratch);
-  mean_of_squares(pad, window, in, out);
+#ifndef KESTRIX_CUDA
+  if (pad->cosines) return cosine_deviation(pad->cosines, in, window->coefficients, scratch, out);
+#endif
+  hcuda_2d_sqr(out, in, pad->nx, pad->ny);
+  hcuda_2d_mirror_pad(pad->padded, out, pad->nx, pad->ny);
+  CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->product));
+  mean_by_spectrum(pad, window, pad->product, out);
   CHECK_DEVICE(launch_2d<cuda_2d_deviation>(pad->nx, pad->ny, out, static_cast<const float*>(scratch), pad->nx));
 }

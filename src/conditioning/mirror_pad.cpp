@@ -19,7 +19,6 @@ int padded_side(const MirrorPad* pad) { return 2 * pad->nx; }
 
 void plan_cosines(MirrorPad* pad) {
   pad->coefficients = device_new<float>(cosine_coefficients(pad->nx, pad->ny));
-  pad->squares = device_new<float>(cosine_coefficients(pad->nx, pad->ny));
   pad->cosines = cosine_plans_new(pad->nx, pad->ny);
 }
 
@@ -64,13 +63,12 @@ void mirror_pad_free(MirrorPad* pad) {
   cudaFree(pad->spectrum);
   cudaFree(pad->product);
   cudaFree(pad->coefficients);
-  cudaFree(pad->squares);
   *pad = MirrorPad{};
 }
 
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 #ifndef KESTRIX_CUDA
-  if (pad->cosines) return cosine_forward(pad->cosines, in, kValues, pad->coefficients);
+  if (pad->cosines) return cosine_forward(pad->cosines, in, pad->coefficients);
 #endif
   hcuda_2d_mirror_pad(pad->padded, in, pad->nx, pad->ny);
   CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->spectrum));

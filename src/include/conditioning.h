@@ -48,7 +48,6 @@ struct MirrorPad {
   // Cosine transforms; the members above are empty then:
   CosinePlans* cosines;
   float* coefficients;  // the transform of an image
-  float* squares;       // the same of its square
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.

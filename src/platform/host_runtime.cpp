@@ -1,3 +1,4 @@
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,10 +21,13 @@ bool fails(std::atomic<long>& calls, long fail_at) {
 }
 
 cudaError_t allocate(void** pointer, size_t bytes) {
-  constexpr size_t kAlignment = 64;
+  constexpr size_t kCacheLine = 64;
+  constexpr size_t kHugePage = size_t{2} << 20;
+  const size_t unit = bytes < kHugePage ? kCacheLine : kHugePage;
   *pointer = nullptr;
-  if (bytes > SIZE_MAX - kAlignment) return cudaErrorMemoryAllocation;
-  *pointer = aligned_alloc(kAlignment, (bytes + kAlignment - 1) / kAlignment * kAlignment);
+  if (bytes > SIZE_MAX - unit) return cudaErrorMemoryAllocation;
+  *pointer = aligned_alloc(unit, (bytes + unit - 1) / unit * unit);
+  if (*pointer && unit == kHugePage) madvise(*pointer, bytes, MADV_HUGEPAGE);
   return *pointer || bytes == 0 ? cudaSuccess : cudaErrorMemoryAllocation;
 }
 

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -18,7 +19,8 @@ struct CosinePlans {
   int threads;
   size_t room;         // values of each of a thread's buffers
   LaneValue* scratch;  // kBuffers for each thread
-  LaneValue* between;  // the image between its two dimensions: stripes of sixteen rows or columns
+  LaneValue* between;  // the image between its two dimensions on the way forward: stripes of sixteen rows
+  LaneValue* behind;   // on the way back: stripes of sixteen columns
 };
 
 namespace {
@@ -110,18 +112,21 @@ KERNEL_LOOP void load_rows(const float* image, size_t nx, Halves rows, bool squa
 }
 
 KERNEL_LOOP void store_rows(const LaneValue* lanes, size_t nx, Halves rows, float* image) {
-  for (size_t x = 0; x < nx; x += kLanes) {
-    const size_t columns = std::min<size_t>(kLanes, nx - x);
-    Lane upper[8]{};
-    Lane lower[8]{};
-    for (size_t i = 0; i < columns; i++) {
-      upper[i] = lanes[x + i].re;
-      lower[i] = lanes[x + i].im;
+  // Whole cache lines of eight rows, then of the other eight: the rows share their places in the cache.
+  for (size_t first = 0; first < nx; first += kStripe) {
+    for (const bool imaginary : {false, true}) {
+      for (size_t x = first; x < std::min(nx, first + kStripe); x += kLanes) {
+        const size_t columns = std::min<size_t>(kLanes, nx - x);
+        Lane block[8]{};
+        for (size_t i = 0; i < columns; i++) block[i] = imaginary ? lanes[x + i].im : lanes[x + i].re;
+        transpose(block);
+        if (imaginary) {
+          store_block(block, rows.lower, columns, image + kLanes * nx + x, nx);
+        } else {
+          store_block(block, rows.upper, columns, image + x, nx);
+        }
+      }
     }
-    transpose(upper);
-    transpose(lower);
-    store_block(upper, rows.upper, columns, image + x, nx);
-    store_block(lower, rows.lower, columns, image + kLanes * nx + x, nx);
   }
 }
 
@@ -157,36 +162,41 @@ KERNEL_LOOP void multiply(const LaneValue* a, const LaneValue* b, LaneValue* out
 
 const LaneValue* as_lanes(const float* coefficients) { return reinterpret_cast<const LaneValue*>(coefficients); }
 
-typedef void Transform1d(const CosineSide* side, CosineScratch s, LaneValue* out);
+// The stages of a transform, each shared by the threads of a parallel region: rows or columns, a stripe at a time.
 
-// From coefficients, times others where given, to an image; only the first `columns` columns and `rows` rows hold any.
-template <Transform1d Transform>
-void transform_back(const CosinePlans* plans, const float* coefficients, const float* others, size_t columns,
-                    size_t rows, float* image) {
+// From an image's rows to plans->between.
+void rows_forward(const CosinePlans* plans, const CosineScratch& s, const float* image, bool squared) {
   const auto nx = static_cast<size_t>(plans->x.n);
   const auto ny = static_cast<size_t>(plans->y.n);
-#pragma omp parallel num_threads(plans->threads)
-  {
-    const CosineScratch s = scratch_of_thread(plans);
 #pragma omp for schedule(dynamic)
-    for (size_t x = 0; x < columns; x += kStripe) {
-      const size_t stripe = x / kStripe * ny;
-      if (others) {
-        multiply(as_lanes(coefficients) + stripe, as_lanes(others) + stripe, s.a, rows);
-      } else {
-        memcpy(s.a, as_lanes(coefficients) + stripe, rows * sizeof(LaneValue));
-      }
-      memset(s.a + rows, 0, (ny - rows) * sizeof(LaneValue));
-      Transform(&plans->y, s, plans->between + stripe);
-    }
-#pragma omp for schedule(dynamic)
-    for (size_t y = 0; y < ny; y += kStripe) {
-      cross_stripes(plans->between, ny, y, columns, plans->x.natural, s.a);
-      memset(s.a + columns, 0, (nx - columns) * sizeof(LaneValue));
-      Transform(&plans->x, s, s.e);
-      store_rows(s.e, nx, rows_of_stripe(y, ny), image + y * nx);
-    }
+  for (size_t y = 0; y < ny; y += kStripe) {
+    load_rows(image + y * nx, nx, rows_of_stripe(y, ny), squared, plans->x.whole.fold, s.a);
+    cosine_forward_1d(&plans->x, s, plans->between + y / kStripe * nx);
   }
+}
+
+// The columns of a stripe from plans->between to their coefficients.
+void columns_forward(const CosinePlans* plans, const CosineScratch& s, size_t x, LaneValue* coefficients) {
+  const auto ny = static_cast<size_t>(plans->y.n);
+  cross_stripes(plans->between, static_cast<size_t>(plans->x.n), x, ny, plans->y.whole.fold, s.a);
+  cosine_forward_1d(&plans->y, s, coefficients);
+}
+
+typedef void Transform1d(const CosineSide* side, CosineScratch s, LaneValue* out);
+
+// From plans->behind, of whose columns only the first hold anything, to a stripe of an image's rows.
+template <Transform1d Transform>
+void rows_back(const CosinePlans* plans, const CosineScratch& s, size_t columns, size_t y, float* image) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+  cross_stripes(plans->behind, ny, y, columns, plans->x.natural, s.a);
+  memset(s.a + columns, 0, (nx - columns) * sizeof(LaneValue));
+  Transform(&plans->x, s, s.e);
+  store_rows(s.e, nx, rows_of_stripe(y, ny), image + y * nx);
+}
+
+KERNEL_LOOP void deviations(const float* means, float* squares, size_t n) {
+  for (size_t i = 0; i < n; i++) squares[i] = sqrtf(squares[i] - means[i] * means[i]);
 }
 
 }  // namespace
@@ -200,7 +210,8 @@ CosinePlans* cosine_plans_new(int nx, int ny) {
   plans->threads = omp_get_max_threads();
   plans->room = std::max(cosine_room(&plans->x), cosine_room(&plans->y)) + kApart;
   plans->scratch = lane_values_new(static_cast<size_t>(plans->threads) * kBuffers * plans->room);
-  plans->between = lane_values_new(std::max(cosine_coefficients(nx, ny), cosine_coefficients(ny, nx)) / kStripe);
+  plans->between = lane_values_new(cosine_coefficients(ny, nx) / kStripe);
+  plans->behind = lane_values_new(cosine_coefficients(nx, ny) / kStripe);
   return plans;
 }
 
@@ -210,36 +221,78 @@ void cosine_plans_free(CosinePlans* plans) {
   cosine_side_free(&plans->y);
   free(plans->scratch);
   free(plans->between);
+  free(plans->behind);
   free(plans);
 }
 
-void cosine_forward(const CosinePlans* plans, const float* image, CosineInput input, float* coefficients) {
+void cosine_forward(const CosinePlans* plans, const float* image, float* coefficients) {
   const auto nx = static_cast<size_t>(plans->x.n);
   const auto ny = static_cast<size_t>(plans->y.n);
 #pragma omp parallel num_threads(plans->threads)
   {
     const CosineScratch s = scratch_of_thread(plans);
+    rows_forward(plans, s, image, false);
 #pragma omp for schedule(dynamic)
-    for (size_t y = 0; y < ny; y += kStripe) {
-      load_rows(image + y * nx, nx, rows_of_stripe(y, ny), input == kSquares, plans->x.whole.fold, s.a);
-      cosine_forward_1d(&plans->x, s, plans->between + y / kStripe * nx);
-    }
-#pragma omp for schedule(dynamic)
-    for (size_t x = 0; x < nx; x += kStripe) {
-      cross_stripes(plans->between, nx, x, ny, plans->y.whole.fold, s.a);
-      cosine_forward_1d(&plans->y, s, reinterpret_cast<LaneValue*>(coefficients) + x / kStripe * ny);
-    }
+    for (size_t x = 0; x < nx; x += kStripe)
+      columns_forward(plans, s, x, reinterpret_cast<LaneValue*>(coefficients) + x / kStripe * ny);
   }
 }
 
 void cosine_inverse(const CosinePlans* plans, const float* coefficients, int kept, float* image) {
   const auto columns = static_cast<size_t>(std::min(kept, plans->x.n));
   const auto rows = static_cast<size_t>(std::min(kept, plans->y.n));
-  transform_back<cosine_inverse_1d>(plans, coefficients, nullptr, columns, rows, image);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < columns; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      memcpy(s.a, as_lanes(coefficients) + stripe, rows * sizeof(LaneValue));
+      memset(s.a + rows, 0, (ny - rows) * sizeof(LaneValue));
+      cosine_inverse_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) rows_back<cosine_inverse_1d>(plans, s, columns, y, image);
+  }
 }
 
 void cosine_correlate(const CosinePlans* plans, const float* coefficients, const float* others, float* image) {
-  const auto columns = static_cast<size_t>(plans->x.n);
-  const auto rows = static_cast<size_t>(plans->y.n);
-  transform_back<cosine_correlate_1d>(plans, coefficients, others, columns, rows, image);
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < nx; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      multiply(as_lanes(coefficients) + stripe, as_lanes(others) + stripe, s.a, ny);
+      cosine_correlate_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) rows_back<cosine_correlate_1d>(plans, s, nx, y, image);
+  }
+}
+
+void cosine_deviation(const CosinePlans* plans, const float* image, const float* others, const float* means,
+                      float* out) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+    rows_forward(plans, s, image, true);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < nx; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      columns_forward(plans, s, x, s.e);
+      multiply(s.e, as_lanes(others) + stripe, s.a, ny);
+      cosine_correlate_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) {
+      rows_back<cosine_correlate_1d>(plans, s, nx, y, out);
+      deviations(means + y * nx, out + y * nx, std::min(kStripe, ny - y) * nx);
+    }
+  }
 }

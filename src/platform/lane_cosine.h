@@ -22,12 +22,9 @@ inline size_t cosine_coefficients(int nx, int ny) {
   return static_cast<size_t>(cosine_stripes(nx)) * static_cast<size_t>(ny) * kCosineStripe;
 }
 
-/// What of an image is transformed.
-enum CosineInput { kValues, kSquares };
-
 /// C(k) = 4 sum f(x) cos(pi (x + 1/2) k / n), in both dimensions. Times exp(i pi k / (2n)) it is the Fourier transform
 /// of the mirrored image. image: nx*ny floats, row-major.
-void cosine_forward(const CosinePlans* plans, const float* image, CosineInput input, float* coefficients);
+void cosine_forward(const CosinePlans* plans, const float* image, float* coefficients);
 
 /// The inverse of cosine_forward times the number of pixels of the mirrored image. Columns and rows from `kept` on count
 /// as 0 and are never looked at.
@@ -36,3 +33,8 @@ void cosine_inverse(const CosinePlans* plans, const float* coefficients, int kep
 /// From the coefficients of two images, multiplied with each other and without that phase, to their correlation at whole
 /// positions, times the number of pixels of the mirrored image. Pixel (x, y) receives position (nx - x, ny - y).
 void cosine_correlate(const CosinePlans* plans, const float* coefficients, const float* others, float* image);
+
+/// The same of the squares of an image's pixels, from the image itself, and further to the deviation from the means:
+/// out = sqrt(correlation - means^2).
+void cosine_deviation(const CosinePlans* plans, const float* image, const float* others, const float* means,
+                      float* out);

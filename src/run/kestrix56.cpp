@@ -204,7 +204,7 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   // Ice detection has left the transform of d_mic.
   if (para.do_bandpass && !para.detect_ice) hcuda_2d_mpad_transform(&run->pad, d_mic);
   if (para.do_bandpass) hcuda_2d_bandpass_guas_transformed(&run->pad, d_mic, apix, para.lp, para.hp);
-  hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
+  // The band-pass leaves any scale; what follows takes it out, over the open area alone.
   hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
   if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
   hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
