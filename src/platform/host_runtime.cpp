@@ -1,4 +1,3 @@
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,13 +20,10 @@ bool fails(std::atomic<long>& calls, long fail_at) {
 }
 
 cudaError_t allocate(void** pointer, size_t bytes) {
-  constexpr size_t kCacheLine = 64;
-  constexpr size_t kHugePage = size_t{2} << 20;
-  const size_t unit = bytes < kHugePage ? kCacheLine : kHugePage;
+  constexpr size_t kAlignment = 64;
   *pointer = nullptr;
-  if (bytes > SIZE_MAX - unit) return cudaErrorMemoryAllocation;
-  *pointer = aligned_alloc(unit, (bytes + unit - 1) / unit * unit);
-  if (*pointer && unit == kHugePage) madvise(*pointer, bytes, MADV_HUGEPAGE);
+  if (bytes > SIZE_MAX - kAlignment) return cudaErrorMemoryAllocation;
+  *pointer = aligned_alloc(kAlignment, (bytes + kAlignment - 1) / kAlignment * kAlignment);
   return *pointer || bytes == 0 ? cudaSuccess : cudaErrorMemoryAllocation;
 }
 

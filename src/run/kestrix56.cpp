@@ -142,7 +142,7 @@ bool is_flat(const float* d, size_t n) {
 
 bool is_finite(const float* d, size_t n) {
   float sum = 0;
-#pragma omp simd reduction(+ : sum)
+#pragma omp parallel for simd schedule(static) reduction(+ : sum)
   for (size_t i = 0; i < n; i++) sum += d[i] * 0.0f;
   return sum == 0.0f;
 }
