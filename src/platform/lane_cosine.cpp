@@ -82,6 +82,28 @@ INTO_LOOP void store_block(const Lane* block, size_t rows, size_t columns, float
   }
 }
 
+// One part of at most eight values; what they lack of eight is 0.
+INTO_LOOP void take_parts(const LaneValue* values, bool imaginary, size_t count, Lane* block) {
+  const Lane* part = imaginary ? &values->im : &values->re;
+  if (count >= kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) block[i] = part[2 * i];
+  } else {
+    memset(block, 0, kLanes * sizeof(Lane));
+    for (size_t i = 0; i < count; i++) block[i] = part[2 * i];
+  }
+}
+
+// Eight real and eight imaginary parts to the first `count` of eight places.
+INTO_LOOP void place_parts(const Lane* re, const Lane* im, const int* place, size_t count, LaneValue* lanes) {
+  if (count >= kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) lanes[place[i]] = {re[i], im[i]};
+  } else {
+    for (size_t i = 0; i < count; i++) lanes[place[i]] = {re[i], im[i]};
+  }
+}
+
 struct Halves {
   size_t upper, lower;  // rows of the first and the second eight of a stripe
 };
@@ -90,6 +112,11 @@ Halves rows_of_stripe(size_t first, size_t ny) {
   const size_t rows = std::min(kStripe, ny - first);
   const size_t upper = std::min<size_t>(rows, kLanes);
   return {upper, rows - upper};
+}
+
+INTO_LOOP void square(Lane* block) {
+#pragma GCC unroll 8
+  for (size_t i = 0; i < kLanes; i++) block[i] *= block[i];
 }
 
 // A stripe of rows to lanes: pixel x to lanes[place[x]].
@@ -103,11 +130,11 @@ KERNEL_LOOP void load_rows(const float* image, size_t nx, Halves rows, bool squa
     load_block(image + kLanes * nx + x, nx, rows.lower, columns, lower);
     transpose(upper);
     transpose(lower);
-    for (size_t i = 0; i < columns; i++) {
-      LaneValue& value = lanes[place[x + i]];
-      value.re = squared ? upper[i] * upper[i] : upper[i];
-      value.im = squared ? lower[i] * lower[i] : lower[i];
+    if (squared) {
+      square(upper);
+      square(lower);
     }
+    place_parts(upper, lower, place + x, columns, lanes);
   }
 }
 
@@ -117,8 +144,8 @@ KERNEL_LOOP void store_rows(const LaneValue* lanes, size_t nx, Halves rows, floa
     for (const bool imaginary : {false, true}) {
       for (size_t x = first; x < std::min(nx, first + kStripe); x += kLanes) {
         const size_t columns = std::min<size_t>(kLanes, nx - x);
-        Lane block[8]{};
-        for (size_t i = 0; i < columns; i++) block[i] = imaginary ? lanes[x + i].im : lanes[x + i].re;
+        Lane block[8];
+        take_parts(lanes + x, imaginary, columns, block);
         transpose(block);
         if (imaginary) {
           store_block(block, rows.lower, columns, image + kLanes * nx + x, nx);
@@ -138,16 +165,13 @@ KERNEL_LOOP void cross_stripes(const LaneValue* stripes, size_t length, size_t f
   for (size_t i = 0; i < count; i += kLanes) {
     const LaneValue* from = stripes + i / kStripe * length + first;
     const bool imaginary = i % kStripe != 0;
-    Lane re[8]{};
-    Lane im[8]{};
-    for (size_t j = 0; j < std::min<size_t>(there, kLanes); j++) re[j] = imaginary ? from[j].im : from[j].re;
-    for (size_t j = kLanes; j < there; j++) im[j - kLanes] = imaginary ? from[j].im : from[j].re;
+    Lane re[8];
+    Lane im[8];
+    take_parts(from, imaginary, there, re);
+    take_parts(from + kLanes, imaginary, there > kLanes ? there - kLanes : 0, im);
     transpose(re);
     transpose(im);
-    for (size_t j = 0; j < std::min<size_t>(kLanes, count - i); j++) {
-      lanes[place[i + j]].re = re[j];
-      lanes[place[i + j]].im = im[j];
-    }
+    place_parts(re, im, place + i, count - i, lanes);
   }
 }
 

@@ -11,7 +11,13 @@
 // (1980) 27). The correlation at whole positions is such an inverse transform of n/2 values at the odd positions and, at
 // the even ones, a correlation of half the length; what can't be halved any more is the transform of an even array.
 
+// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
+#define INTO_LOOP __attribute__((always_inline)) inline
+
 namespace {
+
+INTO_LOOP LaneValue operator+(LaneValue a, LaneValue b) { return {a.re + b.re, a.im + b.im}; }
+INTO_LOOP LaneValue operator-(LaneValue a, LaneValue b) { return {a.re - b.re, a.im - b.im}; }
 
 // Arrays of no more values are not worth halving.
 constexpr int kLeastToHalve = 16;
@@ -45,15 +51,34 @@ KERNEL_LOOP void separate(const LaneValue* V, LaneValue* out, const float* turn,
   }
 }
 
-// Real and imaginary part exchanged, as the inverse transform wants them.
+// Value k of what the inverse transform wants, from the coefficients k and n - k; real and imaginary part exchanged.
+INTO_LOOP LaneValue joined(LaneValue y, LaneValue z, const float* turn) {
+  const float c = turn[0];
+  const float s = turn[1];
+  return {(y.re + z.im) * s + (y.im - z.re) * c, (y.re + z.im) * c + (z.re - y.im) * s};
+}
+
 KERNEL_LOOP void join(const LaneValue* Y, LaneValue* V, const float* turn, size_t n) {
-  for (size_t k = 0; k < n; k++) {
-    const LaneValue y = Y[k];
-    const LaneValue z = k == 0 ? LaneValue{} : Y[n - k];
-    const float c = turn[2 * k];
-    const float s = turn[2 * k + 1];
-    V[k].im = (y.re + z.im) * c + (z.re - y.im) * s;
-    V[k].re = (y.re + z.im) * s + (y.im - z.re) * c;
+  V[0] = joined(Y[0], LaneValue{}, turn);
+  for (size_t k = 1; k < n; k++) V[k] = joined(Y[k], Y[n - k], turn + 2 * k);
+}
+
+// Of the 2n + 1 values at a: sums of the ones at k and 2n - k stay there, differences are joined to n values.
+KERNEL_LOOP void halve_and_join(LaneValue* a, LaneValue* V, const float* turn, size_t n) {
+  const LaneValue first = a[0];
+  const LaneValue last = a[2 * n];
+  a[0] = first + last;
+  a[n] = a[n] + a[n];
+  V[0] = joined(first - last, LaneValue{}, turn);
+  for (size_t k = 1; 2 * k <= n; k++) {
+    const LaneValue low = a[k];
+    const LaneValue high = a[2 * n - k];
+    const LaneValue below = a[n - k];
+    const LaneValue above = a[n + k];
+    a[k] = low + high;
+    a[n - k] = below + above;
+    V[k] = joined(low - high, below - above, turn + 2 * k);
+    V[n - k] = joined(below - above, low - high, turn + 2 * (n - k));
   }
 }
 
@@ -67,24 +92,10 @@ KERNEL_LOOP void unfold(const LaneValue* from, const int* fold, size_t n, LaneVa
   }
 }
 
-// Of the n + 1 values at a: sums of the ones at k and n - k stay there, differences go to b, n/2 of them.
-KERNEL_LOOP void halve(LaneValue* a, LaneValue* b, size_t n) {
-  const size_t half = n / 2;
-  for (size_t k = 0; k < half; k++) {
-    const LaneValue v = a[k];
-    const LaneValue w = a[n - k];
-    a[k] = {v.re + w.re, v.im + w.im};
-    b[k] = {v.re - w.re, v.im - w.im};
-  }
-  a[half] = {a[half].re + a[half].re, a[half].im + a[half].im};
-}
-
-// The inverse transform of the values at b to out, out + step, ...
-void inverse_of_b(const CosineLength& length, const CosineScratch& s, LaneValue* out, long step) {
-  const auto n = static_cast<size_t>(length.n);
-  join(s.b, s.c, length.turn, n);
+// The inverse transform of the joined values at c to out, out + step, ...
+void inverse_of_c(const CosineLength& length, const CosineScratch& s, LaneValue* out, long step) {
   any_length_fft(&length.plan, s.c, s.b, s.d);
-  unfold(s.b, length.fold, n, out, step);
+  unfold(s.b, length.fold, static_cast<size_t>(length.n), out, step);
 }
 
 }  // namespace
@@ -120,8 +131,8 @@ void cosine_forward_1d(const CosineSide* side, CosineScratch s, LaneValue* out) 
 }
 
 void cosine_inverse_1d(const CosineSide* side, CosineScratch s, LaneValue* out) {
-  s.b = s.a;
-  inverse_of_b(side->whole, s, out, 1);
+  join(s.a, s.c, side->whole.turn, static_cast<size_t>(side->n));
+  inverse_of_c(side->whole, s, out, 1);
 }
 
 void cosine_correlate_1d(const CosineSide* side, CosineScratch s, LaneValue* out) {
@@ -129,9 +140,10 @@ void cosine_correlate_1d(const CosineSide* side, CosineScratch s, LaneValue* out
   auto n = static_cast<size_t>(side->n);
   long step = 1;
   s.a[n] = LaneValue{};
-  for (int i = 0; i < side->n_halvings; i++, n /= 2, step *= 2) {
-    halve(s.a, s.b, n);
-    inverse_of_b(side->halves[i], s, end - step, -2 * step);
+  for (int i = 0; i < side->n_halvings; i++, step *= 2) {
+    n /= 2;
+    halve_and_join(s.a, s.c, side->halves[i].turn, n);
+    inverse_of_c(side->halves[i], s, end - step, -2 * step);
   }
   s.b[0] = s.a[0];
   s.b[n] = s.a[n];
