@@ -1,7 +1,7 @@
 // The host's own transforms; a CUDA build has none of them.
 #ifndef KESTRIX_CUDA
 
-#include "platform/lane_fft.h"
+#include "platform/lane_bluestein.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -106,6 +106,21 @@ TEST(LaneFft, OfOuterValuesIsThatOfAnArrayWithZerosBetween) {
       for (LaneValue* values : {in, out, scratch}) free(values);
       lane_plan_free(&plan);
     }
+  }
+}
+
+// Lengths with large primes go by a convolution of two transforms of twice the length: a few times the rounding.
+TEST(LaneFft, OfLengthsWithLargePrimesAgreesWithTheDefinition) {
+  for (const int n : {7, 22, 98, 479, 958}) {
+    const Lanes lanes(n, n);
+    AnyLengthPlan plan = any_length_plan_new(n);
+    const auto room = static_cast<size_t>(plan.plan.n);
+    LaneValue* buffers = lane_values_new(4 * room);
+    std::copy_n(lanes.in, n, buffers);
+    any_length_fft(&plan, buffers, buffers + room, buffers + 2 * room);
+    for (const int lane : {0, kLanes - 1}) lanes.expect_transformed(buffers + room, lane);
+    free(buffers);
+    any_length_plan_free(&plan);
   }
 }
 

@@ -85,15 +85,17 @@ TEST_P(LocalMaps, OfAConstantAreTheConstantAndNoSigma) {
 }
 
 TEST_P(LocalMaps, LeaveTheTransformForTheNextWindow) {
-  const Size size{16, 16};
-  const size_t n = 256;
+  const Size size{22, 16};
+  const size_t n = 352;
   const std::vector<float> image = random_values(n, 3);
   MirrorPad pad = mirror_pad_new(size.nx, size.ny, GetParam());
   DiscWindow small = disc_window_new(&pad, 2.2f, 1.0f), large = disc_window_new(&pad, 5.2f, 3.0f);
-  const auto in = to_device(image), first = unwritten(n), other = unwritten(n), again = unwritten(n);
+  const auto in = to_device(image), first = unwritten(n), other = unwritten(n), sigma = unwritten(n),
+             again = unwritten(n);
   hcuda_2d_mpad_transform(&pad, in.get());
   hcuda_2d_bg_mpad(&pad, &small, first.get());
   hcuda_2d_bg_mpad(&pad, &large, other.get());
+  hcuda_2d_local_sigma_softR_mpad(&pad, &large, in.get(), sigma.get(), again.get());
   hcuda_2d_bg_mpad(&pad, &small, again.get());
   EXPECT_TRUE(same_bits(to_host(again, n), to_host(first, n)));
   EXPECT_TRUE(

@@ -185,10 +185,13 @@ TEST_F(RunOnBad, FlatImageGivesNoPicks) {
 
 TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersOrTooLargeOrTooSmallGivesNoPicks) {
   const float inf = std::numeric_limits<float>::infinity();
-  const std::string not_finite = "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
-                    not_normal =
-                        "Kestrix: nan.mrc: can't be normalised, its values being too large or too small for single "
-                        "precision, or all filtered away; nothing can be picked.\n";
+  const std::string
+      not_finite =
+          "Kestrix: nan.mrc: holds values that are not finite, or too large to be averaged; nothing can be "
+          "picked.\n",
+      not_normal =
+          "Kestrix: nan.mrc: can't be normalised, its values being too large or too small for single "
+          "precision, or all filtered away; nothing can be picked.\n";
   for (const float value : {kNaN, inf, -inf, 3.4e38F, 1e-30F}) {
     for (const size_t last : {300UL * 280, 1UL}) {
       simulate_small();
@@ -197,9 +200,11 @@ TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersOrTooLargeOrTooSmallGivesNoPicks) 
       write_image("nan.mrc", image.data, 300, 280);
       const bool usable = last == 1 && value < 1 && value > 0;
       for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter", "--speed 2"}) {
+        // Averaging blocks of the largest values overflows already.
+        const bool finite = std::isfinite(value) && (value < 1 || std::string(options) != "--speed 2");
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
-        EXPECT_EQ(usable ? "" : std::isfinite(value) ? not_normal : not_finite, result.errors) << value << options;
+        EXPECT_EQ(usable ? "" : finite ? not_normal : not_finite, result.errors) << value << options;
         EXPECT_TRUE(usable || content("nan_quorlin.box").empty()) << value << options;
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;

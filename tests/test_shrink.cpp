@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "conditioning.h"
 #include "process2d_raw.h"
 #include "test_numeric.h"
 #include "test_support.h"
@@ -54,6 +55,38 @@ const std::string kTooLong =
     fatal_line("cpu_2d_extend_to_square_mirror_inplace", "process2d_raw", "Make sure: Ny/2 < Nx < 2Ny");
 
 }  // namespace
+
+using ShrinkFromFile = FolderTest;
+
+TEST_F(ShrinkFromFile, GivesTheBitsOfTheWholeImageWithZerosForWhatTheFileLacks) {
+  constexpr int kNx = 701, kNy = 483;  // several chunks at every factor
+  const auto n = static_cast<size_t>(kNx) * kNy;
+  for (const int mode : {1, 2}) {
+    std::vector<float> image = random_values(n, 4, -3000, 3000);
+    std::vector<int16_t> shorts(n);
+    for (size_t i = 0; i < n; i++) shorts[i] = static_cast<int16_t>(image[i]);
+    if (mode == 1) image.assign(shorts.begin(), shorts.end());
+    MRC_HEAD head;
+    mrc_init_head(&head);
+    mrc_set_head_xyz_mode(&head, kNx, kNy, 1, mode);
+    const auto* samples =
+        mode == 1 ? reinterpret_cast<const char*>(shorts.data()) : reinterpret_cast<const char*>(image.data());
+    const size_t kept = n - 1234;  // the file ends within a row
+    write_file(path("mic.mrc"), std::string(reinterpret_cast<const char*>(&head), sizeof head) +
+                                    std::string(samples, kept * (mode == 1 ? 2 : 4) + 1));
+    std::fill(image.begin() + static_cast<long>(kept), image.end(), 0.0f);
+    for (const int shrink : kFactors) {
+      const Cores cores(1 + shrink % 3);
+      const auto side = static_cast<size_t>(get_max_extended_square_even_size(kNx, kNy, shrink));
+      std::vector<float> out(side * side, kNaN);
+      FILE* file = fopen(path("mic.mrc").c_str(), "r");
+      mrc_read_meanshrink_even(file, &head, shrink, out.data());
+      fclose(file);
+      cpu_2d_extend_even(out.data(), kNx, kNy, shrink);
+      EXPECT_TRUE(same_bits(out, shrunk_square(image, kNx, kNy, shrink))) << "mode " << mode << ", by " << shrink;
+    }
+  }
+}
 
 TEST(ShrinkToSquare, AveragesBlocksDropsTheHighEndsAndMirrorsTheShorterSide) {
   const int sizes[][2] = {{96, 96}, {97, 97}, {111, 83}, {83, 111}, {100, 64}, {64, 115}, {65, 49}};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "compute/process2d_raw_kernels.h"
+#include "platform/lane_cosine.h"
 
 /// Radii in Fourier pixels between which a filter passes.
 struct BandLimits {
@@ -42,13 +43,17 @@ KERNEL void cuda_c2d_bandpass_guas(int x, int y, float2* data, int P, BandLimits
   weigh_value(data[pixel_at(x, y, P / 2 + 1)], guas_weight(frequency_radius(x, y, P), limits, P));
 }
 
-/// The same on the cosine coefficients of the image itself, P/2 to a row.
-KERNEL void cuda_cosine_bandpass_softR(int x, int y, float* data, int P, BandLimits limits, float soft) {
-  const size_t i = pixel_at(x, y, P / 2);
-  data[i] = weighted(data[i], softR_weight(frequency_radius(x, y, P), limits, soft));
+/// The same on the cosine coefficients of the image itself: value x of row line % rows of stripe line / rows.
+KERNEL void cuda_cosine_bandpass_softR(int x, int line, float* data, int P, int rows, BandLimits limits, float soft) {
+  const int stripe = line / rows;
+  const int y = line % rows;
+  const size_t i = pixel_at(x, stripe * (P / 2) + y, kCosineStripe);
+  data[i] = weighted(data[i], softR_weight(frequency_radius(stripe * kCosineStripe + x, y, P), limits, soft));
 }
 
-KERNEL void cuda_cosine_bandpass_guas(int x, int y, float* data, int P, BandLimits limits) {
-  const size_t i = pixel_at(x, y, P / 2);
-  data[i] = weighted(data[i], guas_weight(frequency_radius(x, y, P), limits, P));
+KERNEL void cuda_cosine_bandpass_guas(int x, int line, float* data, int P, int rows, BandLimits limits) {
+  const int stripe = line / rows;
+  const int y = line % rows;
+  const size_t i = pixel_at(x, stripe * (P / 2) + y, kCosineStripe);
+  data[i] = weighted(data[i], guas_weight(frequency_radius(stripe * kCosineStripe + x, y, P), limits, P));
 }

@@ -111,17 +111,16 @@ float hcuda_stdv_withmask(const float* d, const float* mask, unsigned long n) {
 }
 
 void hcuda_normz_inplace(float* d, unsigned long n, float sigma, float mean) {
-  hcuda_sub_inplace(d, n, hcuda_fast_mean(d, n));
-  const float sd = sqrtf(hcuda_fast_sumsqr(d, n) / static_cast<float>(n));
-  hcuda_multi_add_inplace(d, n, sigma / sd, mean);
+  const float old_mean = hcuda_fast_mean(d, n);
+  const float sd = sqrtf(sum_of_values<cuda_submean_sqr_value>(n, d, old_mean) / static_cast<float>(n));
+  CHECK_DEVICE(launch_1d<cuda_submean_multi_add_inplace>(n, d, old_mean, sigma / sd, mean));
 }
 
 void hcuda_norm_withmask_inplace(float* d, const float* mask, unsigned long n, float sigma, float mean) {
   const float weight = hcuda_fast_sum(mask, n);
   const float weighted_mean = hcuda_fast_sum_withmask(d, mask, n) / weight;
   const float sd = stdv_about(d, mask, n, weighted_mean, weight);
-  hcuda_sub_inplace(d, n, weighted_mean);
-  hcuda_multi_add_inplace(d, n, sigma / sd, mean);
+  CHECK_DEVICE(launch_1d<cuda_submean_multi_add_inplace>(n, d, weighted_mean, sigma / sd, mean));
 }
 
 void hcuda_release_sum_scratch() {

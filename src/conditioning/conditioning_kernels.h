@@ -8,16 +8,25 @@ KERNEL void cuda_2d_recentred_mean(int x, int y, float* out, const float* correl
   out[pixel_at(x, y, nx)] = correlation[pixel_at(x + nx, y + ny, 2 * nx)] / sum;
 }
 
-/// out = a * b / norm.
-KERNEL void cuda_2d_product(int x, int y, float* out, const float* a, const float* b, int nx, float norm) {
+/// From the mean of squares to the standard deviation.
+KERNEL void cuda_2d_deviation(int x, int y, float* squares, const float* mean, int nx) {
   const size_t i = pixel_at(x, y, nx);
-  out[i] = a[i] * b[i] / norm;
+  squares[i] = sqrtf(squares[i] - mean[i] * mean[i]);
 }
 
 /// The limits of the local maps beyond which a pixel is suspect.
 struct MapLimits {
   float lave_min, lave_max, lsigma_cutoff;
 };
+
+/// Whether any of n pixels side by side is beyond a limit.
+KERNEL bool row_is_suspect(const float* lave, const float* lsigma, int n, MapLimits limits) {
+  int suspect = 0;
+  for (int x = 0; x < n; x++)
+    suspect |= static_cast<int>(lsigma[x] > limits.lsigma_cutoff) | static_cast<int>(lave[x] < limits.lave_min) |
+               static_cast<int>(lave[x] > limits.lave_max);
+  return suspect != 0;
+}
 
 /// Goes through the pixels of one cell in row-major order; see hcuda_find_sigma_grids.
 KERNEL void cuda_find_sigma_grids(int gx, int gy, const float* lave, const float* lsigma, unsigned* d_grid,
@@ -31,6 +40,8 @@ KERNEL void cuda_find_sigma_grids(int gx, int gy, const float* lave, const float
   float average = lave[pixel_at(x0, y0, Nx)];
   size_t recorded = 0;
   for (int y = y0; y < y1; y++) {
+    // Few rows hold a pixel beyond a limit; the others are passed over eight pixels at a time.
+    if (!row_is_suspect(lave + pixel_at(x0, y, Nx), lsigma + pixel_at(x0, y, Nx), x1 - x0, limits)) continue;
     for (int x = x0; x < x1; x++) {
       const size_t i = pixel_at(x, y, Nx);
       const float b = lsigma[i];

@@ -1,6 +1,4 @@
 // The mirrored image's transforms and its band-pass filters.
-#include <cstring>
-
 #include "conditioning.h"
 #include "cuda_general.h"
 #include "failure.h"
@@ -8,7 +6,7 @@
 #include "process2d_raw.h"
 
 #ifndef KESTRIX_CUDA
-#include "platform/host_cosine.h"
+#include "platform/lane_cosine.h"
 #endif
 
 namespace {
@@ -20,21 +18,13 @@ int padded_side(const MirrorPad* pad) { return 2 * pad->nx; }
 #ifndef KESTRIX_CUDA
 
 void plan_cosines(MirrorPad* pad) {
-  pad->coefficients = device_new<float>(static_cast<size_t>(pad->nx) * pad->ny);
+  pad->coefficients = device_new<float>(cosine_coefficients(pad->nx, pad->ny));
   pad->cosines = cosine_plans_new(pad->nx, pad->ny);
-  if (!pad->cosines) device_failure(cuFFT_GetErrorString(CUFFT_ALLOC_FAILED), __LINE__, unit);
 }
 
 #endif
 
 void transform_back(MirrorPad* pad, float* out) {
-#ifndef KESTRIX_CUDA
-  if (pad->cosines) {
-    cosine_inverse(pad->cosines, pad->coefficients);
-    memcpy(out, pad->coefficients, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
-    return;
-  }
-#endif
   CHECK_CUFFT(cufftExecC2R(pad->inverse, pad->spectrum, pad->padded));
   hcuda_2d_mirror_pad_inv(out, pad->padded, pad->nx, pad->ny);
 }
@@ -78,10 +68,7 @@ void mirror_pad_free(MirrorPad* pad) {
 
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 #ifndef KESTRIX_CUDA
-  if (pad->cosines) {
-    memcpy(pad->coefficients, in, static_cast<size_t>(pad->nx) * pad->ny * sizeof(float));
-    return cosine_forward(pad->cosines, pad->coefficients);
-  }
+  if (pad->cosines) return cosine_forward(pad->cosines, in, pad->coefficients);
 #endif
   hcuda_2d_mirror_pad(pad->padded, in, pad->nx, pad->ny);
   CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->spectrum));
@@ -90,11 +77,13 @@ void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 void hcuda_2d_bandpass_softR_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2,
                                   float soft) {
   hcuda_2d_mpad_transform(pad, in);
+#ifndef KESTRIX_CUDA
   if (pad->cosines) {
-    hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
-  } else {
-    hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
+    const int kept = hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
+    return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
+#endif
+  hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
   transform_back(pad, out);
 }
 
@@ -104,11 +93,17 @@ void hcuda_2d_bandpass_softR_mpad_inplace(MirrorPad* pad, float* d, float apix, 
 
 void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2) {
   hcuda_2d_mpad_transform(pad, in);
+  hcuda_2d_bandpass_guas_transformed(pad, out, apix, res1, res2);
+}
+
+void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2) {
+#ifndef KESTRIX_CUDA
   if (pad->cosines) {
-    hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
-  } else {
-    hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);
+    const int kept = hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
+    return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
+#endif
+  hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);
   transform_back(pad, out);
 }
 

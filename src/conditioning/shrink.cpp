@@ -1,9 +1,14 @@
 // From the raw micrograph to the even square working image.
+#include <omp.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "conditioning.h"
 #include "failure.h"
+#include "host_memory.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
@@ -55,10 +60,17 @@ void average_row(float* out, const float* rows, size_t nx, int count, int shrink
 }
 
 // Block averages of width by height output pixels, output rows `stride` floats apart.
+void average_rows(float* out, size_t stride, const float* in, size_t nx, int width, int height, int shrink) {
+  for (int y = 0; y < height; y++)
+    average_row(out + static_cast<size_t>(y) * stride, in + static_cast<size_t>(y) * shrink * nx, nx, width, shrink);
+}
+
+// The same on all cores.
 void average_image(float* out, size_t stride, const float* in, size_t nx, int width, int height, int shrink) {
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < height; y++)
-    average_row(out + static_cast<size_t>(y) * stride, in + static_cast<size_t>(y) * shrink * nx, nx, width, shrink);
+    average_rows(out + static_cast<size_t>(y) * stride, stride, in + static_cast<size_t>(y) * shrink * nx, nx, width, 1,
+                 shrink);
 }
 
 int even_side(int n, int shrink) { return n / (2 * shrink) * 2; }
@@ -85,7 +97,31 @@ void cpu_2d_meanshrink_extended_even_square(float* out, const float* in, int nx,
   const int height = even_side(ny, shrink);
   const auto side = static_cast<size_t>(std::max(width, height));
   average_image(out, side, in, static_cast<size_t>(nx), width, height, shrink);
-  cpu_2d_extend_to_square_mirror_inplace(out, width, height);
+  cpu_2d_extend_even(out, nx, ny, shrink);
+}
+
+void mrc_read_meanshrink_even(FILE* file, const MRC_HEAD* head, int shrink, float* out) {
+  // As many samples at a time as the second-level cache holds beside all else.
+  constexpr size_t kChunkFloats = size_t{1} << 16;
+  const auto nx = static_cast<size_t>(head->nx);
+  const int width = even_side(head->nx, shrink);
+  const int height = even_side(head->ny, shrink);
+  const auto side = static_cast<size_t>(std::max(width, height));
+  const size_t block_row = nx * static_cast<size_t>(shrink);
+  const int rows = static_cast<int>(std::max<size_t>(1, kChunkFloats / block_row));
+  auto* chunks = host_new<float>(static_cast<size_t>(omp_get_max_threads()) * static_cast<size_t>(rows) * block_row);
+#pragma omp parallel for schedule(dynamic)
+  for (int y = 0; y < height; y += rows) {
+    float* chunk = chunks + static_cast<size_t>(omp_get_thread_num()) * static_cast<size_t>(rows) * block_row;
+    const int count = std::min(rows, height - y);
+    mrc_read_rows(file, head, 0, y * shrink, count * shrink, chunk);
+    average_rows(out + static_cast<size_t>(y) * side, side, chunk, nx, width, count, shrink);
+  }
+  free(chunks);
+}
+
+void cpu_2d_extend_even(float* data, int nx, int ny, int shrink) {
+  cpu_2d_extend_to_square_mirror_inplace(data, even_side(nx, shrink), even_side(ny, shrink));
 }
 
 void cpu_2d_meanshrink(float* out, const float* in, int nx, int ny, int shrink) {

@@ -1,8 +1,10 @@
 #include "mrcfile.h"
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -54,32 +56,46 @@ long sample_position(long samples_before, int bytes) {
   return data_bytes > LONG_MAX - kMrcHeadBytes ? LONG_MAX : kMrcHeadBytes + data_bytes;
 }
 
+// Reads up to `bytes` bytes from a position on, past the stream's own buffer; returns how many there were.
+size_t read_bytes(FILE* file, long position, size_t bytes, void* dst) {
+  size_t done = 0;
+  while (done < bytes) {
+    const ssize_t got = pread(fileno(file), static_cast<char*>(dst) + done, bytes - done, position);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    done += static_cast<size_t>(got);
+    position += got;
+  }
+  return done;
+}
+
 // Reads up to count samples of one type and widens them; returns how many there were.
 template <class Sample>
-size_t read_widened(FILE* file, size_t count, float* dst) {
+size_t read_widened(FILE* file, long position, size_t count, float* dst) {
   constexpr size_t kChunk = 32768;
   Sample chunk[kChunk];
   size_t done = 0;
   while (done < count) {
     const size_t wanted = std::min(kChunk, count - done);
-    const size_t got = fread(chunk, sizeof(Sample), wanted, file);
+    const size_t got = read_bytes(file, position, wanted * sizeof(Sample), chunk) / sizeof(Sample);
     for (size_t i = 0; i < got; i++) dst[done + i] = static_cast<float>(chunk[i]);
     done += got;
+    position += static_cast<long>(got * sizeof(Sample));
     if (got < wanted) break;
   }
   return done;
 }
 
-size_t read_samples(FILE* file, int mode, size_t count, float* dst) {
+size_t read_samples(FILE* file, int mode, long position, size_t count, float* dst) {
   switch (mode) {
     case 0:
-      return read_widened<uint8_t>(file, count, dst);
+      return read_widened<uint8_t>(file, position, count, dst);
     case 1:
-      return read_widened<int16_t>(file, count, dst);
+      return read_widened<int16_t>(file, position, count, dst);
     case 2:
-      return fread(dst, sizeof(float), count, file);
+      return read_bytes(file, position, count * sizeof(float), dst) / sizeof(float);
     case 6:
-      return read_widened<uint16_t>(file, count, dst);
+      return read_widened<uint16_t>(file, position, count, dst);
     default:
       return 0;
   }
@@ -89,9 +105,7 @@ size_t read_samples(FILE* file, int mode, size_t count, float* dst) {
 void read_run(FILE* file, int mode, long samples_before, long count, float* dst) {
   if (count <= 0) return;
   const long position = sample_position(samples_before, sample_type(mode).bytes);
-  size_t got = 0;
-  if (samples_before >= 0 && fseek(file, position, SEEK_SET) == 0)
-    got = read_samples(file, mode, static_cast<size_t>(count), dst);
+  const size_t got = samples_before >= 0 ? read_samples(file, mode, position, static_cast<size_t>(count), dst) : 0;
   std::fill(dst + got, dst + count, 0.0f);
 }
 
@@ -231,6 +245,11 @@ int mrc_read_slice(FILE* file, const MRC_HEAD* head, int slice, char axis, float
   return 0;
 }
 
+void mrc_read_rows(FILE* file, const MRC_HEAD* head, int slice, int first, int count, float* dst) {
+  const long nx = head->nx;
+  read_run(file, head->mode, bounded_product(nx * head->ny, slice) + first * nx, count * nx, dst);
+}
+
 unsigned long mrc_missing_samples(FILE* file, const MRC_HEAD* head, int slice) {
   const long section = static_cast<long>(head->nx) * head->ny;
   if (!mrc_mode_readable(head->mode) || section <= 0) return 0;
@@ -261,15 +280,15 @@ int mrc_check_fsize(FILE* file, const MRC_HEAD* head) {
 
 int mrc_read_all(FILE* file, const MRC_HEAD* head, float* dst) {
   refuse_wrong_size(file, head);
-  fseek(file, kMrcHeadBytes, SEEK_SET);
   if (head->mode == 2) {
     const size_t section_bytes = static_cast<size_t>(head->nx) * static_cast<size_t>(head->ny) * sizeof(float);
-    if (fread(dst, section_bytes, static_cast<size_t>(head->nz), file) == 0) {
+    const size_t bytes = section_bytes * static_cast<size_t>(head->nz);
+    if (section_bytes == 0 || read_bytes(file, kMrcHeadBytes, bytes, dst) < section_bytes) {
       KESTRIX_WARNING("Reading file failed!\n");
       return -1;
     }
   } else if (mrc_mode_readable(head->mode)) {
-    read_samples(file, head->mode, static_cast<size_t>(sample_count(head)), dst);
+    read_samples(file, head->mode, kMrcHeadBytes, static_cast<size_t>(sample_count(head)), dst);
   } else {
     KESTRIX_WARNING("File type unknown!");
   }

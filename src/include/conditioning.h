@@ -2,9 +2,25 @@
 // detection, excluded areas and the mask.
 #pragma once
 
+#include <cstdio>
+
 #include "boxfile.h"
+#include "mrcfile.h"
 #include "parameters.h"
 #include "platform/device.h"
+
+// --- From the file to the working image, on the host ---
+
+/// Reads section 0 of a micrograph and averages blocks of shrink by shrink pixels on the way, so that the micrograph
+/// itself is never held: what cpu_2d_meanshrink_extended_even_square does with it but for the filling up, which
+/// cpu_2d_extend_even does. Samples that the file doesn't hold count as 0.
+/// head      sizes of a micrograph, a mode that can be read
+/// out       square of floats
+void mrc_read_meanshrink_even(FILE* file, const MRC_HEAD* head, int shrink, float* out);
+
+/// Fills up the shorter side of the square by mirroring; nx and ny are the micrograph's. Fails as
+/// cpu_2d_meanshrink_extended_even_square.
+void cpu_2d_extend_even(float* data, int nx, int ny, int shrink);
 
 // --- What the filters and local maps of a run share ---
 
@@ -31,7 +47,7 @@ struct MirrorPad {
   cufftHandle forward, inverse;
   // Cosine transforms; the members above are empty then:
   CosinePlans* cosines;
-  float* coefficients;  // nx*ny: the transform of an image
+  float* coefficients;  // the transform of an image
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.
@@ -50,13 +66,16 @@ void hcuda_2d_bandpass_softR_mpad_inplace(MirrorPad* pad, float* d, float apix, 
 void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2);
 void hcuda_2d_bandpass_guas_mpad_inplace(MirrorPad* pad, float* d, float apix, float res1, float res2);
 
+/// The same of the image whose transform is in pad (hcuda_2d_mpad_transform), where it is filtered too.
+void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2);
+
 // --- Local maps over a soft-edged disc, which reaches into the mirror image at the edges. The disc is centred half a
 // --- pixel before each pixel in both axes. ---
 
 /// A disc of the given radius and soft edge (pixels), ready for the maps: its transform and its sum.
 struct DiscWindow {
   float2* spectrum;     // device, NY rows of NX/2 + 1 values; null where cosines are used
-  float* coefficients;  // nx*ny, where cosines are used
+  float* coefficients;  // where cosines are used: over the sum and the pixels of the mirrored image
   float sum;
 };
 
@@ -64,7 +83,7 @@ struct DiscWindow {
 DiscWindow disc_window_new(MirrorPad* pad, float R, float soft);
 void disc_window_free(DiscWindow* window);
 
-/// Mirrors the image `in` (nx*ny, device) and leaves its transform in pad, for the maps below.
+/// Mirrors the image `in` (nx*ny, device) and leaves its transform in pad.
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in);
 
 /// out (nx*ny, device) = the mean under the window of the image whose transform is in pad, where it stays.
@@ -73,8 +92,8 @@ void hcuda_2d_bg_mpad(MirrorPad* pad, const DiscWindow* window, float* out);
 /// The local average, by another name.
 void hcuda_2d_local_ave_softR_mpad(MirrorPad* pad, const DiscWindow* window, float* out);
 
-/// out = sqrt(E[x^2] - E[x]^2) under the window for the image `in`, whose transform is in pad; afterwards that of its
-/// square is there. scratch: nx*ny floats on the device. NaN where rounding takes the difference below 0.
+/// out = sqrt(E[x^2] - E[x]^2) under the window for the image `in`, whose transform is in pad, where it stays.
+/// scratch: nx*ny floats on the device. NaN where rounding takes the difference below 0.
 void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, const float* in, float* out,
                                      float* scratch);
 
@@ -99,7 +118,7 @@ IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const K
 void ice_workspace_free(IceWorkspace* ws);
 
 /// Marks the cells of d_grid (device, one pixel index per cell, 0: clean) that hold ice or contamination, and writes
-/// the rejected places beside the micrograph, and the two maps if asked for.
+/// the rejected places beside the micrograph, and the two maps if asked for. Leaves the transform of d in pad.
 /// d         device, Nx*Ny: the working image, mean 0 and standard deviation 1
 /// origin    added to the coordinates written
 /// A list or map that cannot be written ends the run with a fatal error.

@@ -92,6 +92,10 @@ int mrc_read_head(FILE* file, MRC_HEAD* head);
 /// that can't be read, leaves dst as it was. Returns 0 in every case.
 int mrc_read_slice(FILE* file, const MRC_HEAD* head, int slice, char axis, float* dst);
 
+/// Reads `count` rows of section `slice` (axis z) from row `first` on, nx floats each; samples that the file doesn't
+/// hold become 0. For rows of a section of valid size and a mode that can be read. Several threads may read at once.
+void mrc_read_rows(FILE* file, const MRC_HEAD* head, int slice, int first, int count, float* dst);
+
 /// How many samples of section `slice` (axis z) the file ends too early to hold; 0 for a mode that can't be
 /// read. Leaves the file where it was.
 unsigned long mrc_missing_samples(FILE* file, const MRC_HEAD* head, int slice);

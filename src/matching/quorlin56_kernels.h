@@ -54,6 +54,13 @@ KERNEL void cuda_update_ccmax_2d(int x, int y, int k, float* __restrict__ ccmax,
   ccmax[i] = best < value ? value : best;
 }
 
+/// Whether any of n values side by side is above the given one.
+KERNEL bool row_is_above(const float* values, int n, float best) {
+  int above = 0;
+  for (int x = 0; x < n; x++) above |= static_cast<int>(best < values[x]);
+  return above != 0;
+}
+
 /// The peak of one cell: its largest value, the first in row-major order among equals. A cell whose first pixel is
 /// the largest has no peak (index 0).
 KERNEL void cuda_find_ccmax_psi_grids(int gx, int gy, const float* ccmax, const float* psi, unsigned* grid_index,
@@ -65,6 +72,7 @@ KERNEL void cuda_find_ccmax_psi_grids(int gx, int gy, const float* ccmax, const 
   float best = ccmax[pixel_at(x0, y0, nx)];
   size_t best_pixel = 0;
   for (int y = y0; y < y1; y++) {
+    if (!row_is_above(ccmax + pixel_at(x0, y, nx), x1 - x0, best)) continue;
     for (int x = x0; x < x1; x++) {
       const float value = ccmax[pixel_at(x, y, nx)];
       if (best < value) {

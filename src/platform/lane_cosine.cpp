@@ -8,227 +8,315 @@
 #include <cstring>
 
 #include "host_memory.h"
-#include "platform/lane_fft.h"
+#include "platform/lane_cosine_1d.h"
 #include "platform/launch.h"
 
-// Sixteen rows or columns are transformed together: eight as the real and eight as the imaginary parts of the lanes.
-// The forward and inverse transform of n real values take one complex transform of n (Makhoul, IEEE Trans. ASSP 28
-// (1980) 27); the correlation takes one of 2n, whose input is even, so that real and imaginary part stay apart.
+// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
+#define INTO_LOOP __attribute__((always_inline)) inline
 
-namespace {
-
-/// One dimension's plans.
-struct CosineSide {
-  int n;
-  LanePlan plan;         // length n
-  LanePlan double_plan;  // length 2n
-  float* turn;           // n pairs: cosine and sine of pi k / (2n)
-};
-
-struct Scratch {
-  LaneValue *a, *b, *c;  // 2n values each
-};
-
-}  // namespace
-
-struct LaneCosine {
+struct CosinePlans {
   CosineSide x, y;
   int threads;
-  size_t scratch_values;  // of each of a thread's three buffers
-  LaneValue* scratch;
+  size_t room;         // values of each of a thread's buffers
+  LaneValue* scratch;  // kBuffers for each thread
+  LaneValue* between;  // the image between its two dimensions on the way forward: stripes of sixteen rows
+  LaneValue* behind;   // on the way back: stripes of sixteen columns
 };
 
 namespace {
 
-CosineSide side_new(int n) {
-  CosineSide side{n, lane_plan_new(n), lane_plan_new(2 * n), host_new<float>(2 * static_cast<size_t>(n))};
-  for (int k = 0; k < n; k++) {
-    const double angle = 3.141592653589793 * k / (2.0 * n);
-    side.turn[2 * k] = static_cast<float>(std::cos(angle));
-    side.turn[2 * k + 1] = static_cast<float>(std::sin(angle));
+constexpr int kBuffers = 5;
+constexpr size_t kStripe = kCosineStripe;
+static_assert(kStripe == 2 * kLanes && kStripe * sizeof(float) == sizeof(LaneValue),
+              "a stripe is as wide as the lanes");
+
+CosineScratch scratch_of_thread(const CosinePlans* plans) {
+  const size_t room = plans->room;
+  LaneValue* a = plans->scratch + static_cast<size_t>(omp_get_thread_num()) * kBuffers * room;
+  return {a, a + room, a + 2 * room, a + 3 * room, a + 4 * room};
+}
+
+// --- Between rows and lanes, eight by eight values at a time ---
+
+// Row i of eight becomes column i.
+INTO_LOOP void transpose(Lane* rows) {
+  Lane pairs[8];
+  Lane quads[8];
+#pragma GCC unroll 4
+  for (int i = 0; i < 4; i++) {
+    pairs[2 * i] = __builtin_shufflevector(rows[2 * i], rows[2 * i + 1], 0, 8, 1, 9, 4, 12, 5, 13);
+    pairs[2 * i + 1] = __builtin_shufflevector(rows[2 * i], rows[2 * i + 1], 2, 10, 3, 11, 6, 14, 7, 15);
   }
-  return side;
-}
-
-void side_free(CosineSide* side) {
-  lane_plan_free(&side->plan);
-  lane_plan_free(&side->double_plan);
-  free(side->turn);
-}
-
-Scratch scratch_of_thread(const LaneCosine* cosine) {
-  const size_t values = cosine->scratch_values;
-  LaneValue* first = cosine->scratch + static_cast<size_t>(omp_get_thread_num()) * 3 * values;
-  return {first, first + values, first + 2 * values};
-}
-
-// --- One dimension: n values in s.a to n values in s.a ---
-
-// Even values in order, then odd ones backwards.
-void fold(const LaneValue* from, LaneValue* to, size_t n) {
-  for (size_t j = 0; 2 * j < n; j++) {
-    to[j] = from[2 * j];
-    to[n - 1 - j] = from[2 * j + 1];
+#pragma GCC unroll 2
+  for (int i = 0; i < 8; i += 4) {
+#pragma GCC unroll 2
+    for (int k = 0; k < 2; k++) {
+      quads[i + 2 * k] = __builtin_shufflevector(pairs[i + k], pairs[i + 2 + k], 0, 1, 8, 9, 4, 5, 12, 13);
+      quads[i + 2 * k + 1] = __builtin_shufflevector(pairs[i + k], pairs[i + 2 + k], 2, 3, 10, 11, 6, 7, 14, 15);
+    }
   }
-}
-
-void unfold(const LaneValue* from, LaneValue* to, size_t n) {
-  for (size_t j = 0; 2 * j < n; j++) {
-    to[2 * j] = from[j];
-    to[2 * j + 1] = from[n - 1 - j];
+#pragma GCC unroll 4
+  for (int k = 0; k < 4; k++) {
+    rows[k] = __builtin_shufflevector(quads[k], quads[4 + k], 0, 1, 2, 3, 8, 9, 10, 11);
+    rows[4 + k] = __builtin_shufflevector(quads[k], quads[4 + k], 4, 5, 6, 7, 12, 13, 14, 15);
   }
 }
 
-KERNEL_LOOP void separate(const LaneValue* V, LaneValue* out, const float* turn, size_t n) {
-  for (size_t k = 0; k < n; k++) {
-    const LaneValue v = V[k];
-    const LaneValue w = V[k == 0 ? 0 : n - k];
-    const float c = turn[2 * k];
-    const float s = turn[2 * k + 1];
-    out[k].re = (v.re + w.re) * c + (v.im - w.im) * s;
-    out[k].im = (v.im + w.im) * c + (w.re - v.re) * s;
+// A block of at most eight by eight pixels of an image whose rows are nx pixels apart; what it lacks of eight is 0.
+INTO_LOOP void load_block(const float* pixels, size_t nx, size_t rows, size_t columns, Lane* block) {
+  if (rows == kLanes && columns == kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) memcpy(&block[i], pixels + i * nx, sizeof(Lane));
+  } else {
+    memset(block, 0, kLanes * sizeof(Lane));
+    for (size_t i = 0; i < rows; i++) memcpy(&block[i], pixels + i * nx, columns * sizeof(float));
   }
 }
 
-// Real and imaginary part exchanged, as the inverse transform wants them.
-KERNEL_LOOP void join(const LaneValue* Y, LaneValue* V, const float* turn, size_t n) {
-  for (size_t k = 0; k < n; k++) {
-    const LaneValue y = Y[k];
-    const LaneValue z = k == 0 ? LaneValue{} : Y[n - k];
-    const float c = turn[2 * k];
-    const float s = turn[2 * k + 1];
-    V[k].im = (y.re + z.im) * c + (z.re - y.im) * s;
-    V[k].re = (y.re + z.im) * s + (y.im - z.re) * c;
+INTO_LOOP void store_block(const Lane* block, size_t rows, size_t columns, float* pixels, size_t nx) {
+  if (rows == kLanes && columns == kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) memcpy(pixels + i * nx, &block[i], sizeof(Lane));
+  } else {
+    for (size_t i = 0; i < rows; i++) memcpy(pixels + i * nx, &block[i], columns * sizeof(float));
   }
 }
 
-KERNEL_LOOP void exchange(LaneValue* values, size_t n) {
-  for (size_t k = 0; k < n; k++) {
-    const LaneValue v = values[k];
-    values[k].re = v.im;
-    values[k].im = v.re;
+// One part of at most eight values; what they lack of eight is 0.
+INTO_LOOP void take_parts(const LaneValue* values, bool imaginary, size_t count, Lane* block) {
+  const Lane* part = imaginary ? &values->im : &values->re;
+  if (count >= kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) block[i] = part[2 * i];
+  } else {
+    memset(block, 0, kLanes * sizeof(Lane));
+    for (size_t i = 0; i < count; i++) block[i] = part[2 * i];
   }
 }
 
-void forward_1d(const CosineSide& side, Scratch s) {
-  const auto n = static_cast<size_t>(side.n);
-  fold(s.a, s.b, n);
-  lane_fft(&side.plan, s.b, s.c, s.a);
-  separate(s.c, s.a, side.turn, n);
+// Eight real and eight imaginary parts to the first `count` of eight places.
+INTO_LOOP void place_parts(const Lane* re, const Lane* im, const int* place, size_t count, LaneValue* lanes) {
+  if (count >= kLanes) {
+#pragma GCC unroll 8
+    for (size_t i = 0; i < kLanes; i++) lanes[place[i]] = {re[i], im[i]};
+  } else {
+    for (size_t i = 0; i < count; i++) lanes[place[i]] = {re[i], im[i]};
+  }
 }
 
-void inverse_1d(const CosineSide& side, Scratch s) {
-  const auto n = static_cast<size_t>(side.n);
-  join(s.a, s.b, side.turn, n);
-  lane_fft(&side.plan, s.b, s.c, s.a);
-  exchange(s.c, n);
-  unfold(s.c, s.a, n);
+struct Halves {
+  size_t upper, lower;  // rows of the first and the second eight of a stripe
+};
+
+Halves rows_of_stripe(size_t first, size_t ny) {
+  const size_t rows = std::min(kStripe, ny - first);
+  const size_t upper = std::min<size_t>(rows, kLanes);
+  return {upper, rows - upper};
 }
 
-void correlate_1d(const CosineSide& side, Scratch s) {
-  const auto n = static_cast<size_t>(side.n);
-  s.b[0] = s.a[0];
-  s.b[n] = LaneValue{};
-  for (size_t k = 1; k < n; k++) s.b[k] = s.b[2 * n - k] = s.a[k];
-  lane_fft(&side.double_plan, s.b, s.c, s.a);
-  for (size_t x = 0; x < n; x++) s.a[x] = s.c[n - x];
+INTO_LOOP void square(Lane* block) {
+#pragma GCC unroll 8
+  for (size_t i = 0; i < kLanes; i++) block[i] *= block[i];
+}
+
+// A stripe of rows to lanes: pixel x to lanes[place[x]].
+KERNEL_LOOP void load_rows(const float* image, size_t nx, Halves rows, bool squared, const int* place,
+                           LaneValue* lanes) {
+  for (size_t x = 0; x < nx; x += kLanes) {
+    const size_t columns = std::min<size_t>(kLanes, nx - x);
+    Lane upper[8];
+    Lane lower[8];
+    load_block(image + x, nx, rows.upper, columns, upper);
+    load_block(image + kLanes * nx + x, nx, rows.lower, columns, lower);
+    transpose(upper);
+    transpose(lower);
+    if (squared) {
+      square(upper);
+      square(lower);
+    }
+    place_parts(upper, lower, place + x, columns, lanes);
+  }
+}
+
+KERNEL_LOOP void store_rows(const LaneValue* lanes, size_t nx, Halves rows, float* image) {
+  // Whole cache lines of eight rows, then of the other eight: the rows share their places in the cache.
+  for (size_t first = 0; first < nx; first += kStripe) {
+    for (const bool imaginary : {false, true}) {
+      for (size_t x = first; x < std::min(nx, first + kStripe); x += kLanes) {
+        const size_t columns = std::min<size_t>(kLanes, nx - x);
+        Lane block[8];
+        take_parts(lanes + x, imaginary, columns, block);
+        transpose(block);
+        if (imaginary) {
+          store_block(block, rows.lower, columns, image + kLanes * nx + x, nx);
+        } else {
+          store_block(block, rows.upper, columns, image + x, nx);
+        }
+      }
+    }
+  }
+}
+
+// From stripes of one dimension, each `length` values long, to a stripe of the other: values first .. first + 15 of all
+// stripes become `count` values of sixteen lanes, value i at lanes[place[i]].
+KERNEL_LOOP void cross_stripes(const LaneValue* stripes, size_t length, size_t first, size_t count, const int* place,
+                               LaneValue* lanes) {
+  const size_t there = std::min(kStripe, length - first);
+  for (size_t i = 0; i < count; i += kLanes) {
+    const LaneValue* from = stripes + i / kStripe * length + first;
+    const bool imaginary = i % kStripe != 0;
+    Lane re[8];
+    Lane im[8];
+    take_parts(from, imaginary, there, re);
+    take_parts(from + kLanes, imaginary, there > kLanes ? there - kLanes : 0, im);
+    transpose(re);
+    transpose(im);
+    place_parts(re, im, place + i, count - i, lanes);
+  }
+}
+
+KERNEL_LOOP void multiply(const LaneValue* a, const LaneValue* b, LaneValue* out, size_t n) {
+  for (size_t i = 0; i < n; i++) {
+    out[i].re = a[i].re * b[i].re;
+    out[i].im = a[i].im * b[i].im;
+  }
 }
 
 // --- Two dimensions ---
 
-typedef void Transform1d(const CosineSide& side, Scratch s);
+const LaneValue* as_lanes(const float* coefficients) { return reinterpret_cast<const LaneValue*>(coefficients); }
 
-// Eight rows, or the eight below them where there are any, between the image and one part of the lanes.
-KERNEL_LOOP void load_rows(const float* image, size_t nx, LaneValue* lanes, bool imaginary) {
-  for (size_t x = 0; x < nx; x += kLanes)
-    lane_transpose(reinterpret_cast<const Lane*>(image + x), nx / kLanes, imaginary ? &lanes[x].im : &lanes[x].re, 2);
-}
+// The stages of a transform, each shared by the threads of a parallel region: rows or columns, a stripe at a time.
 
-KERNEL_LOOP void store_rows(const LaneValue* lanes, size_t nx, float* image, bool imaginary) {
-  for (size_t x = 0; x < nx; x += kLanes)
-    lane_transpose(imaginary ? &lanes[x].im : &lanes[x].re, 2, reinterpret_cast<Lane*>(image + x), nx / kLanes);
-}
-
-void clear_imaginary(LaneValue* lanes, size_t n) {
-  for (size_t i = 0; i < n; i++) lanes[i].im = Lane{};
-}
-
-template <Transform1d Transform>
-void transform_rows(const LaneCosine* cosine, float* image) {
-  const auto nx = static_cast<size_t>(cosine->x.n);
-  const auto ny = static_cast<size_t>(cosine->y.n);
-#pragma omp parallel for schedule(dynamic) num_threads(cosine->threads)
-  for (size_t y = 0; y < ny; y += 2 * kLanes) {
-    const Scratch s = scratch_of_thread(cosine);
-    const bool second = y + kLanes < ny;
-    float* rows = image + y * nx;
-    load_rows(rows, nx, s.a, false);
-    if (second) {
-      load_rows(rows + kLanes * nx, nx, s.a, true);
-    } else {
-      clear_imaginary(s.a, nx);
-    }
-    Transform(cosine->x, s);
-    store_rows(s.a, nx, rows, false);
-    if (second) store_rows(s.a, nx, rows + kLanes * nx, true);
+// From an image's rows to plans->between.
+void rows_forward(const CosinePlans* plans, const CosineScratch& s, const float* image, bool squared) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp for schedule(dynamic)
+  for (size_t y = 0; y < ny; y += kStripe) {
+    load_rows(image + y * nx, nx, rows_of_stripe(y, ny), squared, plans->x.whole.fold, s.a);
+    cosine_forward_1d(&plans->x, s, plans->between + y / kStripe * nx);
   }
 }
 
+// The columns of a stripe from plans->between to their coefficients.
+void columns_forward(const CosinePlans* plans, const CosineScratch& s, size_t x, LaneValue* coefficients) {
+  const auto ny = static_cast<size_t>(plans->y.n);
+  cross_stripes(plans->between, static_cast<size_t>(plans->x.n), x, ny, plans->y.whole.fold, s.a);
+  cosine_forward_1d(&plans->y, s, coefficients);
+}
+
+typedef void Transform1d(const CosineSide* side, CosineScratch s, LaneValue* out);
+
+// From plans->behind, of whose columns only the first hold anything, to a stripe of an image's rows.
 template <Transform1d Transform>
-void transform_columns(const LaneCosine* cosine, float* image) {
-  const auto nx = static_cast<size_t>(cosine->x.n);
-  const auto ny = static_cast<size_t>(cosine->y.n);
-#pragma omp parallel for schedule(dynamic) num_threads(cosine->threads)
-  for (size_t x = 0; x < nx; x += 2 * kLanes) {
-    const Scratch s = scratch_of_thread(cosine);
-    const bool second = x + kLanes < nx;
-    auto* column = reinterpret_cast<Lane*>(image + x);
-    const size_t step = nx / kLanes;
-    for (size_t y = 0; y < ny; y++) {
-      s.a[y].re = column[y * step];
-      s.a[y].im = second ? column[y * step + 1] : Lane{};
-    }
-    Transform(cosine->y, s);
-    for (size_t y = 0; y < ny; y++) {
-      column[y * step] = s.a[y].re;
-      if (second) column[y * step + 1] = s.a[y].im;
-    }
-  }
+void rows_back(const CosinePlans* plans, const CosineScratch& s, size_t columns, size_t y, float* image) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+  cross_stripes(plans->behind, ny, y, columns, plans->x.natural, s.a);
+  memset(s.a + columns, 0, (nx - columns) * sizeof(LaneValue));
+  Transform(&plans->x, s, s.e);
+  store_rows(s.e, nx, rows_of_stripe(y, ny), image + y * nx);
+}
+
+KERNEL_LOOP void deviations(const float* means, float* squares, size_t n) {
+  for (size_t i = 0; i < n; i++) squares[i] = sqrtf(squares[i] - means[i] * means[i]);
 }
 
 }  // namespace
 
-bool lane_cosine_handles(int n) { return n % kLanes == 0 && lane_plan_handles(n); }
-
-LaneCosine* lane_cosine_new(int nx, int ny) {
-  auto* cosine = host_new<LaneCosine>(1);
-  cosine->x = side_new(nx);
-  cosine->y = side_new(ny);
-  cosine->threads = omp_get_max_threads();
-  cosine->scratch_values = 4 * static_cast<size_t>(std::max(nx, ny));
-  cosine->scratch = lane_values_new(static_cast<size_t>(cosine->threads) * 3 * cosine->scratch_values);
-  return cosine;
+CosinePlans* cosine_plans_new(int nx, int ny) {
+  // Past a multiple of the page, so that the buffers' values don't share places of the cache.
+  constexpr size_t kApart = 5;
+  auto* plans = host_new<CosinePlans>(1);
+  plans->x = cosine_side_new(nx);
+  plans->y = cosine_side_new(ny);
+  plans->threads = omp_get_max_threads();
+  plans->room = std::max(cosine_room(&plans->x), cosine_room(&plans->y)) + kApart;
+  plans->scratch = lane_values_new(static_cast<size_t>(plans->threads) * kBuffers * plans->room);
+  plans->between = lane_values_new(cosine_coefficients(ny, nx) / kStripe);
+  plans->behind = lane_values_new(cosine_coefficients(nx, ny) / kStripe);
+  return plans;
 }
 
-void lane_cosine_free(LaneCosine* cosine) {
-  if (!cosine) return;
-  side_free(&cosine->x);
-  side_free(&cosine->y);
-  free(cosine->scratch);
-  free(cosine);
+void cosine_plans_free(CosinePlans* plans) {
+  if (!plans) return;
+  cosine_side_free(&plans->x);
+  cosine_side_free(&plans->y);
+  free(plans->scratch);
+  free(plans->between);
+  free(plans->behind);
+  free(plans);
 }
 
-void lane_cosine_forward(const LaneCosine* cosine, float* image) {
-  transform_rows<forward_1d>(cosine, image);
-  transform_columns<forward_1d>(cosine, image);
+void cosine_forward(const CosinePlans* plans, const float* image, float* coefficients) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+    rows_forward(plans, s, image, false);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < nx; x += kStripe)
+      columns_forward(plans, s, x, reinterpret_cast<LaneValue*>(coefficients) + x / kStripe * ny);
+  }
 }
 
-void lane_cosine_inverse(const LaneCosine* cosine, float* image) {
-  transform_columns<inverse_1d>(cosine, image);
-  transform_rows<inverse_1d>(cosine, image);
+void cosine_inverse(const CosinePlans* plans, const float* coefficients, int kept, float* image) {
+  const auto columns = static_cast<size_t>(std::min(kept, plans->x.n));
+  const auto rows = static_cast<size_t>(std::min(kept, plans->y.n));
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < columns; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      memcpy(s.a, as_lanes(coefficients) + stripe, rows * sizeof(LaneValue));
+      memset(s.a + rows, 0, (ny - rows) * sizeof(LaneValue));
+      cosine_inverse_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) rows_back<cosine_inverse_1d>(plans, s, columns, y, image);
+  }
 }
 
-void lane_cosine_correlate(const LaneCosine* cosine, float* image) {
-  transform_columns<correlate_1d>(cosine, image);
-  transform_rows<correlate_1d>(cosine, image);
+void cosine_correlate(const CosinePlans* plans, const float* coefficients, const float* others, float* image) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < nx; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      multiply(as_lanes(coefficients) + stripe, as_lanes(others) + stripe, s.a, ny);
+      cosine_correlate_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) rows_back<cosine_correlate_1d>(plans, s, nx, y, image);
+  }
+}
+
+void cosine_deviation(const CosinePlans* plans, const float* image, const float* others, const float* means,
+                      float* out) {
+  const auto nx = static_cast<size_t>(plans->x.n);
+  const auto ny = static_cast<size_t>(plans->y.n);
+#pragma omp parallel num_threads(plans->threads)
+  {
+    const CosineScratch s = scratch_of_thread(plans);
+    rows_forward(plans, s, image, true);
+#pragma omp for schedule(dynamic)
+    for (size_t x = 0; x < nx; x += kStripe) {
+      const size_t stripe = x / kStripe * ny;
+      columns_forward(plans, s, x, s.e);
+      multiply(s.e, as_lanes(others) + stripe, s.a, ny);
+      cosine_correlate_1d(&plans->y, s, plans->behind + stripe);
+    }
+#pragma omp for schedule(dynamic)
+    for (size_t y = 0; y < ny; y += kStripe) {
+      rows_back<cosine_correlate_1d>(plans, s, nx, y, out);
+      deviations(means + y * nx, out + y * nx, std::min(kStripe, ny - y) * nx);
+    }
+  }
 }

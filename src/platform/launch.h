@@ -117,6 +117,11 @@ KERNEL_LOOP void loop_row_once(int y, int k, int nx, Args... args) {
   for (int x = 0; x < nx; x++) Kernel(x, y, k, args...);
 }
 
+template <auto Kernel, class... Args>
+KERNEL_LOOP void loop_cells(int gy, int grid_nx, Args... args) {
+  for (int gx = 0; gx < grid_nx; gx++) Kernel(gx, gy, args...);
+}
+
 }  // namespace launch_detail
 
 /// Runs Kernel(i, args...) for every i below n, in chunks shared among the cores, each chunk vectorised.
@@ -144,8 +149,7 @@ cudaError_t launch_2d(int nx, int ny, Args... args) {
 template <auto Kernel, class... Args>
 cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
 #pragma omp parallel for schedule(static)
-  for (int gy = 0; gy < grid_ny; gy++)
-    for (int gx = 0; gx < grid_nx; gx++) Kernel(gx, gy, args...);
+  for (int gy = 0; gy < grid_ny; gy++) launch_detail::loop_cells<Kernel>(gy, grid_nx, args...);
   return cudaThreadSynchronize();
 }
 

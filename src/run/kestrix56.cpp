@@ -107,20 +107,20 @@ void write_device_image(const float* d, const Run* run, const char* mic, const c
   mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
 }
 
-// Reads section 0 into raw_mic, as zeros where the file holds no sample that can be read. Returns whether it could be.
-bool read_micrograph(FILE* f, const MRC_HEAD* head, const char* name, float* raw_mic) {
+// Reads section 0, shrunk, into work_mic; zeros if the file holds no samples that can be read. Returns whether it does.
+bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) {
   note_extended_header(name, head);
   if (!mrc_mode_readable(head->mode)) {
     safety_note(name, "samples of MRC mode %d (%s) can't be read; the image counts as 0 everywhere.", head->mode,
                 mrc_get_head_mode(head));
-    memset(raw_mic, 0, static_cast<size_t>(head->nx) * head->ny * sizeof(float));
+    memset(run->host.work_mic, 0, work_pixels(run) * sizeof(float));
     return false;
   }
   const unsigned long missing = mrc_missing_samples(f, head, 0);
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
-  mrc_read_slice(f, head, 0, 'z', raw_mic);
+  mrc_read_meanshrink_even(f, head, run->para.shrink, run->host.work_mic);
   return true;
 }
 
@@ -138,13 +138,13 @@ int read_excluded(Run* run, MicrographNames* names) {
 }
 
 bool is_flat(const float* d, size_t n) {
-  const auto extremes = std::minmax_element(d, d + n);
-  return *extremes.first == *extremes.second;
+  const float first = d[0];
+  return first == first && std::none_of(d, d + n, [first](float v) { return v < first || v > first; });
 }
 
 bool is_finite(const float* d, size_t n) {
   float sum = 0;
-#pragma omp simd reduction(+ : sum)
+#pragma omp parallel for simd schedule(static) reduction(+ : sum)
   for (size_t i = 0; i < n; i++) sum += d[i] * 0.0f;
   return sum == 0.0f;
 }
@@ -153,10 +153,10 @@ bool is_finite(const float* d, size_t n) {
 bool upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
-  cpu_2d_meanshrink_extended_even_square(run->host.work_mic, run->host.raw_mic, s.nx, s.ny, run->para.shrink);
+  cpu_2d_extend_even(run->host.work_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
-  if (!is_finite(run->host.work_mic, pixels) && !is_finite(run->host.raw_mic, static_cast<size_t>(s.nx) * s.ny)) {
-    safety_note(name, "holds values that are not finite; nothing can be picked.");
+  if (!is_finite(run->host.work_mic, pixels)) {
+    safety_note(name, "holds values that are not finite, or too large to be averaged; nothing can be picked.");
     return false;
   }
   if (!is_flat(run->host.work_mic, pixels)) return true;
@@ -176,16 +176,18 @@ void note_not_normalised(const Run* run, const char* name) {
                 "away; nothing can be picked.");
 }
 
-// Says so if no cell is left to pick in.
-void note_all_closed(Run* run, const char* name) {
+// Whether any cell is left to pick in; says so if none is.
+bool is_any_cell_open(Run* run, const char* name) {
   unsigned* cells = run->host.grid_index;
   CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(cells, run->device.d_grid, grid_cells(run) * sizeof(unsigned))));
-  const bool closed = std::all_of(cells, cells + grid_cells(run), [](unsigned point) { return point != 0; });
-  if (closed) safety_note(name, "every cell is excluded; nothing can be picked.");
+  const bool open = std::any_of(cells, cells + grid_cells(run), [](unsigned point) { return point == 0; });
+  if (!open) safety_note(name, "every cell is excluded; nothing can be picked.");
+  return open;
 }
 
 // Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
-void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
+// Returns whether any is left open.
+bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
   unsigned* d_grid = run->device.d_grid;
@@ -199,10 +201,10 @@ void close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   if (!is_str_null(para.global_excluded_box))
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
-  note_all_closed(run, names->mic);
+  return is_any_cell_open(run, names->mic);
 }
 
-// From the raw micrograph to d_mic, normalised over the area that d_mask leaves open.
+// From the shrunk micrograph to d_mic, normalised over the area that d_mask leaves open.
 void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n, bool readable) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
@@ -215,13 +217,15 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
   if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
-  close_cells(run, names, excluded_n);
-  if (para.do_bandpass) hcuda_2d_bandpass_guas_mpad_inplace(&run->pad, d_mic, apix, para.lp, para.hp);
-  hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
-  if (usable) note_not_normalised(run, names->mic);
+  const bool open = close_cells(run, names, excluded_n);
+  // Ice detection has left the transform of d_mic.
+  if (para.do_bandpass && !para.detect_ice) hcuda_2d_mpad_transform(&run->pad, d_mic);
+  if (para.do_bandpass) hcuda_2d_bandpass_guas_transformed(&run->pad, d_mic, apix, para.lp, para.hp);
+  // The band-pass leaves any scale; what follows takes it out, over the open area alone.
   hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
   if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
   hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
+  if (usable && open) note_not_normalised(run, names->mic);
   if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
 }
 
@@ -294,7 +298,7 @@ void pick_micrograph(Run* run, const char* mic) {
   mrc_read_head(f, &head);
   check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
   printf("Reading File %s ...\n", mic);
-  const bool readable = read_micrograph(f, &head, mic, run->host.raw_mic);
+  const bool readable = read_micrograph(run, f, &head, mic);
   fclose(f);
   const int excluded_n = read_excluded(run, &names);
   time_pop("READING");

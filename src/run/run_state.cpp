@@ -86,7 +86,6 @@ void allocate_run(Run* run) {
   const size_t pixels = work_pixels(run);
   const size_t cells = grid_cells(run);
   HostBuffers& host = run->host;
-  host.raw_mic = pinned_new<float>(static_cast<size_t>(s.nx) * s.ny);
   host.work_mic = pinned_new<float>(pixels);
   if (para.write_ccmax_mic) host.ccmax_stack = host_new<float>(static_cast<size_t>(s.T_num) * pixels);
   host.grid_index = pinned_new<unsigned>(cells);
@@ -124,7 +123,7 @@ void prepare_templates(Run* run) {
 
 void free_run(Run* run) {
   HostBuffers& host = run->host;
-  for (float* buffer : {host.raw_mic, host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
+  for (float* buffer : {host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
   cudaFreeHost(host.grid_index);
   free(host.T_stack);
   free(host.ccmax_stack);

@@ -20,7 +20,6 @@ struct RunSizes {
 
 /// Host buffers, allocated once.
 struct HostBuffers {
-  float* raw_mic;            // nx*ny: the micrograph as read; pinned
   float* work_mic;           // work_nx*work_ny: the shrunk even square; pinned
   float* T_stack;            // T_num templates of T_nx*T_ny as acquired
   float* ccmax_stack;        // T_num maps of work_nx*work_ny, or null where no map is written

@@ -3,6 +3,7 @@
 
 #include "device_record.h"
 #include "img_filter.h"
+#include "platform/lane_cosine.h"
 #include "process2d_raw.h"
 #include "templates.h"
 
@@ -91,13 +92,14 @@ void record_filters(DeviceRecord& record, int P) {
   const OnDevice<float> wide(noise(floats, 42));
   hcuda_c2d_bandpass_guas(reinterpret_cast<float2*>(wide.data), P, 5.0f, 40.0f, 800.0f);
   record_array(record, "c2d_bandpass_guas" + size_tail(P, P), wide, 2 * (P / 2 + 1), P, kExponential);
-  const size_t quarter = static_cast<size_t>(P / 2) * (P / 2);
+  const size_t quarter = cosine_coefficients(P / 2, P / 2);
+  const int lines = cosine_stripes(P / 2) * (P / 2);
   const OnDevice<float> soft_cosines(noise(quarter, 43));
   hcuda_cosine_bandpass_softR(soft_cosines.data, P, 5.0f, 1000.0f, 24.0f, 8.0f);
-  record_array(record, "cosine_bandpass_softR" + size_tail(P, P), soft_cosines, P / 2, P / 2, kExponential);
+  record_array(record, "cosine_bandpass_softR" + size_tail(P, P), soft_cosines, kCosineStripe, lines, kExponential);
   const OnDevice<float> wide_cosines(noise(quarter, 44));
   hcuda_cosine_bandpass_guas(wide_cosines.data, P, 5.0f, 40.0f, 800.0f);
-  record_array(record, "cosine_bandpass_guas" + size_tail(P, P), wide_cosines, P / 2, P / 2, kExponential);
+  record_array(record, "cosine_bandpass_guas" + size_tail(P, P), wide_cosines, kCosineStripe, lines, kExponential);
 }
 
 void record_template_scaling(DeviceRecord& record) {

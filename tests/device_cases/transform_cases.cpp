@@ -32,6 +32,9 @@ void record_filters(DeviceRecord& record, int n, PadWay way, const std::string& 
   record_out("2d_bandpass_softR_mpad", out);
   hcuda_2d_bandpass_guas_mpad(&pad, in.data, out.data, 5.0f, 40.0f, 600.0f);
   record_out("2d_bandpass_guas_mpad", out);
+  hcuda_2d_mpad_transform(&pad, in.data);
+  hcuda_2d_bandpass_guas_transformed(&pad, out.data, 5.0f, 25.0f, 700.0f);
+  record_out("2d_bandpass_guas_transformed", out);
   const OnDevice<float> soft(values);
   hcuda_2d_bandpass_softR_mpad_inplace(&pad, soft.data, 5.0f, 15.0f, 800.0f, 4.0f);
   record_out("2d_bandpass_softR_mpad_inplace", soft);
