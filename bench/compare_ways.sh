@@ -46,7 +46,7 @@ both awkward 3838 3710 2 260 3
 both wide 5760 4092 2 260 4 --ang_step 10
 both fine 2048 2048 2 180 5 --speed 1
 both coarse 4096 4096 2 400 6 --speed 4
-both small_particles 2500 2400 2 110 7 --ang_step 3
+both many_angles 2500 2400 2 190 11 --ang_step 3
 both wide_band 3000 3000 2 200 8 --lp 15 --hp 500
 both unfiltered 2400 2000 2 220 9 --do_bandpass 0
 simulate automatic 4096 4000 2 260 10
