@@ -242,31 +242,59 @@ void empty_maps(const LaneScan* scan) {
   }
 }
 
-// The correlations of a region's row y to a row of the maps, the place of the score added in x.
-void write_region_row(const LaneScan* scan, const Region& region, int y, float divisor, float* ccmax, float* map_psi) {
-  const LanePart& part = across(scan, region);
-  const int place = scan->nx / 2 - (scan->nx - scan->T_nx) / 2;
-  const size_t strip = static_cast<size_t>(y / kLanes) * static_cast<size_t>(part.count);
-  const int lane = y % kLanes;
-  int to = (part.first + place) % scan->nx;
-  for (size_t x = strip; x < strip + static_cast<size_t>(part.count); x++) {
-    ccmax[to] = region.maps[x].re[lane] / divisor;
-    if (map_psi) map_psi[to] = region.maps[x].im[lane];
-    if (++to == scan->nx) to = 0;
+// A strip of one of a region's two maps, over the divisor, to the rows `to` of an image, the place of the score added
+// in x.
+void write_strip(const LaneScan* scan, const LanePart& part, const Lane* values, float divisor, float* const* to,
+                 int rows) {
+  const int nx = scan->nx;
+  const int place = nx / 2 - (nx - scan->T_nx) / 2;
+  for (int x = 0; x < part.count; x += kLanes) {
+    const int n = std::min(kLanes, part.count - x);
+    Lane in[kLanes]{};
+    Lane out[kLanes];
+    for (int i = 0; i < n; i++) in[i] = values[2 * (x + i)] / divisor;
+    lane_transpose(in, 1, out, 1);
+    const int at = (part.first + x + place) % nx;
+    const int before_edge = std::min(n, nx - at);
+    for (int y = 0; y < rows; y++) {
+      if (before_edge == kLanes) {
+        memcpy(to[y] + at, &out[y], sizeof out[y]);
+        continue;
+      }
+      const auto* from = reinterpret_cast<const float*>(&out[y]);
+      std::copy_n(from, before_edge, to[y] + at);
+      std::copy_n(from + before_edge, n - before_edge, to[y]);
+    }
   }
 }
 
-void write_maps(const LaneScan* scan, float divisor, float* ccmax, float* map_psi) {
+// A strip of a region's maps, the place of the score added.
+void write_region_strip(const LaneScan* scan, const Region& region, size_t strip, float divisor, float* ccmax,
+                        float* map_psi) {
+  const LanePart& x_part = across(scan, region);
+  const LanePart& y_part = down(scan, region);
   const int place = scan->ny / 2 - (scan->ny - scan->T_ny) / 2;
+  const int first = static_cast<int>(strip) * kLanes;
+  const int rows = std::min(kLanes, y_part.count - first);
+  float* to_ccmax[kLanes];
+  float* to_psi[kLanes];
+  for (int y = 0; y < rows; y++) {
+    const size_t row = pixel_at(0, (y_part.first + first + y + place) % scan->ny, scan->nx);
+    to_ccmax[y] = ccmax + row;
+    if (map_psi) to_psi[y] = map_psi + row;
+  }
+  const LaneValue* maps = region.maps + strip * static_cast<size_t>(x_part.count);
+  write_strip(scan, x_part, &maps->re, divisor, to_ccmax, rows);
+  if (map_psi) write_strip(scan, x_part, &maps->im, 1, to_psi, rows);
+}
+
+void write_maps(const LaneScan* scan, float divisor, float* ccmax, float* map_psi) {
 #pragma omp parallel num_threads(scan->threads)
   for (int r = 0; r < scan->n_regions; r++) {
     const Region& region = scan->regions[r];
-    const LanePart& part = down(scan, region);
 #pragma omp for schedule(static) nowait
-    for (int y = 0; y < part.count; y++) {
-      const size_t row = pixel_at(0, (part.first + y + place) % scan->ny, scan->nx);
-      write_region_row(scan, region, y, divisor, ccmax + row, map_psi ? map_psi + row : nullptr);
-    }
+    for (size_t strip = 0; strip < strips_of(scan, region); strip++)
+      write_region_strip(scan, region, strip, divisor, ccmax, map_psi);
   }
 }
 
