@@ -59,7 +59,7 @@ struct LaneScan {
   size_t spectra_values;
   int threads;
   size_t scratch_values;  // of one thread's scratch
-  LaneValue* scratch;     // threads * 5 * scratch_values
+  LaneValue* scratch;     // threads * 6 * scratch_values
 };
 
 /// n rounded up to a multiple of eight.
@@ -84,14 +84,14 @@ inline size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) {
   return i < kept.low ? i : n - kept.high + i - kept.low;
 }
 
-/// A thread's own buffers of scratch_values each, passes twice as long.
+/// A thread's own buffers of scratch_values each, passes three times as long.
 struct ThreadScratch {
   LaneValue *in, *out, *other_out, *passes;
 };
 
 inline ThreadScratch scratch_of_thread(const LaneScan* scan) {
   const size_t n = scan->scratch_values;
-  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 5 * n;
+  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 6 * n;
   return {first, first + n, first + 2 * n, first + 3 * n};
 }
 

@@ -33,7 +33,8 @@ size_t spectra_of_pair(const LaneScan* scan) {
 
 // Gives the spectra their places for as many pairs of turns as there is room for.
 void place_spectra(LaneScan* scan) {
-  scan->pairs = static_cast<int>(std::clamp<size_t>(scan->spectra_values / spectra_of_pair(scan), 1, kMostPairs));
+  scan->pairs = static_cast<int>(
+      std::clamp<size_t>(scan->spectra_values / std::max<size_t>(spectra_of_pair(scan), 1), 1, kMostPairs));
   const auto pairs = static_cast<size_t>(scan->pairs);
   LaneValue* next = scan->spectra;
   for (int i = 0; i < scan->x.n_parts; i++) {
@@ -80,21 +81,8 @@ KERNEL_LOOP void multiply_column(const LaneValue* mic, const LaneValue* turned, 
   }
 }
 
-// The angles of a product: that of its imaginary part and, if it has a second, that of its real part.
-struct ProductAngles {
-  float first_psi;
-  bool has_second;
-  float second_psi;
-};
-
-// The correlations in a value of a product. Those of a second half turn are negative.
-template <bool HalfTurns>
-__attribute__((always_inline)) inline Lane second_correlation(const LaneValue& value) {
-  return HalfTurns ? -value.re : value.re;
-}
-
 // Takes `value` at the angle psi into a pixel's best so far; of those that tie the one in the map stays. Returns
-// whether any ties.
+// which tie.
 __attribute__((always_inline)) inline auto take_best(LaneValue* best, Lane value, float psi) {
   const auto better = best->re < value;
   const auto ties = best->re == value;
@@ -103,14 +91,21 @@ __attribute__((always_inline)) inline auto take_best(LaneValue* best, Lane value
   return ties;
 }
 
-// Takes the correlations of every step-th pixel of a strip into the maps. Returns whether any ties with one there.
-template <bool HalfTurns>
-KERNEL_LOOP bool update_strip(const LaneValue* values, LaneValue* maps, size_t n, size_t step, ProductAngles angles) {
+// Takes the correlations of a pair of turns, and of their half turns, into every step-th pixel of a strip of the maps.
+// Returns whether any turn ties with what was there. Half turns come in ascending order, and behind all turns that are
+// smaller, so that they lose where they tie; turns may come behind half turns that are larger.
+template <bool HasHalfTurns>
+KERNEL_LOOP bool update_strip(const LaneValue* values, const LaneValue* half_turns, LaneValue* maps, size_t n,
+                              size_t step, TurnPair turns) {
   auto ties = Lane{} != Lane{};
   for (size_t x = 0; x < n; x++) {
     LaneValue best = maps[x * step];
-    ties |= take_best(&best, values[x].im, angles.first_psi);
-    if (angles.has_second) ties |= take_best(&best, second_correlation<HalfTurns>(values[x]), angles.second_psi);
+    ties |= take_best(&best, values[x].im, turns.first.psi);
+    if (turns.has_second) ties |= take_best(&best, values[x].re, turns.second.psi);
+    if constexpr (HasHalfTurns) {
+      take_best(&best, half_turns[x].im, turns.first.half_turn_psi);
+      if (turns.has_second) take_best(&best, -half_turns[x].re, turns.second.half_turn_psi);
+    }
     maps[x * step] = best;
   }
   bool any = false;
@@ -119,13 +114,13 @@ KERNEL_LOOP bool update_strip(const LaneValue* values, LaneValue* maps, size_t n
 }
 
 // Gives pixels where angles tie the smallest one.
-void settle_ties(const LaneValue* values, LaneValue* maps, size_t n, size_t step, const ProductAngles& angles) {
+void settle_ties(const LaneValue* values, LaneValue* maps, size_t n, size_t step, const TurnPair& turns) {
   for (size_t x = 0; x < n; x++) {
     LaneValue& best = maps[x * step];
     for (int lane = 0; lane < kLanes; lane++) {
-      if (best.re[lane] == values[x].im[lane]) best.im[lane] = std::min(best.im[lane], angles.first_psi);
-      if (angles.has_second && best.re[lane] == values[x].re[lane])
-        best.im[lane] = std::min(best.im[lane], angles.second_psi);
+      if (best.re[lane] == values[x].im[lane]) best.im[lane] = std::min(best.im[lane], turns.first.psi);
+      if (turns.has_second && best.re[lane] == values[x].re[lane])
+        best.im[lane] = std::min(best.im[lane], turns.second.psi);
     }
   }
 }
@@ -177,37 +172,40 @@ void correlate_columns(const LaneScan* scan, const Region& region, const TurnPai
   memcpy(product + kept_count(blocks) * region.product_rows, scratch.other_out, bytes);
 }
 
-// Eight rows of a product: the inverse in x, taken into the maps.
-template <bool HalfTurns>
-void fold_product(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip,
-                  const ProductAngles& angles) {
-  const ThreadScratch scratch = scratch_of_thread(scan);
+// Begins the inverse in x of eight rows of a product.
+void divide_rows(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip, LaneValue* row,
+                 LaneValue* parts) {
   const LanePart& part = across(scan, region);
   const KeptFrequencies& kept = scan->kept_blocks[region.across];
   const auto width = static_cast<size_t>(part.plan.n);
-  const auto count = static_cast<size_t>(part.count);
   const size_t low = std::min(kept.low * kLanes, width);
   const size_t high = kept.high == 0 ? 0 : width - (region.blocks - kept.high) * kLanes;
-  gather_rows(product, scratch.in, kept, region.blocks, region.product_rows, strip * kLanes);
-  lane_fft_divide_outer(&part.plan, scratch.in, low, high, scratch.passes);
-  const auto step = static_cast<size_t>(lane_plan_parts(&part.plan));
-  for (size_t first = 0; first < std::min(step, count); first++) {
-    lane_fft_part(&part.plan, scratch.passes, static_cast<int>(first), scratch.out, 1, scratch.passes + width);
-    const size_t n = (count - first + step - 1) / step;
-    LaneValue* maps = region.maps + strip * count + first;
-    // Half turns come in ascending order, and behind all turns that are smaller; turns may come behind larger half turns.
-    if (update_strip<HalfTurns>(scratch.out, maps, n, step, angles) && !HalfTurns)
-      settle_ties(scratch.out, maps, n, step, angles);
-  }
+  gather_rows(product, row, kept, region.blocks, region.product_rows, strip * kLanes);
+  lane_fft_divide_outer(&part.plan, row, low, high, parts);
 }
 
+// Eight rows of the products of a pair: the inverse in x, taken into the maps while it is in the nearest cache.
 void fold_rows(const LaneScan* scan, const Region& region, const TurnPair& turns, size_t pair, size_t strip) {
+  const ThreadScratch scratch = scratch_of_thread(scan);
+  const LanePart& part = across(scan, region);
+  const auto count = static_cast<size_t>(part.count);
+  const auto step = static_cast<size_t>(lane_plan_parts(&part.plan));
   const size_t values = kept_count(scan->kept_blocks[region.across]) * region.product_rows;
   const LaneValue* product = region.products + 2 * pair * values;
-  fold_product<false>(scan, region, product, strip, {turns.first.psi, turns.has_second, turns.second.psi});
-  if (turns.has_half_turns)
-    fold_product<true>(scan, region, product + values, strip,
-                       {turns.first.half_turn_psi, turns.has_second, turns.second.half_turn_psi});
+  LaneValue* parts = scratch.passes;
+  LaneValue* half_turn_parts = parts + part.plan.n;
+  LaneValue* passes = half_turn_parts + part.plan.n;
+  divide_rows(scan, region, product, strip, scratch.in, parts);
+  if (turns.has_half_turns) divide_rows(scan, region, product + values, strip, scratch.in, half_turn_parts);
+  for (size_t first = 0; first < std::min(step, count); first++) {
+    const size_t n = (count - first + step - 1) / step;
+    LaneValue* maps = region.maps + strip * count + first;
+    lane_fft_part(&part.plan, parts, static_cast<int>(first), scratch.out, 1, passes);
+    if (turns.has_half_turns)
+      lane_fft_part(&part.plan, half_turn_parts, static_cast<int>(first), scratch.other_out, 1, passes);
+    const auto update = turns.has_half_turns ? update_strip<true> : update_strip<false>;
+    if (update(scratch.out, scratch.other_out, maps, n, step, turns)) settle_ties(scratch.out, maps, n, step, turns);
+  }
 }
 
 // Correlates `count` pairs of turns of the template with the micrograph and takes the results into the maps.
@@ -354,7 +352,7 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   scan->spectra_values = std::max(spectra_of_pair(scan), kBatchBytes / sizeof(LaneValue));
   scan->spectra = lane_values_new(scan->spectra_values);
   scan->threads = omp_get_max_threads();
-  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 5 * scan->scratch_values);
+  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 6 * scan->scratch_values);
   return scan;
 }
 
