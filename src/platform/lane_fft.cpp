@@ -260,22 +260,7 @@ void finish_parts(const LanePlan* plan, LaneValue* parts, LaneValue* out) {
 }
 
 // Measured work of a pass for each value, relative to one of radix 4.
-double pass_cost(int radix) {
-  switch (radix) {
-    case 2:
-      return 0.8;
-    case 3:
-      return 1.0;
-    case 4:
-      return 1.0;
-    case 5:
-      return 1.4;
-    case 6:
-      return 1.4;
-    default:
-      return 1.3;
-  }
-}
+double pass_cost(int radix) { return radix == 2 ? 0.8 : radix < 5 ? 1.0 : radix < 8 ? 1.4 : 1.3; }
 
 // Splits n into the radices of least work, the largest first, none above `largest`. Returns how many, or -1 if n has
 // other factors; their cost in *cost.
