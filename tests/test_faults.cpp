@@ -11,7 +11,6 @@
 
 #include "mrcfile.h"
 #include "test_support.h"
-#include "test_support_programs.h"
 
 namespace {
 

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "test_support_image.h"
 #include "test_support_runs.h"
 
 namespace {

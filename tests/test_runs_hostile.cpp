@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "test_support_image.h"
 #include "test_support_runs.h"
 
 namespace {

@@ -1,5 +1,4 @@
-#include <gtest/gtest.h>
-
+// kestrix_simulate: its images as a whole, then what they are made of.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -7,13 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "common/truth_file.h"
+#include "simulate/ctf.h"
 #include "simulate/phantom.h"
-#include "test_support_image.h"
-#include "test_support_phantom.h"
-#include "test_support_programs.h"
+#include "simulate/random.h"
+#include "simulate/scene.h"
+#include "test_support_runs.h"
 
 namespace {
+
+constexpr double kPi = 3.141592653589793;
 
 class Simulate : public FolderTest {
  protected:
@@ -28,14 +29,16 @@ class Simulate : public FolderTest {
   }
 };
 
-double variance(const std::vector<double>& values) {
-  double sum = 0, square = 0;
-  for (const double value : values) {
-    sum += value;
-    square += value * value;
-  }
-  const auto n = static_cast<double>(values.size());
-  return square / n - sum / n * (sum / n);
+double mean(const std::vector<double>& values) {
+  double sum = 0;
+  for (const double value : values) sum += value;
+  return sum / static_cast<double>(values.size());
+}
+
+double variance(std::vector<double> values) {
+  const double centre = mean(values);
+  for (double& value : values) value = (value - centre) * (value - centre);
+  return mean(values);
 }
 
 /// The values of an image within a distance of any of the particles.
@@ -47,6 +50,65 @@ std::vector<double> values_near(const Image& image, const std::vector<TruePartic
         if (std::hypot(static_cast<double>(x) - p.x, static_cast<double>(y) - p.y) <= radius)
           values.push_back(image.at(x, y));
   return values;
+}
+
+/// Value of a projection of kBlobs Gaussians at a place in Å from the particle's centre.
+double sum_of_spots(const Spot* spots, double x, double y) {
+  double sum = 0;
+  for (int i = 0; i < kBlobs; i++) {
+    const double dx = x - spots[i].x, dy = y - spots[i].y;
+    sum += spots[i].height * std::exp(-(dx * dx + dy * dy) / (2 * spots[i].sigma * spots[i].sigma));
+  }
+  return sum;
+}
+
+using Matrix = std::vector<std::vector<double>>;
+
+Matrix times(const Matrix& a, const Matrix& b) {
+  Matrix c(3, std::vector<double>(3, 0));
+  for (size_t i = 0; i < 3; i++)
+    for (size_t j = 0; j < 3; j++)
+      for (size_t k = 0; k < 3; k++) c[i][j] += a[i][k] * b[k][j];
+  return c;
+}
+
+Matrix about_z(double degrees) {
+  const double c = std::cos(degrees * kPi / 180), s = std::sin(degrees * kPi / 180);
+  return {{c, s, 0}, {-s, c, 0}, {0, 0, 1}};
+}
+
+Matrix about_y(double degrees) {
+  const double c = std::cos(degrees * kPi / 180), s = std::sin(degrees * kPi / 180);
+  return {{c, 0, -s}, {0, 1, 0}, {s, 0, c}};
+}
+
+/// The integral of the density along the view through a point of the projection, by the trapezoid rule.
+double integrate_along_view(const Phantom& phantom, const Orientation& o, double x, double y, int reach) {
+  const Matrix turn = times(about_z(o.psi), times(about_y(o.tilt), about_z(o.rot)));
+  double sum = 0;
+  for (int z = -reach; z <= reach; z += 1) {
+    double point[3];
+    for (size_t i = 0; i < 3; i++) point[i] = turn[0][i] * x + turn[1][i] * y + turn[2][i] * z;
+    sum += phantom_density(phantom, point[0], point[1], point[2]);
+  }
+  return sum;
+}
+
+/// Pearson's chi-square of Poisson counts against the distribution, and the number of classes it was taken
+/// over.
+double poisson_chi_square(double mean, int draws, int* classes) {
+  Random random = random_stream(11, Stream::noise, 0, static_cast<uint64_t>(mean * 10));
+  std::vector<double> counts(400, 0);
+  for (int i = 0; i < draws; i++) counts[static_cast<size_t>(std::min(399L, random_poisson(&random, mean)))]++;
+  double chi_square = 0;
+  *classes = 0;
+  for (int k = 0; k < 399; k++) {
+    const double expected = draws * std::exp(k * std::log(mean) - mean - std::lgamma(k + 1.0));
+    if (expected < 10) continue;
+    chi_square += std::pow(counts[static_cast<size_t>(k)] - expected, 2) / expected;
+    ++*classes;
+  }
+  return chi_square;
 }
 
 }  // namespace
@@ -63,12 +125,9 @@ TEST_F(Simulate, HasTheSignalToNoiseRatioAskedForAndDarkParticles) {
   const double measured = variance(values_near(clean, truth, 130 / 2.68)) / variance(noise);
   EXPECT_NEAR(0.05, measured, 0.05 * 0.03) << "the variance of the noise is measured to 0.3 %";
 
-  double inside = 0, all = 0;
-  for (const double value : values_near(clean, truth, 80 / 2.68)) inside += value;
-  for (const float value : clean.data) all += value;
-  inside /= static_cast<double>(values_near(clean, truth, 80 / 2.68).size());
-  EXPECT_LT(inside, all / static_cast<double>(clean.data.size()) - 1) << "electrons per pixel";
-  EXPECT_NEAR(40 * 2.68 * 2.68, all / static_cast<double>(clean.data.size()), 2);
+  const double all = mean(widened(clean.data));
+  EXPECT_LT(mean(values_near(clean, truth, 80 / 2.68)), all - 1) << "electrons per pixel";
+  EXPECT_NEAR(40 * 2.68 * 2.68, all, 2);
 }
 
 TEST_F(Simulate, TruthIsWhereTheParticlesAre) {
@@ -106,49 +165,26 @@ TEST_F(Simulate, SameSeedGivesTheSameBytesOnAnyNumberOfThreadsAndAnotherSeedOthe
   EXPECT_FALSE(read_file(path("a001.mrc")) == read_file(path("a002.mrc")));
 }
 
-TEST_F(Simulate, EverySampleTypeHoldsTheSameImage) {
-  const std::string options = "--dose 12 --ice 1 ";
-  simulate(options + "--prefix m2");
-  simulate(options + "--noise_free --prefix f");
-  const Image floats = read_image(path("m2001.mrc")), exact = read_image(path("f001.mrc"));
-  for (const char* mode : {"0", "1", "6"}) {
-    simulate(options + "--mode " + mode + " --prefix m" + mode);
-    const Image other = read_image(path(std::string("m") + mode + "001.mrc"));
-    EXPECT_EQ(atoi(mode), other.head.mode);
-    EXPECT_TRUE(floats.data == other.data) << "counts are whole numbers";
-    simulate(options + "--noise_free --mode " + mode + " --prefix n");
-    const Image rounded = read_image(path("n001.mrc"));
-    for (size_t i = 0; i < exact.data.size(); i++) ASSERT_NEAR(exact.data[i], rounded.data[i], 0.5001);
-  }
-}
-
-TEST_F(Simulate, HeaderTellsSizesPixelSizeAndStatistics) {
-  simulate("--frames 3 --dose 2 --mode 1");
-  const Image image = read_image(path("sim_001.mrc"));
-  EXPECT_EQ(500, image.head.nx);
-  EXPECT_EQ(380, image.head.ny);
-  EXPECT_EQ(3, image.head.nz);
-  EXPECT_FLOAT_EQ(2.68F, image.head.xlen / static_cast<float>(image.head.mx));
-  EXPECT_FLOAT_EQ(2.68F, image.head.ylen / static_cast<float>(image.head.my));
-  const std::vector<double> samples(image.data.begin(), image.data.end());
-  double sum = 0;
-  for (const double sample : samples) sum += sample;
-  EXPECT_NEAR(sum / static_cast<double>(samples.size()), image.head.amean, 1e-4);
-  EXPECT_NEAR(std::sqrt(variance(samples)), image.head.rms, 1e-4);
-  EXPECT_EQ(*std::min_element(image.data.begin(), image.data.end()), image.head.amin);
-  EXPECT_EQ(*std::max_element(image.data.begin(), image.data.end()), image.head.amax);
-}
-
-TEST_F(Simulate, SectionsOfAMovieShowTheSameParticlesInNewNoise) {
-  simulate("--frames 3 --dose 2 --prefix movie");
+TEST_F(Simulate, MovieShowsTheSameParticlesInNewNoiseAndItsHeaderTellsItsStatistics) {
+  simulate("--frames 3 --dose 2 --mode 1 --prefix movie");
   simulate("--dose 2 --prefix single");
   const Image movie = read_image(path("movie001.mrc")), single = read_image(path("single001.mrc"));
   const size_t n = single.data.size();
+  ASSERT_EQ(3 * n, movie.data.size());
   EXPECT_TRUE(std::equal(single.data.begin(), single.data.end(), movie.data.begin()));
   std::vector<double> difference;
   for (size_t i = 0; i < n; i++) difference.push_back(movie.data[n + i] - movie.data[2 * n + i]);
   const double count = 2 * 2.68 * 2.68;
   EXPECT_NEAR(2 * count, variance(difference), 0.02 * 2 * count) << "the particles cancel, two noises add";
+
+  EXPECT_EQ(500, movie.head.nx);
+  EXPECT_EQ(380, movie.head.ny);
+  EXPECT_FLOAT_EQ(2.68F, movie.head.xlen / static_cast<float>(movie.head.mx));
+  EXPECT_FLOAT_EQ(2.68F, movie.head.ylen / static_cast<float>(movie.head.my));
+  EXPECT_NEAR(mean(widened(movie.data)), movie.head.amean, 1e-4);
+  EXPECT_NEAR(std::sqrt(variance(widened(movie.data))), movie.head.rms, 1e-4);
+  EXPECT_EQ(*std::min_element(movie.data.begin(), movie.data.end()), movie.head.amin);
+  EXPECT_EQ(*std::max_element(movie.data.begin(), movie.data.end()), movie.head.amax);
 }
 
 TEST_F(Simulate, IceAndCarbonAreDarkAndTextured) {
@@ -160,11 +196,6 @@ TEST_F(Simulate, IceAndCarbonAreDarkAndTextured) {
   for (long y = 0; y < image.head.ny; y += 2)
     for (long x = 0; x < image.head.nx; x += 2)
       values[contamination_at(areas, static_cast<double>(x), static_cast<double>(y))].push_back(image.at(x, y));
-  const auto mean = [](const std::vector<double>& v) {
-    double sum = 0;
-    for (const double value : v) sum += value;
-    return sum / static_cast<double>(v.size());
-  };
   const double clean = mean(values[kClean]);
   EXPECT_NEAR(0.92, mean(values[kOnCarbon]) / clean, 0.03);
   EXPECT_NEAR(0.85, mean(values[kOnIce]) / clean, 0.06);
@@ -216,4 +247,112 @@ TEST_F(Simulate, RefusesWhatItCannotDoWithAMessageThatNamesTheOption) {
   }
   EXPECT_EQ(0, run("--help").status);
   EXPECT_NE(std::string::npos, run("--help").output.find("--snr"));
+}
+
+// --- What they are made of ---
+
+TEST(Phantom, ProjectionIsTheIntegralOfTheDensityAlongTheView) {
+  const Phantom phantom = make_phantom(260);
+  for (const Orientation& o : {Orientation{0, 0, 0}, Orientation{30, 70, 200}, Orientation{211, 155, 16}}) {
+    Spot spots[kBlobs];
+    project_phantom(phantom, o, 0, spots);
+    for (const double x : {-80.0, -20.0, 0.0, 45.0})
+      for (const double y : {-60.0, 5.0, 90.0}) {
+        const double integral = integrate_along_view(phantom, o, x, y, 250);
+        EXPECT_NEAR(integral, sum_of_spots(spots, x, y), 1e-6 * std::max(1.0, integral)) << x << " " << y;
+      }
+  }
+}
+
+TEST(Phantom, LowPassHalvesTheAmplitudeAtItsResolutionAndKeepsTheMass) {
+  const Phantom phantom = make_phantom(260);
+  Spot sharp[kBlobs], smooth[kBlobs];
+  project_phantom(phantom, {50, 60, 70}, 0, sharp);
+  project_phantom(phantom, {50, 60, 70}, 30, smooth);
+  const auto amplitude = [](const Spot* spots, double k) {
+    double re = 0, im = 0;
+    for (int x = -260; x <= 260; x += 4)
+      for (int y = -260; y <= 260; y += 4) {
+        re += sum_of_spots(spots, x, y) * std::cos(2 * kPi * k * x);
+        im += sum_of_spots(spots, x, y) * std::sin(2 * kPi * k * x);
+      }
+    return std::hypot(re, im);
+  };
+  EXPECT_NEAR(1, amplitude(smooth, 0) / amplitude(sharp, 0), 1e-6);
+  EXPECT_NEAR(0.5, amplitude(smooth, 1.0 / 30) / amplitude(sharp, 1.0 / 30), 1e-4);
+}
+
+TEST(Ctf, AgreesWithTheFormInPhaseAndAmplitudeContrastInMetres) {
+  const Optics optics = {300, 15000, 2.7, 0.1, 0};
+  const double lambda = 1.96875e-12, cs = 2.7e-3, defocus = 1.5e-6;
+  for (const double resolution : {1000.0, 60.0, 25.0, 12.0, 7.0, 4.1}) {
+    const double g = 1e10 / resolution;
+    const double chi = kPi * lambda * g * g * (defocus - 0.5 * lambda * lambda * g * g * cs);
+    const double expected = -std::sqrt(1 - 0.01) * std::sin(chi) - 0.1 * std::cos(chi);
+    EXPECT_NEAR(expected, ctf_value(optics, 1 / resolution), 2e-4) << resolution << " Å: five digits of lambda";
+  }
+  EXPECT_DOUBLE_EQ(-0.1, ctf_value(optics, 0)) << "density is dark";
+  EXPECT_NEAR(-1, ctf_value(optics, 1 / 25.0), 0.02) << "first maximum";
+}
+
+TEST(Ctf, ScalesAWaveByItsValueAtThatFrequencyAndLeavesItsPhase) {
+  const Optics optics = {300, 12000, 2.7, 0.1, 0};
+  Canvas canvas;
+  ASSERT_TRUE(canvas_new(&canvas, 60, 42));
+  const double apix = 3, kx = 4 / (60 * apix), ky = -3 / (42 * apix), k = std::hypot(kx, ky);
+  const auto wave = [&](int x, int y) { return std::cos(2 * kPi * apix * (kx * x + ky * y) + 0.7); };
+  for (int y = 0; y < 42; y++)
+    for (int x = 0; x < 60; x++) canvas.image[y * canvas.stride + x] = static_cast<float>(wave(x, y));
+  canvas_apply_ctf(&canvas, apix, optics, 1 / k);
+  double worst = 0;
+  for (int y = 0; y < 42; y++)
+    for (int x = 0; x < 60; x++) {
+      const double expected = 0.5 * ctf_value(optics, k) * wave(x, y);
+      worst = std::max(worst, std::fabs(canvas.image[y * canvas.stride + x] - expected));
+    }
+  EXPECT_LT(worst, 2e-6) << "single precision";
+  canvas_free(&canvas);
+}
+
+TEST(Random, PoissonCountsFollowTheDistributionByEitherMethod) {
+  for (const double mean : {0.4, 4.0, 9.5, 10.5, 72.0, 180.0}) {
+    int classes = 0;
+    const double chi_square = poisson_chi_square(mean, 200000, &classes);
+    // chi-square has mean n and deviation sqrt(2n); five deviations leave no room for a wrong distribution
+    EXPECT_LT(chi_square, classes + 5 * std::sqrt(2.0 * classes)) << mean << " in " << classes << " classes";
+    EXPECT_GT(classes, 3);
+  }
+  Random random = random_stream(1, Stream::noise, 0, 0);
+  EXPECT_EQ(0, random_poisson(&random, 0));
+}
+
+TEST(Scene, ParticlesKeepTheirDistancesAndKnowWhatTheyLieOn) {
+  Settings settings = {};
+  settings.nx = 1200;
+  settings.ny = 900;
+  settings.apix = 4;
+  settings.diameter = 200;
+  settings.count = 60;
+  settings.min_spacing = 220;
+  settings.margin = 140;
+  settings.ice = 12;
+  settings.carbon = 0.25;
+  const Scene scene = make_scene(settings, 1);
+  ASSERT_EQ(60U, scene.particles.size());
+  int flagged = 0;
+  double tilt_cosine = 0;
+  for (size_t i = 0; i < scene.particles.size(); i++) {
+    const TrueParticle& p = scene.particles[i];
+    EXPECT_GE(std::min({p.x, p.y, 1199 - p.x, 899 - p.y}), 34.5);
+    for (size_t j = 0; j < i; j++) EXPECT_GE(std::hypot(p.x - scene.particles[j].x, p.y - scene.particles[j].y), 55);
+    bool on_ice = false;
+    for (const IceCrystal& crystal : scene.ice) on_ice |= ice_depth(crystal, p.x, p.y, 4) > 0.01;
+    EXPECT_EQ(on_ice, (p.contamination & kOnIce) != 0);
+    EXPECT_EQ(carbon_depth(scene.carbon, p.x, p.y, 4) > 0.01, (p.contamination & kOnCarbon) != 0);
+    flagged += p.contamination != kClean;
+    tilt_cosine += std::cos(p.tilt * kPi / 180) / 60;
+  }
+  EXPECT_GT(flagged, 5);
+  EXPECT_LT(flagged, 55);
+  EXPECT_NEAR(0, tilt_cosine, 0.38) << "uniform on [-1, 1], five deviations of the mean";
 }

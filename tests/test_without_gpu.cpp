@@ -10,7 +10,6 @@
 
 #include "platform/device.h"
 #include "test_support.h"
-#include "test_support_programs.h"
 
 namespace {
 
