@@ -227,24 +227,6 @@ TEST_F(MrcFile, AFileOfAnotherSizeThanItsHeadSaysIsRefusedWholeBeforeAllocation)
   }
 }
 
-TEST_F(MrcFile, NoSizesInAHeadMislead) {
-  write_file(path("a.mrc"), std::string(1024 + 77, 'x'));  // 77 is no product of sizes and bytes below
-  const OpenFile open(path("a.mrc"));
-  std::mt19937 random(5);
-  const int values[] = {INT_MIN, -65536, -1, 0, 1, 2, 3, 255, 65535, 65536, 1 << 30, INT_MAX};
-  const int modes[] = {0, 1, 2, 3, 4, 5, 6, 16, 20, 101};
-  output_of([&] {
-    for (int i = 0; i < 3000; i++) {
-      const MRC_HEAD head =
-          head_of(values[random() % 12], values[random() % 12], values[random() % 12], modes[random() % 10]);
-      EXPECT_EQ(-1, mrc_check_fsize(open.file, &head));
-      const unsigned long missing = mrc_missing_samples(open.file, &head, values[random() % 12]);
-      const unsigned long section = head.nx > 0 && head.ny > 0 ? 1UL * head.nx * head.ny : ULONG_MAX;
-      EXPECT_LE(missing, section);
-    }
-  });
-}
-
 TEST_F(MrcFile, TheSizesOfTheHeadAreToldByKeyword) {
   write_mrc(path("a.mrcs"), head_of(3, 5, 7, 2), "");
   const std::pair<const char*, long> sizes[] = {{"x", 3},   {"Y", 5},   {"z", 7},   {"xy", 15}, {"YX", 15},
@@ -281,23 +263,6 @@ TEST_F(MrcFile, HostAndDeviceWritersMakeTheSameFloatFile) {
   EXPECT_EQ(0.0f, at<float>(empty, 80));
 }
 
-TEST_F(MrcFile, WritersRefuseOtherModesAndReportAMissingStamp) {
-  const OpenFile open(path("a.mrc"), "w+");
-  MRC_HEAD head = head_of(1, 1, 1, 1);
-  const float sample = 1.0f;
-  const ChildResult run = run_in_child([&] { mrc_write_head_data(open.file, &head, &sample); });
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ(fatal_line("mrc_write_head_data", kUnit,
-                       "mrc_write_head_alldata() does not support writing float data to other MRC format."),
-            run.out);
-  EXPECT_EQ(0, get_file_size(open.file));
-  memset(head.cmap, 0, 8);
-  const std::string problem = warning_line("mrc_write_head", kUnit, "MRC format problem! Check file format!\n");
-  EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, &head); }));
-  EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, nullptr); }));
-  EXPECT_EQ(1024, get_file_size(open.file));
-}
-
 TEST_F(MrcFile, AFileThatCannotBeReadOrWrittenInFullEndsTheRunByName) {
   const std::vector<float> data(100000);
   const auto expect_end = [](const std::string& output, const auto& code) {
@@ -315,4 +280,25 @@ TEST_F(MrcFile, AFileThatCannotBeReadOrWrittenInFullEndsTheRunByName) {
   for (const int nz : {0, 10})  // the disk is full when the head is flushed, and while the data are written
     expect_end(fatal_line("mrcf_write_xyz_data", kUnit, "writing /dev/full failed, no space left?"),
                [&] { write("/dev/full", nz); });
+}
+
+TEST(MrcHead, MicrographsOfDifferentSizeOrModeEndTheRunWithBothShown) {
+  const MRC_HEAD first = head_of(4096, 4096, 1, 2);
+  EXPECT_EQ(0, check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &first));
+  const std::pair<MRC_HEAD, const char*> others[] = {
+      {head_of(4095, 4096, 1, 2), "4095    4096    1       Float         "},
+      {head_of(4096, 1, 1, 2), "4096    1       1       Float         "},
+      {head_of(4096, 4096, 2, 2), "4096    4096    2       Float         "},
+      {head_of(4096, 4096, 1, 6), "4096    4096    1       Unsigned Short"}};
+  for (const auto& other : others) {
+    const ChildResult run = run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other.first); });
+    EXPECT_EQ(1, run.status);
+    EXPECT_EQ(
+        "Micrograph \x1b[1ma.mrc\x1b[m has a different size or format from  \x1b[1mb.mrc\x1b[m.\n"
+        "Check if all the micrographs are the same sizes and format? \n "
+        "      Nx      Ny      Nz      Mode             File:\n"
+        "      4096    4096    1       Float               a.mrc\n      " +
+            std::string(other.second) + "      b.mrc\n",
+        run.out);
+  }
 }
