@@ -71,7 +71,7 @@ void scan_with(ScanWorkspace* ws, const Scene& scene, const Angles& angles, int 
 
 ScanWorkspace workspace_for(const Scene& scene, const Angles& angles) {
   return scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny,
-                            count_scan_angles(angles.start, angles.stop, angles.step), way_under_test);
+                            count_scan_angles(angles.start, angles.stop, angles.step), kFullBand, way_under_test);
 }
 
 Maps scanned(const Scene& scene, const Angles& angles, int keep_psi = 1) {

@@ -27,7 +27,7 @@ struct ScanWorkspace {
   int nx, ny;                // working image
   int T_nx, T_ny;            // template box, no larger than the working image
   int batch;                 // angles in one pass
-  LaneScan* lanes;           // the host's own way; where it is used, what follows is empty
+  LaneScan* lanes;           // the host's own way; where it is used, batch is 0 and what follows is empty
   float* padded;             // device, batch images: the turned templates in the middle, zero around
   float* correlation;        // device, batch images
   float2* mic_spectrum;      // device, one spectrum
@@ -37,9 +37,14 @@ struct ScanWorkspace {
   cufftHandle inverse_plan;  // inverse, a batch
 };
 
-/// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. The caller releases
-/// them with scan_workspace_free. Ends the run on a device error.
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way = kFastestScanWay);
+/// Highest frequency that an image can have, in cycles per pixel.
+constexpr float kFullBand = 0.5f;
+
+/// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. band: the highest
+/// frequency of the micrographs to come, in cycles per pixel, as far as it is known; it decides on the fastest way, not
+/// on the result. The caller releases them with scan_workspace_free. Ends the run on a device error.
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band = kFullBand,
+                                 ScanWay way = kFastestScanWay);
 void scan_workspace_free(ScanWorkspace* ws);
 
 /// Number of angles of a scan: start, start + step, ... up to but not including stop, added in float.

@@ -4,6 +4,7 @@
 #ifndef KESTRIX_CUDA
 #include <omp.h>
 
+#include "host_memory.h"
 #include "matching/lane_scan.h"
 #endif
 
@@ -91,7 +92,7 @@ float score_divisor(const ScanWorkspace& ws, const float* mic, const float* mask
   return sqrtf(((template_energy * energy) * area) / weight);
 }
 
-// Prints a dot for each of the angles of a pass.
+// Prints a dot for each of `count` angles.
 void put_dots(int count) {
   for (int k = 0; k < count; k++) putchar('.');
 }
@@ -124,29 +125,32 @@ void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, cons
 // The scan's own way on the host.
 void scan_by_lanes(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start, float stop,
                    float step) {
-  lane_scan_begin(ws->lanes);
-  ScanAngles angles{};
-  while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
-    put_dots(count);
-    lane_scan_add(ws->lanes, T, angles, count);
-  }
+  const int n_angles = count_scan_angles(start, stop, step);
+  auto* angles = host_new<float>(static_cast<size_t>(n_angles) + 1);
+  ScanAngles taken{};
+  for (int i = 0, count; (count = take_angles(start, stop, step, kMaxScanBatch, taken)) > 0; i += count)
+    std::copy_n(taken.psi, count, angles + i);
+  put_dots(n_angles);
   putchar('\n');
-  lane_scan_finish(ws->lanes, divisor, ccmax, psi);
+  lane_scan_template(ws->lanes, T, angles, n_angles, divisor, ccmax, psi);
+  free(angles);
 }
 
 #endif
 
 }  // namespace
 
-ScanTurns turns_of(const ScanAngles& angles, int count) {
+void turn_of(float psi, float* cosine, float* sine) {
   // The float nearest to pi / 180.
   constexpr float kRadiansPerDegree = 0.017453292f;
+  const float t = psi * kRadiansPerDegree;
+  *cosine = cosf(t);
+  *sine = sinf(t);
+}
+
+ScanTurns turns_of(const ScanAngles& angles, int count) {
   ScanTurns turns{};
-  for (int k = 0; k < count; k++) {
-    const float t = angles.psi[k] * kRadiansPerDegree;
-    turns.cosine[k] = cosf(t);
-    turns.sine[k] = sinf(t);
-  }
+  for (int k = 0; k < count; k++) turn_of(angles.psi[k], &turns.cosine[k], &turns.sine[k]);
   return turns;
 }
 
@@ -158,7 +162,7 @@ int count_scan_angles(float start, float stop, float step) {
   return count;
 }
 
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, ScanWay way) {
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band, ScanWay way) {
   ScanWorkspace ws{};
   ws.nx = nx;
   ws.ny = ny;
@@ -166,12 +170,12 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.T_ny = T_ny;
 #ifndef KESTRIX_CUDA
   if (way == kHostLanes) {
-    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny);
-    ws.batch = lane_scan_batch(ws.lanes);
+    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band));
     return ws;
   }
 #endif
   static_cast<void>(way);
+  static_cast<void>(band);
   ws.batch = batch_size(ws, n_angles);
   const auto batch = static_cast<size_t>(ws.batch);
   ws.padded = device_new<float>(batch * image_pixels(ws));

@@ -19,6 +19,7 @@ namespace {
 
 INTO_LOOP LaneValue operator+(LaneValue a, LaneValue b) { return {a.re + b.re, a.im + b.im}; }
 INTO_LOOP LaneValue operator-(LaneValue a, LaneValue b) { return {a.re - b.re, a.im - b.im}; }
+INTO_LOOP LaneValue negative(LaneValue a) { return {-a.re, -a.im}; }
 INTO_LOOP LaneValue scaled(LaneValue a, float s) { return {a.re * s, a.im * s}; }
 INTO_LOOP LaneValue times_minus_i(LaneValue a) { return {a.im, -a.re}; }
 INTO_LOOP LaneValue turned(LaneValue a, const float* factor) {
@@ -49,16 +50,23 @@ INTO_LOOP void butterfly<3>(const LaneValue* x, size_t in_step, LaneValue* y, si
   y[2 * out_step] = turned(middle - side, factor + 2);
 }
 
+// What is left of a butterfly of radix 4 after its sums and differences of x[k] and x[k + 2].
+INTO_LOOP void finish_radix_4(LaneValue even_sum, LaneValue even_difference, LaneValue odd_sum, LaneValue odd_difference,
+                              LaneValue* y, size_t out_step, const float* factor) {
+  const LaneValue side = times_minus_i(odd_difference);
+  y[0] = even_sum + odd_sum;
+  y[out_step] = turned(even_difference + side, factor);
+  y[2 * out_step] = turned(even_sum - odd_sum, factor + 2);
+  y[3 * out_step] = turned(even_difference - side, factor + 4);
+}
+
 template <>
 INTO_LOOP void butterfly<4>(const LaneValue* x, size_t in_step, LaneValue* y, size_t out_step, const float* factor) {
-  const LaneValue even_sum = x[0] + x[2 * in_step];
-  const LaneValue even_difference = x[0] - x[2 * in_step];
-  const LaneValue odd_sum = x[in_step] + x[3 * in_step];
-  const LaneValue odd_difference = times_minus_i(x[in_step] - x[3 * in_step]);
-  y[0] = even_sum + odd_sum;
-  y[out_step] = turned(even_difference + odd_difference, factor);
-  y[2 * out_step] = turned(even_sum - odd_sum, factor + 2);
-  y[3 * out_step] = turned(even_difference - odd_difference, factor + 4);
+  const LaneValue x0 = x[0];
+  const LaneValue x1 = x[in_step];
+  const LaneValue x2 = x[2 * in_step];
+  const LaneValue x3 = x[3 * in_step];
+  finish_radix_4(x0 + x2, x0 - x2, x1 + x3, x1 - x3, y, out_step, factor);
 }
 
 template <>
@@ -83,25 +91,19 @@ INTO_LOOP void butterfly<5>(const LaneValue* x, size_t in_step, LaneValue* y, si
   y[4 * out_step] = turned(near - near_side, factor + 6);
 }
 
-template <>
-INTO_LOOP void butterfly<8>(const LaneValue* x, size_t in_step, LaneValue* y, size_t out_step, const float* factor) {
+// What is left of a butterfly of radix 8 after its sums a and differences b of x[k] and x[k + 4].
+INTO_LOOP void finish_radix_8(LaneValue a0, LaneValue a1, LaneValue a2, LaneValue a3, LaneValue b0, LaneValue b1,
+                              LaneValue b2, LaneValue b3, LaneValue* y, size_t out_step, const float* factor) {
   constexpr float kSqrtHalf = 0.707106781186547524f;
-  const LaneValue a0 = x[0] + x[4 * in_step];
-  const LaneValue a1 = x[in_step] + x[5 * in_step];
-  const LaneValue a2 = x[2 * in_step] + x[6 * in_step];
-  const LaneValue a3 = x[3 * in_step] + x[7 * in_step];
-  const LaneValue b0 = x[0] - x[4 * in_step];
-  const LaneValue b1 = x[in_step] - x[5 * in_step];
-  const LaneValue b2 = times_minus_i(x[2 * in_step] - x[6 * in_step]);
-  const LaneValue b3 = x[3 * in_step] - x[7 * in_step];
   const LaneValue b1_turned = scaled({b1.re + b1.im, b1.im - b1.re}, kSqrtHalf);
+  const LaneValue b2_turned = times_minus_i(b2);
   const LaneValue b3_turned = scaled({b3.im - b3.re, -(b3.re + b3.im)}, kSqrtHalf);
   const LaneValue even_sum = a0 + a2;
   const LaneValue even_difference = a0 - a2;
   const LaneValue even_other = a1 + a3;
   const LaneValue even_other_difference = times_minus_i(a1 - a3);
-  const LaneValue odd_sum = b0 + b2;
-  const LaneValue odd_difference = b0 - b2;
+  const LaneValue odd_sum = b0 + b2_turned;
+  const LaneValue odd_difference = b0 - b2_turned;
   const LaneValue odd_other = b1_turned + b3_turned;
   const LaneValue odd_other_difference = times_minus_i(b1_turned - b3_turned);
   y[0] = even_sum + even_other;
@@ -112,6 +114,39 @@ INTO_LOOP void butterfly<8>(const LaneValue* x, size_t in_step, LaneValue* y, si
   y[5 * out_step] = turned(odd_sum - odd_other, factor + 8);
   y[6 * out_step] = turned(even_difference - even_other_difference, factor + 10);
   y[7 * out_step] = turned(odd_difference - odd_other_difference, factor + 12);
+}
+
+template <>
+INTO_LOOP void butterfly<8>(const LaneValue* x, size_t in_step, LaneValue* y, size_t out_step, const float* factor) {
+  LaneValue a[4];
+  LaneValue b[4];
+  for (size_t k = 0; k < 4; k++) {
+    const LaneValue lower = x[k * in_step];
+    const LaneValue upper = x[(k + 4) * in_step];
+    a[k] = lower + upper;
+    b[k] = lower - upper;
+  }
+  finish_radix_8(a[0], a[1], a[2], a[3], b[0], b[1], b[2], b[3], y, out_step, factor);
+}
+
+// The butterfly of which only the first and the last quarter of the values are not 0.
+template <int Radix>
+INTO_LOOP void outer_butterfly(const LaneValue* x, size_t in_step, LaneValue* y, const float* factor);
+
+template <>
+INTO_LOOP void outer_butterfly<4>(const LaneValue* x, size_t in_step, LaneValue* y, const float* factor) {
+  const LaneValue x0 = x[0];
+  const LaneValue x3 = x[3 * in_step];
+  finish_radix_4(x0, x0, x3, negative(x3), y, 1, factor);
+}
+
+template <>
+INTO_LOOP void outer_butterfly<8>(const LaneValue* x, size_t in_step, LaneValue* y, const float* factor) {
+  const LaneValue x0 = x[0];
+  const LaneValue x1 = x[in_step];
+  const LaneValue x6 = x[6 * in_step];
+  const LaneValue x7 = x[7 * in_step];
+  finish_radix_8(x0, x1, x6, x7, x0, x1, negative(x6), negative(x7), y, 1, factor);
 }
 
 // One pass over arrays of n values of which `stride` interleaved transforms of length n / stride are left.
@@ -137,6 +172,13 @@ void run_pass(int radix, const LaneValue* x, LaneValue* y, size_t n, size_t stri
     default:
       return pass<8>(x, y, n, stride, factors);
   }
+}
+
+// The first pass where only the first and the last quarter of the values are not 0.
+template <int Radix>
+KERNEL_LOOP void outer_pass(const LaneValue* x, LaneValue* y, size_t n, const float* factors) {
+  for (size_t p = 0; p < n / Radix; p++, factors += 2 * (Radix - 1))
+    outer_butterfly<Radix>(x + p, n / Radix, y + p * Radix, factors);
 }
 
 // The first pass where no butterfly has more than its first value: each becomes `radix` values that differ by their
@@ -274,6 +316,25 @@ void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, Lan
     spread(radix, in, n_in, first_target(plan, out, scratch), n, plan->factors[0]);
   }
   LaneValue* first = first_target(plan, out, scratch);
+  run_later_passes(plan, first, first == out ? scratch : out);
+}
+
+void lane_fft_of_outer(const LanePlan* plan, LaneValue* in, size_t low, size_t high, LaneValue* out,
+                       LaneValue* scratch) {
+  const auto n = static_cast<size_t>(plan->n);
+  const int radix = plan->radix[0];
+  const bool narrow = (radix == 4 || radix == 8) && std::max(low, high) <= n / 4;
+  const size_t low_end = narrow ? n / 4 : n - high;
+  const size_t high_begin = narrow ? n - n / 4 : low_end;
+  memset(in + low, 0, (low_end - low) * sizeof(LaneValue));
+  memset(in + high_begin, 0, (n - high - high_begin) * sizeof(LaneValue));
+  if (!narrow) return lane_fft(plan, in, out, scratch);
+  LaneValue* first = first_target(plan, out, scratch);
+  if (radix == 4) {
+    outer_pass<4>(in, first, n, plan->factors[0]);
+  } else {
+    outer_pass<8>(in, first, n, plan->factors[0]);
+  }
   run_later_passes(plan, first, first == out ? scratch : out);
 }
 

@@ -49,6 +49,11 @@ void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneVal
 /// lane_fft of arrays of which only the first n_in values are not 0; in holds just these.
 void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch);
 
+/// lane_fft of arrays of which only the first `low` and the last `high` values are not 0; low + high <= n. in holds these
+/// at their places among n values; what lies between is overwritten.
+void lane_fft_of_outer(const LanePlan* plan, LaneValue* in, size_t low, size_t high, LaneValue* out,
+                       LaneValue* scratch);
+
 /// n values, cleared, on a cache line's boundary, for free. A lack of memory ends the run.
 LaneValue* lane_values_new(size_t n);
 

@@ -1,5 +1,6 @@
 #include "run_state.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -72,6 +73,13 @@ void acquire_templates(Run* run) {
                                                   para.apixM, para.shrink, para.center1_ratio, s.work_nx);
 }
 
+// Highest frequency of the conditioned micrographs, in cycles per working pixel.
+float micrograph_band(const Kestrix_Para& para) {
+  if (!para.do_bandpass) return kFullBand;
+  const float band = static_cast<float>(para.shrink) * para.apixM / std::min(para.lp, para.hp);
+  return band > 0 ? std::min(band, kFullBand) : kFullBand;
+}
+
 void allocate_run(Run* run) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
@@ -94,7 +102,7 @@ void allocate_run(Run* run) {
   if (para.detect_ice || para.do_bandpass || para.do_pre_filter) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
   if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, &para);
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
-  run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles);
+  run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para));
   run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);
 }
 

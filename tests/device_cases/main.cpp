@@ -239,7 +239,7 @@ void record_scan(int n, int T_nx, int T_ny, float step, ScanWay way, const std::
   const size_t pixels = static_cast<size_t>(n) * n;
   const OnDevice<float> mic(noise(pixels, 111)), mask(std::vector<float>(pixels, 1.0f)), ccmax(pixels), psi(pixels),
       T(noise(static_cast<size_t>(T_nx) * T_ny, 112));
-  ScanWorkspace ws = scan_workspace_new(n, n, T_nx, T_ny, count_scan_angles(0.0f, 359.0f, step), way);
+  ScanWorkspace ws = scan_workspace_new(n, n, T_nx, T_ny, count_scan_angles(0.0f, 359.0f, step), kFullBand, way);
   quorlin_transform_micrograph(&ws, mic.data);
   quorlin_ccmax_psi_by_one_template(&ws, mic.data, mask.data, ccmax.data, psi.data, 1, T.data, 9.0f, 0.0f, 359.0f,
                                     step);

@@ -1,0 +1,128 @@
+#include "matching/lane_axis.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "host_memory.h"
+
+namespace {
+
+// Of the Kaiser window whose integral blends the mirror images: what it adds to the band beyond its main lobe is some
+// 1e-6 of it (Kaiser and Schafer 1980, IEEE Trans. ASSP 28, 105).
+constexpr double kBlendShape = 13;
+constexpr double kPi = 3.141592653589793;
+constexpr int kShortestBlend = 16;
+
+double cost_of_side(int n) { return n * lane_plan_cost(n); }
+
+// The cheapest side from `least` on that transforms well, the cost of each given by `cost`.
+template <class Cost>
+int cheapest_side(int least, int most, Cost cost) {
+  int best = 0;
+  double best_cost = std::numeric_limits<double>::infinity();
+  for (int side = least; side <= most || best == 0; side++) {
+    if (!lane_plan_handles(side) || cost(side) >= best_cost) continue;
+    best = side;
+    best_cost = cost(side);
+  }
+  return best;
+}
+
+// Part of a spectrum of `side` values that a band takes up, widened by a blend over `length` pixels: the main lobe of a
+// Kaiser window.
+double blended_width(double band, int length) {
+  return std::min(1.0, 2 * (band + std::sqrt(kBlendShape * kBlendShape + kPi * kPi) / (2 * kPi * length)));
+}
+
+LanePart part_new(int first, int count, int side) {
+  LanePart part{};
+  part.first = first;
+  part.count = count;
+  part.plan = lane_plan_new(side);
+  part.taps = host_new<LaneTap>(static_cast<size_t>(side));
+  part.width = 1;
+  return part;
+}
+
+// Correlations first to first + count - 1 by the pixels that they need, wrapped around, and zeros.
+LanePart wrapped_part(int first, int count, int n, int t, int side) {
+  LanePart part = part_new(first, count, side);
+  const int needed = side == n ? n : count + t - 1;
+  for (int i = 0; i < side; i++) {
+    const int pixel = (first + i) % n;
+    part.taps[i] = {pixel, pixel, i < needed ? 1.0f : 0.0f, 0.0f};
+  }
+  return part;
+}
+
+// Correlations that don't wrap: behind the image's last pixel follow its mirror images, from the last pixel backwards
+// blended into those that lead up to the first.
+LanePart blended_part(int n, int t, int side, double width) {
+  LanePart part = part_new(0, n - t + 1, side);
+  part.width = width;
+  for (int i = 0; i < n; i++) part.taps[i] = {i, i, 1.0f, 0.0f};
+  const int length = side - n;
+  double total = 0;
+  const auto window = [&](int i) {
+    const double at = (2.0 * i + 1) / length - 1;
+    return std::cyl_bessel_i(0.0, kBlendShape * std::sqrt(1 - at * at));
+  };
+  for (int i = 0; i < length; i++) total += window(i);
+  double sum = 0;
+  for (int i = 0; i < length; i++) {
+    const double at_first = (sum + window(i) / 2) / total;
+    sum += window(i);
+    // A blend longer than the image goes on in the mirror image's own mirror image.
+    const int from_last = i % (2 * n);
+    const int from_first = (length - 1 - i) % (2 * n);
+    part.taps[n + i] = {from_last < n ? n - 1 - from_last : from_last - n,
+                        from_first < n ? from_first : 2 * n - 1 - from_first, static_cast<float>(1 - at_first),
+                        static_cast<float>(at_first)};
+  }
+  return part;
+}
+
+}  // namespace
+
+LaneAxis lane_axis_whole(int n, int t) {
+  const int side = lane_plan_handles(n) ? n : cheapest_side(n + t - 1, 2 * (n + t), cost_of_side);
+  LaneAxis axis{};
+  axis.n_parts = 1;
+  axis.parts[0] = wrapped_part(0, n, n, t, side);
+  return axis;
+}
+
+LaneAxis lane_axis_split(int n, int t, double band) {
+  // Of each angle's work the transforms along the rows go with the side, those along the columns also with the width.
+  const int side = cheapest_side(n + kShortestBlend, 2 * n, [&](int candidate) {
+    return cost_of_side(candidate) * (n + 1.5 * blended_width(band, candidate - n) * candidate);
+  });
+  LaneAxis axis{};
+  axis.n_parts = 2;
+  axis.parts[0] = blended_part(n, t, side, blended_width(band, side - n));
+  axis.parts[1] = wrapped_part(n - t + 1, t - 1, n, t, cheapest_side(2 * t - 2, 4 * t, cost_of_side));
+  return axis;
+}
+
+void lane_axis_free(LaneAxis* axis) {
+  for (LanePart& part : axis->parts) {
+    lane_plan_free(&part.plan);
+    free(part.taps);
+  }
+  *axis = LaneAxis{};
+}
+
+double lane_axes_cost(const LaneAxis& x, const LaneAxis& y) {
+  double cost = 0;
+  for (int j = 0; j < y.n_parts; j++) {
+    for (int i = 0; i < x.n_parts; i++) {
+      const LanePart& across = x.parts[i];
+      const LanePart& down = y.parts[j];
+      // Rows once; columns once back and, shared by two turns, once forth.
+      cost += down.count * cost_of_side(across.plan.n) + 1.5 * across.width * across.plan.n * cost_of_side(down.plan.n);
+    }
+  }
+  return cost;
+}

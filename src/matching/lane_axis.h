@@ -1,0 +1,43 @@
+// How one axis of a scan is divided: which correlations a transform gives, and from which pixels.
+//
+// The sum over a template wraps around the image's edges, and at the edges the image jumps: the spectrum of a band-passed
+// image is as wide as any. A template that doesn't reach over an edge doesn't see the jump. So an axis may be split: the
+// inner part has the correlations that don't wrap, from the image continued beyond its edges by its mirror images, which
+// are blended into each other smoothly, so that the spectrum stays as narrow as the band; the edge part has those that
+// wrap, from the pixels on both sides of the edge.
+#pragma once
+
+#include "platform/lane_fft.h"
+
+/// A pixel to transform: at_a times pixel a plus at_b times pixel b of the image.
+struct LaneTap {
+  int a, b;
+  float at_a, at_b;
+};
+
+/// Correlations first to first + count - 1 of an axis, by transforms of plan.n values.
+struct LanePart {
+  int first, count;
+  LanePlan plan;
+  LaneTap* taps;  // plan.n
+  double width;   // of the spectrum of a band-passed image, expected: part of plan.n
+};
+
+/// One or two parts that together have each correlation of the axis once.
+struct LaneAxis {
+  int n_parts;
+  LanePart parts[2];
+};
+
+/// An axis of n pixels and templates of t in one part. A side that doesn't transform well is continued periodically by
+/// the template's size to one that does. Released with lane_axis_free. A lack of memory ends the run.
+LaneAxis lane_axis_whole(int n, int t);
+
+/// The same split into the inner and the edge part; t above 1. band: the highest frequency of the image, in cycles per
+/// pixel.
+LaneAxis lane_axis_split(int n, int t, double band);
+
+void lane_axis_free(LaneAxis* axis);
+
+/// The work for each angle of a scan with these axes, for choosing between ways to divide them.
+double lane_axes_cost(const LaneAxis& x, const LaneAxis& y);
