@@ -4,7 +4,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -58,32 +57,21 @@ class RunOnBad : public WholeRun {
 
 }  // namespace
 
-// --- Files that are no micrographs ---
-
-TEST_F(RunOnBad, ListWithoutAReadableMicrographIsRefused) {
+TEST_F(RunOnBad, FilesThatAreNoMicrographsAreRefusedWithTheirSizes) {
   expect_fatal("gone.mrc ''", "no readable micrograph in the list");
-  EXPECT_TRUE(holds(run("gone.mrc").output, "the micrograph gone.mrc does NOT exsit! Automatically ignored!"));
-}
-
-TEST_F(RunOnBad, HeaderWithSizesThatCannotBeIsRefused) {
-  const int sizes[][2] = {
-      {0, 0},       {0, 300},     {300, 0},           {-300, 280},        {-300, -280},   {INT_MAX, 1},   {1, INT_MAX},
-      {INT_MAX, 2}, {INT_MIN, 1}, {INT_MIN, INT_MIN}, {INT_MAX, INT_MAX}, {65536, 65536}, {65535, 65535}, {1 << 30, 4}};
-  for (const auto& size : sizes) {
-    write_mrc("bad.mrc", size[0], size[1], 1, 2, 1000);
-    expect_fatal("bad.mrc", "the header of bad.mrc gives a size of " + std::to_string(size[0]) + " x " +
-                                std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
-  }
-  EXPECT_FALSE(exists("bad_nonunique.box"));
-}
-
-TEST_F(RunOnBad, EmptyFileFolderAndTextAreRefused) {
   write_file(path("empty.mrc"), "");
   write_file(path("text.mrc"), "This is not a micrograph but some lines of text.\n");
   std::filesystem::create_directory(path("folder.mrc"));
   expect_fatal("empty.mrc", "the header of empty.mrc gives a size of 0 x 0 pixels");
   expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
   expect_fatal("folder.mrc", "the header of folder.mrc gives a size of 0 x 0 pixels");
+  const int sizes[][2] = {{0, 300}, {-300, -280}, {INT_MAX, 1}, {INT_MIN, INT_MIN}, {65536, 65536}, {65535, 65535}};
+  for (const auto& size : sizes) {
+    write_mrc("bad.mrc", size[0], size[1], 1, 2, 1000);
+    expect_fatal("bad.mrc", "the header of bad.mrc gives a size of " + std::to_string(size[0]) + " x " +
+                                std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
+  }
+  EXPECT_FALSE(exists("bad_nonunique.box"));
 }
 
 TEST_F(RunOnBad, BadFileBehindAGoodOneStopsTheRunAndKeepsItsLists) {
@@ -152,29 +140,28 @@ TEST_F(RunOnBad, MissingSamplesCountAsZero) {
 }
 
 TEST_F(RunOnBad, FlatImageGivesNoPicks) {
-  for (const float value : {0.0F, 7.0F, -1e30F, 0.1F}) {
+  for (const float value : {0.0F, -1e30F, 0.1F}) {
     write_image("flat.mrc", std::vector<float>(300 * 280, value), 300, 280);
-    for (const char* options : {"", "--detect_ice 0", "--do_pre_filter", "--do_bandpass 0 --detect_ice 0",
-                                "--write_mic_mask --write_bgfree_mic --write_ccmax_mic --write_bg_mic --extract_raw"})
+    for (const char* options : {"", "--do_bandpass 0 --detect_ice 0",
+                                "--do_pre_filter --write_mic_mask --write_bgfree_mic --write_ccmax_mic --extract_raw"})
       expect_no_picks("flat.mrc", "Kestrix: flat.mrc: the image has no variation; nothing can be picked.\n", options);
   }
 }
 
 TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersGivesNoPicks) {
-  const float inf = std::numeric_limits<float>::infinity();
-  for (const float value : {kNaN, inf, -inf, 3.4e38F}) {
+  simulate_small();
+  for (const float value : {kNaN, kInfinity, -kInfinity, 3.4e38F}) {
     for (const size_t last : {300UL * 280, 1UL}) {
-      simulate_small();
-      Image image = read_image(path("sim_001.mrc"));
-      for (size_t i = 0; i < last; i++) image.data[i] = i % 2 == 1 ? -value : value;
-      write_image("nan.mrc", image.data, 300, 280);
-      for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter"}) {
+      Image damaged = image(".mrc");
+      for (size_t i = 0; i < last; i++) damaged.data[i] = i % 2 == 1 ? -value : value;
+      write_image("nan.mrc", damaged.data, 300, 280);
+      for (const char* options : {"", "--detect_ice 0 --do_bandpass 0 --do_pre_filter"}) {
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
-        EXPECT_EQ(
-            std::isfinite(value) ? "" : "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
-            result.errors);
-        EXPECT_TRUE(std::isfinite(value) || content("nan_quorlin.box").empty());
+        const bool finite = std::isfinite(value);
+        EXPECT_EQ(finite ? "" : "Kestrix: nan.mrc: holds values that are not finite; nothing can be picked.\n",
+                  result.errors);
+        EXPECT_TRUE(finite || content("nan_quorlin.box").empty());
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;
       }
@@ -195,50 +182,29 @@ TEST_F(RunOnBad, ExtendedHeaderIsToldOf) {
 
 // --- Templates ---
 
-TEST_F(RunOnBad, TemplatesThatCannotBeUsedAreRefused) {
-  simulate_small();
-  std::vector<float> pixels(3 * 40 * 40, 0.0F);
-  for (size_t i = 0; i < pixels.size(); i++) pixels[i] = std::sin(static_cast<float>(i));
-  std::vector<float> broken = pixels;
-  broken[2 * 1600 + 800] = kNaN;
-  write_image("nan.mrcs", broken, 40, 40, 3);
-  std::fill_n(broken.begin() + 1600, 3200, 5.0F);
-  write_image("flat.mrcs", broken, 40, 40, 3);
-  std::fill(broken.begin(), broken.end(), 3e38F);
-  write_image("huge.mrcs", broken, 40, 40, 3);
-  write_image("wide.mrcs", std::vector<float>(160000, 1.0F), 400, 400);
+TEST_F(RunOnBad, TemplatesThatMatchNothingAreRefusedAndOddOnesUsed) {
+  simulate_small("--templates 2 --boxT 21 --apixT 16");
+  std::vector<float> pixels = random_values(3 * 40 * 40, 1);
+  pixels[2 * 1600 + 800] = kNaN;
+  write_image("nan.mrcs", pixels, 40, 40, 3);
+  std::fill_n(pixels.begin() + 1600, 3200, 5.0F);
+  write_image("flat.mrcs", pixels, 40, 40, 3);
+  write_image("huge.mrcs", std::vector<float>(4800, 3e38F), 40, 40, 3);
   write_mrc("short.mrcs", 40, 40, 3, 2, 3 * 1600 * 4 - 1);
-  write_mrc("mode4.mrcs", 40, 40, 1, 4, 1600 * 8);
-  write_mrc("negative.mrcs", 40, -40, 1, 2, 1600 * 4);
-  write_mrc("no_image.mrcs", 40, 40, 0, 2, 1600 * 4);
   write_mrc("greatest.mrcs", INT_MAX, INT_MAX, INT_MAX, 2, 1600 * 4);
-  write_mrc("many.mrcs", 40, 40, INT_MAX, 2, 1600 * 4);
-  write_file(path("empty.mrcs"), "");
   std::filesystem::create_directory(path("folder.mrcs"));
-  const char* const cases[][2] = {
-      {"nan.mrcs", "template 3 holds values that are not finite"},
-      {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
-      {"huge.mrcs", "template 1 "},
-      {"wide.mrcs", "wide.mrcs come out as 400 x 400 pixels, larger than the working image"},
-      {"short.mrcs", "short.mrcs ends before its last image"},
-      {"mode4.mrcs", "mode4.mrcs are of MRC mode 4 (Complex Float); modes 0, 1, 2 and 6"},
-      {"negative.mrcs", "have the size 40 x -40 x 1, which can't be"},
-      {"no_image.mrcs", "have the size 40 x 40 x 0, which can't be"},
-      {"greatest.mrcs", "which can't be: is it an MRC stack"},
-      {"many.mrcs", "many.mrcs ends before its last image"},
-      {"empty.mrcs", "have the size 0 x 0 x 0, which can't be"},
-      {"folder.mrcs", "have the size 0 x 0 x 0, which can't be"},
-      {"gone.mrcs", "Cannot open file gone.mrcs. Permission denied or wrong file name.\n"}};
+  const char* const cases[][2] = {{"nan.mrcs", "template 3 holds values that are not finite"},
+                                  {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
+                                  {"huge.mrcs", "template 1 "},
+                                  {"short.mrcs", "short.mrcs ends before its last image"},
+                                  {"greatest.mrcs", "which can't be: is it an MRC stack"},
+                                  {"folder.mrcs", "have the size 0 x 0 x 0, which can't be"}};
   for (const auto& one : cases) {
     expect_fatal("sim_001.mrc --T " + std::string(one[0]), one[1]);
-    EXPECT_FALSE(exists("sim_001_nonunique.box"));
+    EXPECT_EQ("", outputs());
   }
-}
-
-TEST_F(RunOnBad, TemplatesOfEveryOddFormAreUsable) {
-  simulate_small("--templates 2 --boxT 21 --apixT 16");
-  for (const char* options : {"--T_norm_type 0", "--T_norm_type 2", "--T_norm_type 3", "--T_norm_type -1",
-                              "--apixT 16.5", "--speed 0", "--apixT 1.7 --T_norm_type 2"}) {
+  for (const char* options :
+       {"--T_norm_type 0", "--T_norm_type 3", "--T_norm_type -1", "--apixT 16.5", "--apixT 1.7 --T_norm_type 2"}) {
     const ProgramRun result =
         run("sim_001.mrc --T sim_templates.mrcs --ang_step 30 --apixT 16 " + std::string(options));
     EXPECT_EQ(0, result.status) << options << ": " << result.output;
