@@ -61,7 +61,6 @@ std::vector<double> rescaled(const std::vector<float>& d, const Statistics& from
 }  // namespace
 
 using BlockSum = DeviceTest;
-using ArrayOperations = DeviceTest;
 using Normalisation = DeviceTest;
 
 TEST_F(BlockSum, EqualsThePairingTreeBitForBitOnAnyNumberOfCores) {
@@ -82,52 +81,6 @@ TEST_F(BlockSum, EqualsThePairingTreeBitForBitOnAnyNumberOfCores) {
         << "the sum in place wrote past its block sums";
     if (n == 1025) hcuda_release_sum_scratch();
   }
-}
-
-TEST_F(BlockSum, OfSquaresAndUnderMasksAreTheTreesOfTheirTerms) {
-  const size_t n = 5000;
-  const std::vector<float> values = uneven_values(n, 1), mask = random_values(n, 2);
-  std::vector<float> squares(n), products(n), masked_squares(n);
-  for (size_t i = 0; i < n; i++) {
-    squares[i] = values[i] * values[i];
-    products[i] = values[i] * mask[i];
-    masked_squares[i] = squares[i] * mask[i];
-  }
-  const auto d = to_device(values), m = to_device(mask);
-  EXPECT_EQ(pairing_sum(squares), hcuda_fast_sumsqr(d.get(), n));
-  EXPECT_EQ(pairing_sum(products), hcuda_fast_sum_withmask(d.get(), m.get(), n));
-  EXPECT_EQ(pairing_sum(masked_squares), hcuda_fast_sumsqr_withmask(d.get(), m.get(), n));
-  EXPECT_EQ(pairing_sum(values) / 5000.0f, hcuda_fast_mean(d.get(), n));
-}
-
-TEST_F(ArrayOperations, RoundEveryStepInTheStatedOrder) {
-  const size_t n = 40001;  // no multiple of a block, and enough to be shared among cores
-  const std::vector<float> a = uneven_values(n, 1), b = uneven_values(n, 2);
-  std::vector<float> product(n), masked_square(n), about_mean(n), shifted(n), negative(n), fused(n);
-  for (size_t i = 0; i < n; i++) {
-    product[i] = a[i] * b[i];
-    const float square = a[i] * a[i];
-    masked_square[i] = square * b[i];
-    const float off = a[i] - 0.3f;
-    const float off_square = off * off;
-    about_mean[i] = b[i] * off_square;
-    shifted[i] = off;
-    negative[i] = -off;
-    fused[i] = std::fma(negative[i], 1.1f, -0.7f);
-  }
-  const auto da = to_device(a), db = to_device(b), out = unwritten(n);
-  hcuda_x1d_multi(out.get(), da.get(), db.get(), n);
-  EXPECT_TRUE(same_bits(to_host(out, n), product));
-  hcuda_sqr_withmask(out.get(), da.get(), db.get(), n);
-  EXPECT_TRUE(same_bits(to_host(out, n), masked_square));
-  hcuda_data_submean_sqr_withmask(out.get(), da.get(), db.get(), n, 0.3f);
-  EXPECT_TRUE(same_bits(to_host(out, n), about_mean));
-  hcuda_sub_inplace(da.get(), n, 0.3f);
-  EXPECT_TRUE(same_bits(to_host(da, n), shifted));
-  hcuda_invert_inplace(da.get(), n);
-  EXPECT_TRUE(same_bits(to_host(da, n), negative));
-  hcuda_multi_add_inplace(da.get(), n, 1.1f, -0.7f);
-  EXPECT_TRUE(same_bits(to_host(da, n), fused));
 }
 
 // A float sum of n terms in the pairing tree is off by at most 20 roundings of 6e-8 of the sum of the magnitudes; the

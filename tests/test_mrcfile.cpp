@@ -227,18 +227,6 @@ TEST_F(MrcFile, AFileOfAnotherSizeThanItsHeadSaysIsRefusedWholeBeforeAllocation)
   }
 }
 
-TEST_F(MrcFile, TheSizesOfTheHeadAreToldByKeyword) {
-  write_mrc(path("a.mrcs"), head_of(3, 5, 7, 2), "");
-  const std::pair<const char*, long> sizes[] = {{"x", 3},   {"Y", 5},   {"z", 7},   {"xy", 15}, {"YX", 15},
-                                                {"xz", 21}, {"zx", 21}, {"yz", 35}, {"zY", 35}, {"XYZ", 105}};
-  for (const auto& size : sizes)
-    EXPECT_EQ(size.second, get_mrcf_dim_size(path("a.mrcs").c_str(), size.first)) << size.first;
-  EXPECT_EQ(
-      "Error in function get_mrcf_dim_size(), file mrcfile on line N: unrecognized dimension keywords zyx !\n"
-      "valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n",
-      output_of([&] { EXPECT_EQ(0, get_mrcf_dim_size(path("a.mrcs").c_str(), "zyx")); }));
-}
-
 TEST_F(MrcFile, HostAndDeviceWritersMakeTheSameFloatFile) {
   std::vector<float> data(24);
   for (int i = 0; i < 24; i++) data[i] = static_cast<float>((i * 7) % 24) - 3.5f;

@@ -190,15 +190,9 @@ TEST_F(RunOnBad, TemplatesThatMatchNothingAreRefusedAndOddOnesUsed) {
   std::fill_n(pixels.begin() + 1600, 3200, 5.0F);
   write_image("flat.mrcs", pixels, 40, 40, 3);
   write_image("huge.mrcs", std::vector<float>(4800, 3e38F), 40, 40, 3);
-  write_mrc("short.mrcs", 40, 40, 3, 2, 3 * 1600 * 4 - 1);
-  write_mrc("greatest.mrcs", INT_MAX, INT_MAX, INT_MAX, 2, 1600 * 4);
-  std::filesystem::create_directory(path("folder.mrcs"));
   const char* const cases[][2] = {{"nan.mrcs", "template 3 holds values that are not finite"},
                                   {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
-                                  {"huge.mrcs", "template 1 "},
-                                  {"short.mrcs", "short.mrcs ends before its last image"},
-                                  {"greatest.mrcs", "which can't be: is it an MRC stack"},
-                                  {"folder.mrcs", "have the size 0 x 0 x 0, which can't be"}};
+                                  {"huge.mrcs", "template 1 "}};
   for (const auto& one : cases) {
     expect_fatal("sim_001.mrc --T " + std::string(one[0]), one[1]);
     EXPECT_EQ("", outputs());

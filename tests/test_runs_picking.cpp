@@ -1,7 +1,6 @@
 // Whole runs: which particles are picked, whatever the micrograph's form and the number of threads, and what the images
 // hold that are written on request.
 #include <cmath>
-#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
@@ -254,25 +253,7 @@ TEST_F(RunPicks, AFileOfTheWrongLengthIsPickedButNotCut) {
   EXPECT_FALSE(exists("sim_001_particles.mrcs"));
 }
 
-// --- Other readers, where they are installed ---
-
-TEST_F(RunPicks, ImagesAreReadByThePythonReaderAsTheyAreByOurs) {
-  if (system("/usr/bin/python3 -c 'import mrcfile' 2>/dev/null") != 0) GTEST_SKIP() << "mrcfile is not installed";
-  simulate("--templates 2 --ice 2");
-  pick("--speed 1 --T sim_templates.mrcs --apixT 8 --ang_step 30 " + std::string(kEveryImage));
-  write_file(path("read.py"),
-             "import glob, mrcfile\n"
-             "for name in glob.glob('sim_001_*.mrc*'):\n"
-             "  with mrcfile.open(name, permissive=True) as f: f.data.astype('<f4').tofile(name + '.raw')\n");
-  const ProgramRun run = run_program(path("."), "/usr/bin/python3 read.py");
-  ASSERT_EQ(0, run.status) << run.errors;
-  for (const char* suffix : {"_pref.mrc", "_mask.mrc", "_bgfree.mrc", "_ccmax.mrc", "_particles.mrcs"}) {
-    const Image ours = image(suffix);
-    const std::string theirs = content(std::string("sim_001") + suffix + ".raw");
-    ASSERT_EQ(ours.data.size() * sizeof(float), theirs.size()) << suffix;
-    EXPECT_EQ(0, memcmp(ours.data.data(), theirs.data(), theirs.size())) << suffix;
-  }
-}
+// --- A client of the lists, where it is installed ---
 
 TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {
   if (system("command -v relion_preprocess >/dev/null 2>&1") != 0) GTEST_SKIP() << "relion is not installed";

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "simulate/ctf.h"
-#include "simulate/phantom.h"
 #include "simulate/random.h"
 #include "simulate/scene.h"
 #include "test_support_runs.h"
@@ -50,16 +49,6 @@ std::vector<double> values_near(const Image& image, const std::vector<TruePartic
         if (std::hypot(static_cast<double>(x) - p.x, static_cast<double>(y) - p.y) <= radius)
           values.push_back(image.at(x, y));
   return values;
-}
-
-/// Value of a projection of kBlobs Gaussians at a place in Å from the particle's centre.
-double sum_of_spots(const Spot* spots, double x, double y) {
-  double sum = 0;
-  for (int i = 0; i < kBlobs; i++) {
-    const double dx = x - spots[i].x, dy = y - spots[i].y;
-    sum += spots[i].height * std::exp(-(dx * dx + dy * dy) / (2 * spots[i].sigma * spots[i].sigma));
-  }
-  return sum;
 }
 
 }  // namespace
@@ -136,40 +125,6 @@ TEST_F(Simulate, MovieShowsTheSameParticlesInNewNoiseAndItsHeaderTellsItsStatist
   EXPECT_NEAR(std::sqrt(variance(widened(movie.data))), movie.head.rms, 1e-4);
   EXPECT_EQ(*std::min_element(movie.data.begin(), movie.data.end()), movie.head.amin);
   EXPECT_EQ(*std::max_element(movie.data.begin(), movie.data.end()), movie.head.amax);
-}
-
-TEST_F(Simulate, IceAndCarbonAreDarkAndTextured) {
-  simulate("--nx 700 --carbon 0.3 --ice 6 --count 0 --gradient 0 --noise_free --seed 4");
-  const Image image = read_image(path("sim_001.mrc"));
-  const std::vector<Area> areas = read_areas(path("sim_001_areas.star").c_str());
-  ASSERT_EQ(7U, areas.size());
-  std::vector<double> values[4];
-  for (long y = 0; y < image.head.ny; y += 2)
-    for (long x = 0; x < image.head.nx; x += 2)
-      values[contamination_at(areas, static_cast<double>(x), static_cast<double>(y))].push_back(image.at(x, y));
-  const double clean = mean(values[kClean]);
-  EXPECT_NEAR(0.92, mean(values[kOnCarbon]) / clean, 0.03);
-  EXPECT_NEAR(0.85, mean(values[kOnIce]) / clean, 0.06);
-  EXPECT_GT(std::sqrt(variance(values[kOnCarbon])), 0.05 * clean);
-  EXPECT_GT(std::sqrt(variance(values[kOnIce])), 0.08 * clean);
-  EXPECT_LT(std::sqrt(variance(values[kClean])), 0.02 * clean) << "fringes of the edges only";
-}
-
-TEST_F(Simulate, TemplatesAreBrightProjectionsOnZeroAtTheirOwnPixelSize) {
-  simulate("--number 0 --templates 5 --apix 1.34");
-  const Image stack = read_image(path("sim_templates.mrcs"));
-  EXPECT_EQ(122, stack.head.nx);
-  EXPECT_EQ(122, stack.head.ny);
-  EXPECT_EQ(5, stack.head.nz);
-  EXPECT_FLOAT_EQ(2.68F, stack.head.xlen / static_cast<float>(stack.head.mx));
-  Spot spots[kBlobs];
-  // the first of five directions: a fifth of the sphere's caps, cos(tilt) = 0.8, rot 0
-  project_phantom(make_phantom(260), {0, 36.86989764584402, 0}, 20, spots);
-  for (const int x : {0, 40, 60, 61, 75})
-    for (const int y : {0, 45, 61, 80})
-      EXPECT_NEAR(sum_of_spots(spots, (x - 60.5) * 2.68, (y - 60.5) * 2.68), stack.at(x, y), 0.02);
-  EXPECT_LT(stack.at(0, 0), 1e-3F);
-  EXPECT_GT(stack.at(60, 60), 1.0F);
 }
 
 TEST_F(Simulate, RefusesWhatItCannotDoWithAMessageThatNamesTheOption) {
