@@ -73,12 +73,9 @@ TEST_F(Extraction, BoxesAreCutFromEveryFrameWithZerosOutsideTheImage) {
   }
 }
 
-TEST_F(Extraction, TheSizeAskedForOrThatOfTheFirstBoxHoldsForAllUpToTheMostBoxes) {
+TEST_F(Extraction, TheFirstBoxHoldsForAllUpToTheMostBoxes) {
   write_movie("m.mrcs", 13, 11, 1, 1);
-  EXPECT_EQ(std::vector<float>{movie_pixel(13, 11, 6, 5, 0)}, extract("m.mrcs", "4 3 5 5\n", 1, 0));
   EXPECT_EQ(6u, extract("m.mrcs", "4 3 1 3\n2 2 100 100\n", 0, 0).size());
-  EXPECT_EQ(1, head.nx);
-  EXPECT_EQ(3, head.ny);
   std::string boxes;
   for (int i = 0; i < 10241; i++) boxes += "1 1 1 1\n";
   EXPECT_EQ(std::vector<float>(10240, 15.0f), extract("m.mrcs", boxes, 0, 0));

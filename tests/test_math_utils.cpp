@@ -107,14 +107,6 @@ TEST_F(Normalisation, MovesEveryPixelByTheStatisticsUnderTheMask) {
   EXPECT_TRUE(all_near(to_host(d, n), rescaled(values, want, 3, -2), 4e-5));
 }
 
-TEST(HostSums, AddInDoubleWhatTheyRoundToFloatFirst) {
-  const std::vector<float> steps{16777216.0f, 1.0f, 1.0f, 1.0f};  // a float sum would stay at 2^24
-  EXPECT_EQ(4194304.75f, hm_meanf(steps.data(), 4));
-  // Products are rounded to float, losing the 2^-24 of (1 + 2^-12)^2, then added in double.
-  const std::vector<float> x{1.0f + std::ldexp(1.0f, -12), 16777216.0f}, one{x[0], 1.0f};
-  EXPECT_EQ(16777217.0 + std::ldexp(1.0, -11), hm_sum_withmask(x.data(), one.data(), 2));
-}
-
 TEST(HostMask, OfSumZeroEndsTheRunAndOfATooSmallOneWarns) {
   const std::vector<float> balanced{1.0f, -1.0f, 0.0f};
   const ChildResult result = run_in_child([&] { hm_sum_check0(balanced.data(), 3); });

@@ -241,18 +241,6 @@ TEST_F(RunPicks, CorrelationMapsHoldTheScoresOfTheCandidates) {
   EXPECT_LE(maps.head.amax, 1.0F) << "a correlation";
 }
 
-TEST_F(RunPicks, AFileOfTheWrongLengthIsPickedButNotCut) {
-  simulate();
-  std::ofstream(path("sim_001.mrc"), std::ios::app) << "x";
-  EXPECT_EQ("", pick("--speed 1").errors);
-  const std::string list = content("sim_001_quorlin.box");
-  const ProgramRun run = kestrix("--apixM 4 --diameter 260 --cc_cutoff 0.25 --speed 1 --extract_raw sim_001.mrc");
-  EXPECT_EQ(1, run.status);
-  EXPECT_TRUE(holds(without_line_numbers(run.output), fatal_line("mrc_read_all", "mrcfile", "File size error!")));
-  EXPECT_EQ(list, content("sim_001_quorlin.box"));
-  EXPECT_FALSE(exists("sim_001_particles.mrcs"));
-}
-
 // --- A client of the lists, where it is installed ---
 
 TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {

@@ -58,15 +58,6 @@ TEST(Matching, CountsParticlesOnContaminationNeitherAsMissedNorAsRight) {
   EXPECT_DOUBLE_EQ(5, score.distance);
 }
 
-TEST(Outlines, CoverByTheEvenOddRule) {
-  const std::vector<Area> areas = {{kOnIce, {0, 10, 10, 0}, {0, 0, 10, 10}},
-                                   {kOnCarbon, {5, 15, 15, 5}, {5, 5, 15, 15}}};
-  EXPECT_EQ(kOnIce, contamination_at(areas, 2, 2));
-  EXPECT_EQ(kOnIce | kOnCarbon, contamination_at(areas, 7, 7));
-  EXPECT_EQ(kOnCarbon, contamination_at(areas, 12, 12));
-  EXPECT_EQ(kClean, contamination_at(areas, 12, 2));
-}
-
 TEST_F(ScoreRun, BoxAndStarListsOfTheSamePicksScoreTheSame) {
   write("picks.star", std::string(kStarHead) + "103 104 0\n300 98 5\n102 301 0\n110 100 0\n505 500 0\n800 700 0\n");
   write("picks.box",

@@ -8,7 +8,6 @@
 
 #include "simulate/ctf.h"
 #include "simulate/random.h"
-#include "simulate/scene.h"
 #include "test_support_runs.h"
 
 namespace {
@@ -68,27 +67,6 @@ TEST_F(Simulate, HasTheSignalToNoiseRatioAskedForAndDarkParticles) {
   const double all = mean(widened(clean.data));
   EXPECT_LT(mean(values_near(clean, truth, 80 / 2.68)), all - 1) << "electrons per pixel";
   EXPECT_NEAR(40 * 2.68 * 2.68, all, 2);
-}
-
-TEST_F(Simulate, TruthIsWhereTheParticlesAre) {
-  simulate("--no_ctf --noise_free --gradient 0 --coverage 0.2 --min_spacing 340");
-  const Image image = read_image(path("sim_001.mrc"));
-  const double background = 40 * 2.68 * 2.68;
-  for (const TrueParticle& p : read_truth(path("sim_001_truth.star").c_str())) {
-    double mass = 0, x_moment = 0, y_moment = 0;
-    for (long y = 0; y < image.head.ny; y++)
-      for (long x = 0; x < image.head.nx; x++) {
-        const double dx = static_cast<double>(x) - p.x, dy = static_cast<double>(y) - p.y;
-        if (std::hypot(dx, dy) > 58) continue;
-        const double depth = background - image.at(x, y);
-        mass += depth;
-        x_moment += depth * dx;
-        y_moment += depth * dy;
-      }
-    EXPECT_GT(mass, 0);
-    EXPECT_NEAR(0, x_moment / mass, 0.02);
-    EXPECT_NEAR(0, y_moment / mass, 0.02);
-  }
 }
 
 TEST_F(Simulate, SameSeedGivesTheSameBytesOnAnyNumberOfThreadsAndAnotherSeedOthers) {
@@ -170,25 +148,6 @@ TEST(Ctf, AgreesWithTheFormInPhaseAndAmplitudeContrastInMetres) {
   EXPECT_NEAR(-1, ctf_value(optics, 1 / 25.0), 0.02) << "first maximum";
 }
 
-TEST(Ctf, ScalesAWaveByItsValueAtThatFrequencyAndLeavesItsPhase) {
-  const Optics optics = {300, 12000, 2.7, 0.1, 0};
-  Canvas canvas;
-  ASSERT_TRUE(canvas_new(&canvas, 60, 42));
-  const double apix = 3, kx = 4 / (60 * apix), ky = -3 / (42 * apix), k = std::hypot(kx, ky);
-  const auto wave = [&](int x, int y) { return std::cos(2 * kPi * apix * (kx * x + ky * y) + 0.7); };
-  for (int y = 0; y < 42; y++)
-    for (int x = 0; x < 60; x++) canvas.image[y * canvas.stride + x] = static_cast<float>(wave(x, y));
-  canvas_apply_ctf(&canvas, apix, optics, 1 / k);
-  double worst = 0;
-  for (int y = 0; y < 42; y++)
-    for (int x = 0; x < 60; x++) {
-      const double expected = 0.5 * ctf_value(optics, k) * wave(x, y);
-      worst = std::max(worst, std::fabs(canvas.image[y * canvas.stride + x] - expected));
-    }
-  EXPECT_LT(worst, 2e-6) << "single precision";
-  canvas_free(&canvas);
-}
-
 TEST(Random, PoissonCountsFollowTheDistributionByEitherMethod) {
   for (const double mean_count : {0.4, 4.0, 9.5, 10.5, 72.0, 180.0}) {
     Random random = random_stream(11, Stream::noise, 0, static_cast<uint64_t>(mean_count * 10));
@@ -206,35 +165,4 @@ TEST(Random, PoissonCountsFollowTheDistributionByEitherMethod) {
     EXPECT_LT(chi_square, classes + 5 * std::sqrt(2 * classes)) << mean_count;
     EXPECT_GT(classes, 3);
   }
-}
-
-TEST(Scene, ParticlesKeepTheirDistancesAndKnowWhatTheyLieOn) {
-  Settings settings = {};
-  settings.nx = 1200;
-  settings.ny = 900;
-  settings.apix = 4;
-  settings.diameter = 200;
-  settings.count = 60;
-  settings.min_spacing = 220;
-  settings.margin = 140;
-  settings.ice = 12;
-  settings.carbon = 0.25;
-  const Scene scene = make_scene(settings, 1);
-  ASSERT_EQ(60U, scene.particles.size());
-  int flagged = 0;
-  double tilt_cosine = 0;
-  for (size_t i = 0; i < scene.particles.size(); i++) {
-    const TrueParticle& p = scene.particles[i];
-    EXPECT_GE(std::min({p.x, p.y, 1199 - p.x, 899 - p.y}), 34.5);
-    for (size_t j = 0; j < i; j++) EXPECT_GE(std::hypot(p.x - scene.particles[j].x, p.y - scene.particles[j].y), 55);
-    bool on_ice = false;
-    for (const IceCrystal& crystal : scene.ice) on_ice |= ice_depth(crystal, p.x, p.y, 4) > 0.01;
-    EXPECT_EQ(on_ice, (p.contamination & kOnIce) != 0);
-    EXPECT_EQ(carbon_depth(scene.carbon, p.x, p.y, 4) > 0.01, (p.contamination & kOnCarbon) != 0);
-    flagged += p.contamination != kClean;
-    tilt_cosine += std::cos(p.tilt * kPi / 180) / 60;
-  }
-  EXPECT_GT(flagged, 5);
-  EXPECT_LT(flagged, 55);
-  EXPECT_NEAR(0, tilt_cosine, 0.38) << "uniform on [-1, 1], five deviations of the mean";
 }

@@ -138,23 +138,6 @@ TEST_F(TemplateStack, IsScaledAboutTheCentreThenShrunk) {
   }
 }
 
-TEST_F(TemplateStack, ThatComesOutTooSmallOrTooLargeIsRefused) {
-  Request request = stack_file(random_values(16 * 12, 3), 16, 12, 1);
-  request.work_side = 16;
-  EXPECT_EQ(16, acquired(request).nx);
-  const auto refused = [&](float apixT, float apixM, int shrink, const char* reason) {
-    request.apixT = apixT;
-    request.apixM = apixM;
-    request.shrink = shrink;
-    expect_refused(request, reason);
-  };
-  refused(2.2f, 2, 1, "larger than the working image of 16 x 16");
-  refused(1e30f, 1e-30f, 8, "larger than the working image");
-  refused(0.1f, 2, 1, "smaller than 1 pixel (0 x 0)");
-  refused(2, 2, 13, "smaller than 1 pixel (1 x 0)");
-  refused(kNaN, 2, 1, "smaller than 1 pixel");
-}
-
 TEST_F(TemplateStack, ThatCannotBeReadIsRefusedBeforeAnythingIsAllocated) {
   Request request = stack_file(random_values(16 * 12 * 2, 3), 16, 12, 2);
   const std::string good = read_file(request.T);
