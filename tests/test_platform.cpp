@@ -1,5 +1,4 @@
 #include "cuda_general.h"
-#include "process2d_raw.h"
 #include "test_numeric.h"
 #include "test_support.h"
 
@@ -42,25 +41,6 @@ TEST(DeviceChoice, KeepsAUsableNumberElseTakesTheFirstOfTheHighestCapability) {
     EXPECT_EQ(c.chosen, gid) << c.given << " of " << c.devices;
   }
   host_device_faults() = {};
-}
-
-TEST(HostTransforms, RefuseWhatTheyCannotDo) {
-  cufftHandle plan = -1;
-  const auto planned = [&plan](int ny, int nx, cufftType type, int rank, int batch) {
-    int n[2] = {ny, nx};
-    return cufftPlanMany(&plan, rank, n, nullptr, 1, 0, nullptr, 1, 0, type, batch);
-  };
-  EXPECT_EQ(CUFFT_INVALID_SIZE, planned(0, 8, CUFFT_R2C, 2, 1));
-  EXPECT_EQ(CUFFT_INVALID_SIZE, planned(8, 8, CUFFT_R2C, 2, 0));
-  EXPECT_EQ(CUFFT_INVALID_VALUE, planned(8, 8, CUFFT_R2C, 1, 1));
-  EXPECT_EQ(CUFFT_INVALID_TYPE, planned(8, 8, static_cast<cufftType>(0), 2, 1));
-  ASSERT_EQ(CUFFT_SUCCESS, planned(8, 8, CUFFT_R2C, 2, 1));
-  const auto image = unwritten(65);
-  const auto spectrum = to_device(std::vector<float2>(40));
-  EXPECT_EQ(CUFFT_UNALIGNED_DATA, cufftExecR2C(plan, image.get() + 1, spectrum.get()));
-  EXPECT_EQ(CUFFT_INVALID_PLAN, cufftExecC2R(plan, spectrum.get(), image.get())) << "a plan of the other kind";
-  EXPECT_EQ(CUFFT_SUCCESS, cufftDestroy(plan));
-  EXPECT_EQ(CUFFT_INVALID_PLAN, cufftExecR2C(plan, image.get(), spectrum.get()));
 }
 
 #endif

@@ -90,6 +90,9 @@ TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
     EXPECT_GT(left_beside(own_), all_.size() / 3);
     expect_closed_cells(own_);
   }
+  std::filesystem::create_symlink("sim_001.mrc", path("next.mrc"));
+  pick("next.mrc --speed 1 --detect_ice 0 --mask_excluded --exclusive_picking --excluded_suffix _bad.star");
+  EXPECT_EQ(all_.size(), picks("next_quorlin.star").size()) << "a micrograph without a list, behind one with";
   pick("--speed 1 --detect_ice 0 --excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picked().size()) << "a suffix alone excludes nothing";
 }

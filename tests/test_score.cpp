@@ -40,24 +40,6 @@ TEST(Matching, IsOneToOneAndTakesTheClosestPairFirst) {
   EXPECT_EQ(expected, match_picks(truth, picks, 21)) << "a particle has one pick";
 }
 
-TEST(Matching, CountsParticlesOnContaminationNeitherAsMissedNorAsRight) {
-  const std::vector<TrueParticle> truth = {
-      {0, 0, 0, 0, 0, kClean}, {50, 0, 0, 0, 0, kClean}, {100, 0, 0, 0, 0, kOnIce}};
-  const std::vector<Pick> picks = {{3, 4}, {101, 0}, {200, 0}, {300, 0}};
-  const Score score = score_matching(truth, picks, match_picks(truth, picks, 10), nullptr);
-  EXPECT_EQ(2, score.particles);
-  EXPECT_EQ(1, score.flagged);
-  EXPECT_EQ(1, score.matched);
-  EXPECT_EQ(1, score.matched_flagged);
-  EXPECT_EQ(-1, score.in_areas);
-  EXPECT_DOUBLE_EQ(0.25, score.precision);
-  EXPECT_DOUBLE_EQ(0.5, score.recall);
-  EXPECT_DOUBLE_EQ(1.0 / 3, score.f1);
-  EXPECT_DOUBLE_EQ(3, score.dx);
-  EXPECT_DOUBLE_EQ(4, score.dy);
-  EXPECT_DOUBLE_EQ(5, score.distance);
-}
-
 TEST_F(ScoreRun, BoxAndStarListsOfTheSamePicksScoreTheSame) {
   write("picks.star", std::string(kStarHead) + "103 104 0\n300 98 5\n102 301 0\n110 100 0\n505 500 0\n800 700 0\n");
   write("picks.box",
