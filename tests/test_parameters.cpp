@@ -180,7 +180,7 @@ TEST(Parameters, TextsAreTakenUpTo1023BytesAndNeverCut) {
   EXPECT_EQ(longest, parsed.para.files[0]);
   const std::string end = " is too long ('" + shown + "...'): it may have at most 1023 characters";
   for (const std::string option : {"T", "excluded_suffix", "global_excluded_box"})
-    expect_fatal({"--" + option, over, "m"}, "store_value", "the value of --" + option + end);
+    expect_fatal({"--" + option, over, "m"}, "store_value", std::string("the value of --").append(option).append(end));
   expect_fatal({over}, "take_argument",
                "the file name '" + shown + "...' is too long: it may have at most 1023 characters");
 }
@@ -201,7 +201,7 @@ TEST(Parameters, HostileNumbersSaturate) {
 }
 
 TEST(Parameters, ThatNoRunCanHaveAreNamedWithWhatIsAllowed) {
-  const std::string above_0 = " must be a number above 0", pixel = "the pixel size of the ";
+  const std::string above_0 = " must be a number above 0";
   const std::string box =
       ": the box must be at least 1 pixel (when not given it is 1.33 times --diameter over --apixM, made even)";
   const std::string step = ": the angular step must be a number of at least 0.001 degrees";
@@ -211,13 +211,16 @@ TEST(Parameters, ThatNoRunCanHaveAreNamedWithWhatIsAllowed) {
                                      {"min_dist", "the least distance between particles in angstrom"}};
   for (const auto& option : positive)
     for (const std::string value : {"0", "-1.5", "nan", "inf", "-inf"})
-      expect_fatal({"--" + std::string(option[0]), value, "m"}, "require_positive",
-                   std::string("--") + option[0] + " is " + value + ": " + option[1] + above_0);
+      expect_fatal(
+          {"--" + std::string(option[0]), value, "m"}, "require_positive",
+          std::string("--").append(option[0]).append(" is ").append(value).append(": ").append(option[1]).append(
+              above_0));
   const std::string function = "kestrix_check_parameters";
   for (const Words& line : {Words{"--boxsize", "0", "m"}, Words{"--diameter", "1", "m"}})
     expect_fatal(line, function, "--boxsize is 0" + box);
   for (const std::string value : {"0", "-5", "0.0009", "nan", "inf"})
-    expect_fatal({"--T", "t.mrcs", "--ang_step", value, "m"}, function, "--ang_step is " + value + step);
+    expect_fatal({"--T", "t.mrcs", "--ang_step", value, "m"}, function,
+                 std::string("--ang_step is ").append(value).append(step));
   for (const char* line : {"--T t.mrcs --ang_step 0.001 m", "--ang_step -5 m", "--boxsize 1 --min_dist 1e-30 m"})
     EXPECT_EQ(kDidNotExit, ending_of(words_of(line)).status) << line;
 }

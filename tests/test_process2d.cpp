@@ -55,7 +55,7 @@ TEST_F(Resampling, TurnsFromXTowardsYByAnyAngleAndIsZeroOutsideWhateverTheImageH
 
 TEST_F(Transforms, AgreeWithTheDefinitionAndAreUnnormalised) {
   for (const Size size : {Size{2, 9}, Size{9, 2}, Size{3, 5}, Size{16, 8}, Size{15, 10}, Size{22, 14}, Size{7, 7}}) {
-    const auto n = static_cast<size_t>(size.nx) * size.ny, row = static_cast<size_t>(size.nx / 2 + 1);
+    const auto n = static_cast<size_t>(size.nx) * size.ny, row = static_cast<size_t>(size.nx) / 2 + 1;
     const std::vector<float> image = random_values(n, 6);
     const std::vector<Complex> sums = fourier_sums({image.begin(), image.end()}, size.nx, size.ny, -1);
     std::vector<double> want, times_n = widened(image);
