@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "test_numeric.h"
 
@@ -12,10 +13,13 @@ namespace {
 
 /// Eight random arrays of n complex values; those from n_in on are 0.
 struct Lanes {
-  Lanes(int length, int n_in) : n(length), in(lane_values_new(static_cast<size_t>(length))) {
+  Lanes(int length, int n_in) : Lanes(length, n_in, 0) {}
+  /// The same with the last `high` values as well.
+  Lanes(int length, int low, int high) : n(length), in(lane_values_new(static_cast<size_t>(length))) {
     const std::vector<float> values = random_values(2 * kLanes * static_cast<size_t>(n), static_cast<unsigned>(n));
     const float* next = values.data();
-    for (int i = 0; i < n_in; i++) {
+    for (int i = 0; i < n; i++) {
+      if (i >= low && i < n - high) continue;
       for (int lane = 0; lane < kLanes; lane++) {
         in[i].re[lane] = *next++;
         in[i].im[lane] = *next++;
@@ -52,7 +56,7 @@ void check_transform(int n, int n_in) {
   const Lanes lanes(n, n_in);
   LanePlan plan = lane_plan_new(n);
   LaneValue* out = lane_values_new(static_cast<size_t>(n));
-  LaneValue* scratch = lane_values_new(static_cast<size_t>(n));
+  LaneValue* scratch = lane_values_new(2 * static_cast<size_t>(n));
   if (n_in == n) {
     lane_fft(&plan, lanes.in, out, scratch);
   } else {
@@ -84,6 +88,25 @@ TEST(LaneFft, OfFewValuesIsThatOfAnArrayFilledUpWithZeros) {
   for (const int n : {8, 15, 64, 90, 100, 240})
     for (const int n_in : {1, 2, n / 8, n / 5, n / 3 + 1, n / 2, n / 2 + 1, n - 1})
       check_transform(n, std::max(n_in, 1));
+}
+
+TEST(LaneFft, OfOuterValuesIsThatOfAnArrayWithZerosBetween) {
+  for (const int n : {1, 6, 8, 12, 16, 90, 96, 160, 225, 288}) {
+    for (const auto& [low, high] : {std::pair{1, 0}, {n / 4, n / 4}, {n / 8 + 1, n / 8}, {n / 3, n / 2}, {n, 0}}) {
+      if (low + high > n) continue;
+      Lanes lanes(n, low, high);
+      LanePlan plan = lane_plan_new(n);
+      LaneValue* in = lane_values_new(static_cast<size_t>(n));
+      LaneValue* out = lane_values_new(static_cast<size_t>(n));
+      LaneValue* scratch = lane_values_new(2 * static_cast<size_t>(n));
+      std::copy_n(lanes.in, n, in);
+      std::fill(in + low, in + n - high, LaneValue{Lane{} + 7, Lane{} + 7});  // must not matter
+      lane_fft_of_outer(&plan, in, static_cast<size_t>(low), static_cast<size_t>(high), out, scratch);
+      for (const int lane : {0, kLanes - 1}) lanes.expect_transformed(out, lane);
+      for (LaneValue* values : {in, out, scratch}) free(values);
+      lane_plan_free(&plan);
+    }
+  }
 }
 
 TEST(LaneFft, TransposesEightByEightValues) {

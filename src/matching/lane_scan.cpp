@@ -3,272 +3,31 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
 #include "host_memory.h"
-#include "matching/lane_axis.h"
+#include "matching/lane_regions.h"
 #include "matching/lane_turns.h"
 #include "matching/quorlin56_kernels.h"
-#include "platform/lane_fft.h"
 #include "platform/launch.h"
 
-// Two real images make one complex one: with the templates T1 - i T2 and the micrograph's spectrum A,
-//   A * conj(FFT(T1 - i T2)) = FFT(c1) + i FFT(c2),
-// so that one inverse transform gives the correlations c1 and c2 of two angles as its real and imaginary part. A box
-// turned by a further 180 degrees is the box reversed, so that with G = FFT(T1 - i T2) and T of t pixels
-//   A * exp(2 pi i k (t - 1) / n) * G = FFT(c1') - i FFT(c2')
-// for the templates T1' and T2' turned on: one transform of templates serves four angles.
-//
-// Spectra lie in blocks of eight columns: value (x, y) is lane x % 8 of the LaneValue at x / 8 * rows + y. Maps lie in
-// strips of eight rows: pixel (x, y) is lane y % 8 of the value at y / 8 * count + x. A column's transform so runs over
-// memory in order with eight columns as its lanes, a row's with eight rows, and between them stand transpositions of
-// eight by eight values.
-//
-// The templates lie at the origin, so that correlation k belongs to template pixel 0 lying over pixel k; the place of
-// the score, half a template on, is brought in when the maps are written. The correlations are divided into parts along
-// each axis (lane_axis.h); each part of x with each of y makes a region with transforms of its own. Of a region's
-// spectrum only the frequencies are carried through the scan that hold all but a trillionth of the micrograph's energy.
-
 namespace {
-
-// Frequencies at 0 and above, and below 0, which are the last ones of a spectrum: in values or blocks of values.
-struct KeptFrequencies {
-  size_t low, high;
-};
-
-// Correlations of one part of x and one of y.
-struct Region {
-  int across, down;          // which parts
-  size_t blocks;             // of eight columns
-  size_t rows;               // of a block: the side in y, up to a multiple of eight
-  LaneValue* mic;            // blocks * rows: the micrograph's spectrum over the number of its values
-  LaneValue* mic_half_turn;  // the same for templates turned on by 180 degrees
-  LaneValue* products;       // for each pair of turns 2 * kept blocks * rows: columns done, re and im exchanged
-  LaneValue* maps;           // strips * count in x: as re the largest correlation so far, as im its angle
-  double* x_energy;          // blocks * kLanes: of each frequency of x
-  double* y_energy;          // rows
-};
 
 // Bytes that the spectra of a batch of turns may take: more than fits in a last-level cache only costs.
 constexpr size_t kBatchBytes = size_t{24} << 20;
 constexpr int kMostPairs = 8;
 
-// Part of a micrograph's energy that the frequencies left out may hold. The scores that they would add are below the
-// rounding of single precision transforms.
-constexpr double kNegligibleEnergy = 1e-12;
-
 // Fewer angles don't pay for the transforms of a divided micrograph.
 constexpr int kFewAngles = 8;
-
-}  // namespace
-
-struct LaneScan {
-  int nx, ny, T_nx, T_ny;
-  LaneAxis x, y;
-  Region regions[4];
-  int n_regions;
-  KeptFrequencies kept_blocks[2];  // of each part of x, in blocks
-  KeptFrequencies kept_rows[2];    // of each part of y
-  size_t T_rows;                   // of a template's block: T_ny, up to a multiple of eight
-  LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
-  int pairs;                       // pairs of turns in a batch
-  LaneValue* spectra;              // turned and products lie in here
-  size_t spectra_values;
-  int threads;
-  size_t scratch_values;  // of one thread's scratch
-  LaneValue* scratch;     // threads * 4 * scratch_values
-};
-
-namespace {
-
-size_t up_to_lanes(size_t n) { return (n + kLanes - 1) / kLanes * kLanes; }
-
-const LanePart& across(const LaneScan* scan, const Region& region) { return scan->x.parts[region.across]; }
-const LanePart& down(const LaneScan* scan, const Region& region) { return scan->y.parts[region.down]; }
-
-size_t strips_of(const LaneScan* scan, const Region& region) {
-  return up_to_lanes(static_cast<size_t>(down(scan, region).count)) / kLanes;
-}
-
-size_t width_in_blocks(const LanePart& part) { return up_to_lanes(static_cast<size_t>(part.plan.n)) / kLanes; }
-
-size_t kept_count(const KeptFrequencies& kept) { return kept.low + kept.high; }
-
-// Which of n is the i-th that is kept.
-size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) { return i < kept.low ? i : n - kept.high + i - kept.low; }
-
-struct ThreadScratch {
-  LaneValue *in, *out, *other_out, *passes;
-};
-
-ThreadScratch scratch_of_thread(const LaneScan* scan) {
-  const size_t n = scan->scratch_values;
-  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 4 * n;
-  return {first, first + n, first + 2 * n, first + 3 * n};
-}
-
-// --- The micrograph ---
-
-// Eight rows of a region's pixels.
-void load_micrograph_rows(const LaneScan* scan, const Region& region, const float* mic, size_t y0, LaneValue* row) {
-  const LanePart& x_part = across(scan, region);
-  const LanePart& y_part = down(scan, region);
-  memset(row, 0, region.blocks * kLanes * sizeof(LaneValue));
-  for (int lane = 0; lane < kLanes && static_cast<int>(y0) + lane < y_part.plan.n; lane++) {
-    const LaneTap at_y = y_part.taps[y0 + static_cast<size_t>(lane)];
-    const float* a = mic + pixel_at(0, at_y.a, scan->nx);
-    const float* b = mic + pixel_at(0, at_y.b, scan->nx);
-    for (int i = 0; i < x_part.plan.n; i++) {
-      const LaneTap at_x = x_part.taps[i];
-      row[i].re[lane] = at_y.at_a * (at_x.at_a * a[at_x.a] + at_x.at_b * a[at_x.b]) +
-                        at_y.at_b * (at_x.at_a * b[at_x.a] + at_x.at_b * b[at_x.b]);
-    }
-  }
-}
-
-// Rows done (eight of them as the lanes of `row`) to kept blocks of columns that lie one after the other: rows y to
-// y + 7 of each of the blocks.
-void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
-                  size_t y) {
-  for (size_t i = 0; i < kept_count(kept); i++) {
-    LaneValue* to = blocks + i * rows + y;
-    const LaneValue* from = row + kept_place(kept, i, n_blocks) * kLanes;
-    lane_transpose(&from->re, 2, &to->re, 2);
-    lane_transpose(&from->im, 2, &to->im, 2);
-  }
-}
-
-// A block of the micrograph's spectrum, done and scaled, and the same for the templates turned on by 180 degrees.
-KERNEL_LOOP void keep_column(const LaneValue* column, size_t n, float scale, const LaneValue* x_phase,
-                             const float* y_phases, LaneValue* mic, LaneValue* mic_half_turn) {
-  for (size_t y = 0; y < n; y++) {
-    const Lane re = column[y].re * scale;
-    const Lane im = column[y].im * scale;
-    const Lane cosine = x_phase->re * y_phases[2 * y] - x_phase->im * y_phases[2 * y + 1];
-    const Lane sine = x_phase->re * y_phases[2 * y + 1] + x_phase->im * y_phases[2 * y];
-    mic[y] = {re, im};
-    mic_half_turn[y] = {re * cosine - im * sine, re * sine + im * cosine};
-  }
-}
-
-// exp(2 pi i k (t - 1) / n): cosine and sine for each k below n.
-float* phases_new(int n, int t) {
-  auto* phases = host_new<float>(2 * static_cast<size_t>(n));
-  for (int k = 0; k < n; k++) {
-    const double angle = 2 * 3.141592653589793 * (static_cast<double>(static_cast<long long>(k) * (t - 1) % n) / n);
-    phases[2 * k] = static_cast<float>(std::cos(angle));
-    phases[2 * k + 1] = static_cast<float>(std::sin(angle));
-  }
-  return phases;
-}
-
-LaneValue phases_of_block(const float* phases, size_t block, int n) {
-  LaneValue of_block{};
-  for (int lane = 0; lane < kLanes; lane++) {
-    const size_t k = std::min(block * kLanes + static_cast<size_t>(lane), static_cast<size_t>(n) - 1);
-    of_block.re[lane] = phases[2 * k];
-    of_block.im[lane] = phases[2 * k + 1];
-  }
-  return of_block;
-}
-
-void transform_region(LaneScan* scan, const Region& region, const float* mic) {
-  const LanePlan& x_plan = across(scan, region).plan;
-  const LanePlan& y_plan = down(scan, region).plan;
-  const auto height = static_cast<size_t>(y_plan.n);
-  const float scale = 1 / (static_cast<float>(x_plan.n) * static_cast<float>(height));
-  float* x_phases = phases_new(x_plan.n, scan->T_nx);
-  float* y_phases = phases_new(y_plan.n, scan->T_ny);
-#pragma omp parallel num_threads(scan->threads)
-  {
-    const ThreadScratch scratch = scratch_of_thread(scan);
-#pragma omp for schedule(dynamic)
-    for (size_t y = 0; y < region.rows; y += kLanes) {
-      load_micrograph_rows(scan, region, mic, y, scratch.in);
-      lane_fft(&x_plan, scratch.in, scratch.out, scratch.passes);
-      scatter_rows(scratch.out, region.mic, {region.blocks, 0}, region.blocks, region.rows, y);
-    }
-#pragma omp for schedule(dynamic)
-    for (size_t b = 0; b < region.blocks; b++) {
-      LaneValue* column = region.mic + b * region.rows;
-      lane_fft(&y_plan, column, scratch.out, scratch.passes);
-      const LaneValue x_phase = phases_of_block(x_phases, b, x_plan.n);
-      keep_column(scratch.out, height, scale, &x_phase, y_phases, column, region.mic_half_turn + b * region.rows);
-    }
-  }
-  free(x_phases);
-  free(y_phases);
-}
-
-// --- Which frequencies to keep ---
-
-KERNEL_LOOP void add_column_energies(const LaneValue* column, size_t n, double* x_energy, double* y_energy) {
-  Lane sums{};
-  for (size_t y = 0; y < n; y++) {
-    const Lane energy = column[y].re * column[y].re + column[y].im * column[y].im;
-    sums += energy;
-    float of_row = 0;
-    for (int lane = 0; lane < kLanes; lane++) of_row += energy[lane];
-    y_energy[y] += static_cast<double>(of_row);
-  }
-  for (int lane = 0; lane < kLanes; lane++) x_energy[lane] = static_cast<double>(sums[lane]);
-}
-
-void measure_energies(const LaneScan* scan, const Region& region) {
-  std::fill_n(region.y_energy, region.rows, 0.0);
-  for (size_t b = 0; b < region.blocks; b++)
-    add_column_energies(region.mic + b * region.rows, static_cast<size_t>(down(scan, region).plan.n),
-                        region.x_energy + b * kLanes, region.y_energy);
-}
-
-// The highest frequency of n that the rest of the energy doesn't allow to leave out.
-size_t highest_kept(const double* energy, size_t n) {
-  double total = 0;
-  for (size_t k = 0; k < n; k++) total += energy[k];
-  size_t highest = n / 2;
-  double beyond = 0;
-  while (highest > 0) {
-    beyond += energy[highest] + (n - highest != highest ? energy[n - highest] : 0);
-    if (!(beyond <= kNegligibleEnergy * total)) break;
-    highest--;
-  }
-  return highest;
-}
-
-KeptFrequencies kept_up_to(size_t highest, size_t n, size_t unit) {
-  const size_t units = (n + unit - 1) / unit;
-  const KeptFrequencies kept{highest / unit + 1, highest == 0 ? 0 : units - (n - highest) / unit};
-  return kept_count(kept) < units ? kept : KeptFrequencies{units, 0};
-}
-
-void choose_kept_frequencies(LaneScan* scan) {
-  size_t highest_x[2] = {}, highest_y[2] = {};
-  for (int r = 0; r < scan->n_regions; r++) {
-    const Region& region = scan->regions[r];
-    const auto width = static_cast<size_t>(across(scan, region).plan.n);
-    const auto height = static_cast<size_t>(down(scan, region).plan.n);
-    const bool whole = scan->n_regions == 1;
-    if (!whole) measure_energies(scan, region);
-    size_t& in_x = highest_x[region.across];
-    size_t& in_y = highest_y[region.down];
-    in_x = std::max(in_x, whole ? width / 2 : highest_kept(region.x_energy, width));
-    in_y = std::max(in_y, whole ? height / 2 : highest_kept(region.y_energy, height));
-  }
-  for (int i = 0; i < scan->x.n_parts; i++)
-    scan->kept_blocks[i] = kept_up_to(highest_x[i], static_cast<size_t>(scan->x.parts[i].plan.n), kLanes);
-  for (int j = 0; j < scan->y.n_parts; j++)
-    scan->kept_rows[j] = kept_up_to(highest_y[j], static_cast<size_t>(scan->y.parts[j].plan.n), 1);
-}
 
 // Values of the spectra of one pair of turns.
 size_t spectra_of_pair(const LaneScan* scan) {
   size_t values = 0;
   for (int i = 0; i < scan->x.n_parts; i++) values += kept_count(scan->kept_blocks[i]) * scan->T_rows;
   for (int r = 0; r < scan->n_regions; r++)
-    values += 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].rows;
+    values += 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].product_rows;
   return values;
 }
 
@@ -283,11 +42,9 @@ void place_spectra(LaneScan* scan) {
   }
   for (int r = 0; r < scan->n_regions; r++) {
     scan->regions[r].products = next;
-    next += pairs * 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].rows;
+    next += pairs * 2 * kept_count(scan->kept_blocks[scan->regions[r].across]) * scan->regions[r].product_rows;
   }
 }
-
-// --- The scan of one template ---
 
 void gather_rows(const LaneValue* blocks, LaneValue* row, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
                  size_t y) {
@@ -323,21 +80,53 @@ KERNEL_LOOP void multiply_column(const LaneValue* mic, const LaneValue* turned, 
   }
 }
 
-// Takes `value` at the angle psi into a pixel's best so far: of those that tie the earliest stays.
-__attribute__((always_inline)) inline void take_best(LaneValue* best, Lane value, float psi) {
-  const auto better = (best->re < value) | ((best->re == value) & (psi < best->im));
-  best->re = better ? value : best->re;
-  best->im = better ? Lane{} + psi : best->im;
+// The angles of a product: that of its imaginary part and, if it has a second, that of its real part.
+struct ProductAngles {
+  float first_psi;
+  bool has_second;
+  float second_psi;
+};
+
+// The correlations in a value of a product. Those of a second half turn are negative.
+template <bool HalfTurns>
+__attribute__((always_inline)) inline Lane second_correlation(const LaneValue& value) {
+  return HalfTurns ? -value.re : value.re;
 }
 
-// Takes the correlations of one angle, or of two, in a strip into the maps. The second one's are times second_sign.
-KERNEL_LOOP void update_strip(const LaneValue* row, LaneValue* maps, int nx, float first_psi, bool second,
-                              float second_psi, float second_sign) {
-  for (int x = 0; x < nx; x++) {
-    LaneValue best = maps[x];
-    take_best(&best, row[x].im, first_psi);
-    if (second) take_best(&best, row[x].re * second_sign, second_psi);
-    maps[x] = best;
+// Takes `value` at the angle psi into a pixel's best so far; of those that tie the one in the map stays. Returns
+// whether any ties.
+__attribute__((always_inline)) inline auto take_best(LaneValue* best, Lane value, float psi) {
+  const auto better = best->re < value;
+  const auto ties = best->re == value;
+  best->re = better ? value : best->re;
+  best->im = better ? Lane{} + psi : best->im;
+  return ties;
+}
+
+// Takes the correlations of every step-th pixel of a strip into the maps. Returns whether any ties with one there.
+template <bool HalfTurns>
+KERNEL_LOOP bool update_strip(const LaneValue* values, LaneValue* maps, size_t n, size_t step, ProductAngles angles) {
+  auto ties = Lane{} != Lane{};
+  for (size_t x = 0; x < n; x++) {
+    LaneValue best = maps[x * step];
+    ties |= take_best(&best, values[x].im, angles.first_psi);
+    if (angles.has_second) ties |= take_best(&best, second_correlation<HalfTurns>(values[x]), angles.second_psi);
+    maps[x * step] = best;
+  }
+  bool any = false;
+  for (int lane = 0; lane < kLanes; lane++) any |= ties[lane] != 0;
+  return any;
+}
+
+// Gives pixels where angles tie the smallest one.
+void settle_ties(const LaneValue* values, LaneValue* maps, size_t n, size_t step, const ProductAngles& angles) {
+  for (size_t x = 0; x < n; x++) {
+    LaneValue& best = maps[x * step];
+    for (int lane = 0; lane < kLanes; lane++) {
+      if (best.re[lane] == values[x].im[lane]) best.im[lane] = std::min(best.im[lane], angles.first_psi);
+      if (angles.has_second && best.re[lane] == values[x].re[lane])
+        best.im[lane] = std::min(best.im[lane], angles.second_psi);
+    }
   }
 }
 
@@ -372,41 +161,53 @@ void correlate_columns(const LaneScan* scan, const Region& region, const TurnPai
   const size_t high = static_cast<size_t>(plan->n) - rows.high;
   const LaneValue* turned = scan->turned[region.across] + (pair * kept_count(blocks) + i) * scan->T_rows;
   const size_t column = kept_place(blocks, i, region.blocks) * region.rows;
-  LaneValue* product = region.products + (2 * pair * kept_count(blocks) + i) * region.rows;
+  LaneValue* product = region.products + (2 * pair * kept_count(blocks) + i) * region.product_rows;
+  const size_t bytes = region.product_rows * sizeof(LaneValue);
   lane_fft_of_few(plan, turned, static_cast<size_t>(scan->T_ny), scratch.out, scratch.passes);
   const LaneValue* mic = region.mic + column;
   correlate_column(mic, scratch.out, scratch.in, rows.low);
   correlate_column(mic + high, scratch.out + high, scratch.in + high, rows.high);
-  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, product, scratch.passes);
+  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, scratch.other_out, scratch.passes);
+  memcpy(product, scratch.other_out, bytes);
   if (!turns.has_half_turns) return;
   mic = region.mic_half_turn + column;
   multiply_column(mic, scratch.out, scratch.in, rows.low);
   multiply_column(mic + high, scratch.out + high, scratch.in + high, rows.high);
-  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, product + kept_count(blocks) * region.rows, scratch.passes);
+  lane_fft_of_outer(plan, scratch.in, rows.low, rows.high, scratch.other_out, scratch.passes);
+  memcpy(product + kept_count(blocks) * region.product_rows, scratch.other_out, bytes);
 }
 
-// Eight rows of the products of a pair: the inverse in x, taken into the maps.
-void fold_product(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip, float first_psi,
-                  bool second, float second_psi, float second_sign) {
+// Eight rows of a product: the inverse in x, taken into the maps.
+template <bool HalfTurns>
+void fold_product(const LaneScan* scan, const Region& region, const LaneValue* product, size_t strip,
+                  const ProductAngles& angles) {
   const ThreadScratch scratch = scratch_of_thread(scan);
   const LanePart& part = across(scan, region);
   const KeptFrequencies& kept = scan->kept_blocks[region.across];
   const auto width = static_cast<size_t>(part.plan.n);
-  gather_rows(product, scratch.in, kept, region.blocks, region.rows, strip * kLanes);
+  const auto count = static_cast<size_t>(part.count);
   const size_t low = std::min(kept.low * kLanes, width);
   const size_t high = kept.high == 0 ? 0 : width - (region.blocks - kept.high) * kLanes;
-  lane_fft_of_outer(&part.plan, scratch.in, low, high, scratch.out, scratch.passes);
-  update_strip(scratch.out, region.maps + strip * static_cast<size_t>(part.count), part.count, first_psi, second,
-               second_psi, second_sign);
+  gather_rows(product, scratch.in, kept, region.blocks, region.product_rows, strip * kLanes);
+  lane_fft_divide_outer(&part.plan, scratch.in, low, high, scratch.passes);
+  const auto step = static_cast<size_t>(lane_plan_parts(&part.plan));
+  for (size_t first = 0; first < std::min(step, count); first++) {
+    lane_fft_part(&part.plan, scratch.passes, static_cast<int>(first), scratch.out, 1, scratch.passes + width);
+    const size_t n = (count - first + step - 1) / step;
+    LaneValue* maps = region.maps + strip * count + first;
+    // Half turns come in ascending order, and behind all turns that are smaller; turns may come behind larger half turns.
+    if (update_strip<HalfTurns>(scratch.out, maps, n, step, angles) && !HalfTurns)
+      settle_ties(scratch.out, maps, n, step, angles);
+  }
 }
 
 void fold_rows(const LaneScan* scan, const Region& region, const TurnPair& turns, size_t pair, size_t strip) {
-  const size_t values = kept_count(scan->kept_blocks[region.across]) * region.rows;
+  const size_t values = kept_count(scan->kept_blocks[region.across]) * region.product_rows;
   const LaneValue* product = region.products + 2 * pair * values;
-  fold_product(scan, region, product, strip, turns.first.psi, turns.has_second, turns.second.psi, 1);
+  fold_product<false>(scan, region, product, strip, {turns.first.psi, turns.has_second, turns.second.psi});
   if (turns.has_half_turns)
-    fold_product(scan, region, product + values, strip, turns.first.half_turn_psi, turns.has_second,
-                 turns.second.half_turn_psi, -1);
+    fold_product<true>(scan, region, product + values, strip,
+                       {turns.first.half_turn_psi, turns.has_second, turns.second.half_turn_psi});
 }
 
 // Correlates `count` pairs of turns of the template with the micrograph and takes the results into the maps.
@@ -436,8 +237,8 @@ void scan_pairs(const LaneScan* scan, const float* T, const TurnPair* turns, siz
 void empty_maps(const LaneScan* scan) {
   for (int r = 0; r < scan->n_regions; r++) {
     const Region& region = scan->regions[r];
-    std::fill_n(region.maps, strips_of(scan, region) * static_cast<size_t>(across(scan, region).count),
-                LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
+    const size_t n = strips_of(scan, region) * static_cast<size_t>(across(scan, region).count);
+    std::fill_n(region.maps, n, LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
   }
 }
 
@@ -445,12 +246,12 @@ void empty_maps(const LaneScan* scan) {
 void write_region_row(const LaneScan* scan, const Region& region, int y, float divisor, float* ccmax, float* map_psi) {
   const LanePart& part = across(scan, region);
   const int place = scan->nx / 2 - (scan->nx - scan->T_nx) / 2;
-  const LaneValue* from = region.maps + static_cast<size_t>(y / kLanes) * static_cast<size_t>(part.count);
+  const size_t strip = static_cast<size_t>(y / kLanes) * static_cast<size_t>(part.count);
   const int lane = y % kLanes;
   int to = (part.first + place) % scan->nx;
-  for (int x = 0; x < part.count; x++) {
-    ccmax[to] = from[x].re[lane] / divisor;
-    if (map_psi) map_psi[to] = from[x].im[lane];
+  for (size_t x = strip; x < strip + static_cast<size_t>(part.count); x++) {
+    ccmax[to] = region.maps[x].re[lane] / divisor;
+    if (map_psi) map_psi[to] = region.maps[x].im[lane];
     if (++to == scan->nx) to = 0;
   }
 }
@@ -469,12 +270,10 @@ void write_maps(const LaneScan* scan, float divisor, float* ccmax, float* map_ps
   }
 }
 
-// --- Set-up ---
-
-void divide_axes(LaneScan* scan, int n_angles, double band) {
+void divide_axes(LaneScan* scan, double band) {
   scan->x = lane_axis_whole(scan->nx, scan->T_nx);
   scan->y = lane_axis_whole(scan->ny, scan->T_ny);
-  if (n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2) return;
+  if (scan->n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2) return;
   LaneAxis split_x = lane_axis_split(scan->nx, scan->T_nx, band);
   LaneAxis split_y = lane_axis_split(scan->ny, scan->T_ny, band);
   if (lane_axes_cost(split_x, split_y) < lane_axes_cost(scan->x, scan->y)) {
@@ -488,8 +287,9 @@ void divide_axes(LaneScan* scan, int n_angles, double band) {
 void set_up_region(const LaneScan* scan, Region* region) {
   region->blocks = width_in_blocks(across(scan, *region));
   region->rows = up_to_lanes(static_cast<size_t>(down(scan, *region).plan.n));
+  region->product_rows = strips_of(scan, *region) * kLanes;
   region->mic = lane_values_new(region->blocks * region->rows);
-  region->mic_half_turn = lane_values_new(region->blocks * region->rows);
+  if (scan->n_angles > 1) region->mic_half_turn = lane_values_new(region->blocks * region->rows);
   region->maps = lane_values_new(strips_of(scan, *region) * static_cast<size_t>(across(scan, *region).count));
   region->x_energy = host_new<double>(region->blocks * kLanes);
   region->y_energy = host_new<double>(region->rows);
@@ -519,13 +319,14 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   scan->T_nx = T_nx;
   scan->T_ny = T_ny;
   scan->T_rows = up_to_lanes(static_cast<size_t>(T_ny));
-  divide_axes(scan, n_angles, band);
+  scan->n_angles = n_angles;
+  divide_axes(scan, band);
   set_up_regions(scan);
   // Room for a pair of turns whose frequencies are all kept, at least.
   scan->spectra_values = std::max(spectra_of_pair(scan), kBatchBytes / sizeof(LaneValue));
   scan->spectra = lane_values_new(scan->spectra_values);
   scan->threads = omp_get_max_threads();
-  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 4 * scan->scratch_values);
+  scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 5 * scan->scratch_values);
   return scan;
 }
 
@@ -543,8 +344,7 @@ void lane_scan_free(LaneScan* scan) {
 }
 
 void lane_scan_transform_micrograph(LaneScan* scan, const float* mic) {
-  for (int r = 0; r < scan->n_regions; r++) transform_region(scan, scan->regions[r], mic);
-  choose_kept_frequencies(scan);
+  transform_regions(scan, mic);
   place_spectra(scan);
 }
 

@@ -14,7 +14,7 @@ struct TurnPair {
 };
 
 /// Groups n_angles ascending angles psi of the template T (T_nx*T_ny floats) into pairs, at most n_angles of them, each
-/// angle once. Half turns are used only where the template turned by both angles has the same pixels up to rounding,
+/// angle once, the turns in ascending order. Half turns are used only where the template turned by both angles has the same pixels up to rounding,
 /// which rounding at the box's edge can prevent. Returns the number of pairs.
 int pair_turns(const float* T, int T_nx, int T_ny, const float* psi, int n_angles, TurnPair* pairs);
 

@@ -205,7 +205,7 @@ LaneCosine* lane_cosine_new(int nx, int ny) {
   cosine->x = side_new(nx);
   cosine->y = side_new(ny);
   cosine->threads = omp_get_max_threads();
-  cosine->scratch_values = 2 * static_cast<size_t>(std::max(nx, ny));
+  cosine->scratch_values = 4 * static_cast<size_t>(std::max(nx, ny));
   cosine->scratch = lane_values_new(static_cast<size_t>(cosine->threads) * 3 * cosine->scratch_values);
   return cosine;
 }

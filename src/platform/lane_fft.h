@@ -42,7 +42,7 @@ double lane_plan_cost(int n);
 /// Unnormalised forward transform (exponent -2 pi i) of eight arrays.
 /// in        n values, left as they are
 /// out       n values
-/// scratch   n values; in, out and scratch don't overlap
+/// scratch   2 * n values; in, out and scratch don't overlap
 /// Exchanging re and im before and after gives the inverse.
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch);
 
@@ -53,6 +53,18 @@ void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, Lan
 /// at their places among n values; what lies between is overwritten.
 void lane_fft_of_outer(const LanePlan* plan, LaneValue* in, size_t low, size_t high, LaneValue* out,
                        LaneValue* scratch);
+
+/// The same in steps, for callers that use up the values as they come, while they are still in the nearest cache: first
+/// the division into lane_plan_parts(plan) parts (n values in all)...
+void lane_fft_divide_outer(const LanePlan* plan, LaneValue* in, size_t low, size_t high, LaneValue* parts);
+
+/// ...then each part, which uses up its place in `parts`: values part, part + lane_plan_parts(plan), ... of the
+/// transform, n / lane_plan_parts(plan) in all, written out_step apart. scratch: as many values; nothing overlaps.
+void lane_fft_part(const LanePlan* plan, LaneValue* parts, int part, LaneValue* out, size_t out_step,
+                   LaneValue* scratch);
+
+/// The radix of the first pass; 1 for a single value.
+int lane_plan_parts(const LanePlan* plan);
 
 /// n values, cleared, on a cache line's boundary, for free. A lack of memory ends the run.
 LaneValue* lane_values_new(size_t n);

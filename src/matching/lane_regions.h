@@ -1,0 +1,104 @@
+// What the stages of the host's own scan share: the regions of a micrograph and the buffers of a run.
+//
+// Two real images make one complex one: with the templates T1 - i T2 and the micrograph's spectrum A,
+//   A * conj(FFT(T1 - i T2)) = FFT(c1) + i FFT(c2),
+// so that one inverse transform gives the correlations c1 and c2 of two angles as its real and imaginary part. A box
+// turned by a further 180 degrees is the box reversed, so that with G = FFT(T1 - i T2) and T of t pixels
+//   A * exp(2 pi i k (t - 1) / n) * G = FFT(c1') - i FFT(c2')
+// for the templates T1' and T2' turned on: one transform of templates serves four angles.
+//
+// Spectra lie in blocks of eight columns: value (x, y) is lane x % 8 of the LaneValue at x / 8 * rows + y. Maps lie in
+// strips of eight rows: pixel (x, y) is lane y % 8 of the value at y / 8 * count + x. A column's transform so runs over
+// memory in order with eight columns as its lanes, a row's with eight rows, and between them stand transpositions of
+// eight by eight values.
+//
+// The templates lie at the origin, so that correlation k belongs to template pixel 0 lying over pixel k; the place of
+// the score, half a template on, is brought in when the maps are written. The correlations are divided into parts along
+// each axis (lane_axis.h); each part of x with each of y makes a region with transforms of its own. Of a region's
+// spectrum only the frequencies are carried through the scan that hold all but a trillionth of the micrograph's energy.
+#pragma once
+
+#include <omp.h>
+
+#include <cstddef>
+
+#include "matching/lane_axis.h"
+#include "platform/lane_fft.h"
+
+/// Frequencies at 0 and above, and below 0, which are the last ones of a spectrum: in values or blocks of values.
+struct KeptFrequencies {
+  size_t low, high;
+};
+
+/// Correlations of one part of x and one of y.
+struct Region {
+  int across, down;          // which parts
+  size_t blocks;             // of eight columns
+  size_t rows;               // of a block: the side in y, up to a multiple of eight
+  LaneValue* mic;            // blocks * rows: the micrograph's spectrum over the number of its values
+  LaneValue* mic_half_turn;  // the same for templates turned on by 180 degrees; null for scans of one angle
+  size_t product_rows;       // of a product's block: the correlations in y, up to a multiple of eight
+  LaneValue* products;       // for each pair of turns 2 * kept blocks * product_rows: columns done, re and im exchanged
+  LaneValue* maps;           // strips * count in x: as re the largest correlation so far, as im its angle
+  double* x_energy;          // blocks * kLanes: of each frequency of x
+  double* y_energy;          // rows
+};
+
+/// A run's scans; lane_scan.h is what the rest of the program sees of it.
+struct LaneScan {
+  int nx, ny, T_nx, T_ny, n_angles;
+  LaneAxis x, y;
+  Region regions[4];
+  int n_regions;
+  KeptFrequencies kept_blocks[2];  // of each part of x, in blocks
+  KeptFrequencies kept_rows[2];    // of each part of y
+  size_t T_rows;                   // of a template's block: T_ny, up to a multiple of eight
+  LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
+  int pairs;                       // pairs of turns in a batch
+  LaneValue* spectra;              // turned and products lie in here
+  size_t spectra_values;
+  int threads;
+  size_t scratch_values;  // of one thread's scratch
+  LaneValue* scratch;     // threads * 5 * scratch_values
+};
+
+/// n rounded up to a multiple of eight.
+inline size_t up_to_lanes(size_t n) { return (n + kLanes - 1) / kLanes * kLanes; }
+
+/// A region's parts of x and y.
+inline const LanePart& across(const LaneScan* scan, const Region& region) { return scan->x.parts[region.across]; }
+inline const LanePart& down(const LaneScan* scan, const Region& region) { return scan->y.parts[region.down]; }
+
+/// Strips of eight rows of a region's maps.
+inline size_t strips_of(const LaneScan* scan, const Region& region) {
+  return up_to_lanes(static_cast<size_t>(down(scan, region).count)) / kLanes;
+}
+
+/// Blocks of eight columns of a part's spectra.
+inline size_t width_in_blocks(const LanePart& part) { return up_to_lanes(static_cast<size_t>(part.plan.n)) / kLanes; }
+
+inline size_t kept_count(const KeptFrequencies& kept) { return kept.low + kept.high; }
+
+/// Which of n is the i-th that is kept.
+inline size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) {
+  return i < kept.low ? i : n - kept.high + i - kept.low;
+}
+
+/// A thread's own buffers of scratch_values each, passes twice as long.
+struct ThreadScratch {
+  LaneValue *in, *out, *other_out, *passes;
+};
+
+inline ThreadScratch scratch_of_thread(const LaneScan* scan) {
+  const size_t n = scan->scratch_values;
+  LaneValue* first = scan->scratch + static_cast<size_t>(omp_get_thread_num()) * 5 * n;
+  return {first, first + n, first + 2 * n, first + 3 * n};
+}
+
+/// Rows done (eight of them as the lanes of `row`) to kept blocks of columns, of n_blocks, that lie one after the other:
+/// rows y to y + 7 of each of the blocks.
+void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
+                  size_t y);
+
+/// Transforms the micrograph (nx*ny floats) into every region's spectra and chooses the frequencies to keep.
+void transform_regions(LaneScan* scan, const float* mic);
