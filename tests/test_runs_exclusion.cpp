@@ -131,6 +131,9 @@ TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
   EXPECT_EQ("Kestrix: all.box: 5 of 7 excluded coordinates lie outside the image; skipped.\n",
             pick("--speed 1 --global_excluded_box all.box").errors);
   EXPECT_GT(picked().size(), 30U);
+  write_file(path("all.box"), "1023 899 0 0\n1024 899 0 0\n");
+  EXPECT_EQ("Kestrix: all.box: 1 of 2 excluded coordinates lie outside the image; skipped.\n",
+            pick("--speed 1 --global_excluded_box all.box").errors);
 }
 
 TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
