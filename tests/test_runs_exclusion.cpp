@@ -154,6 +154,8 @@ TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
     pick("--speed 1 --detect_ice 0 --global_excluded_box sim_001" + std::string(one[0]));
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];
   }
+  for (const std::string null : {"NULL", "none", "''"})
+    EXPECT_FALSE(holds(pick("--speed 1 --global_excluded_box " + null).output, "does NOT exist")) << null;
   write_file(path("sim_001_short.box"), "1 2 3 4\n12 34\n");
   for (const char* options :
        {"--exclusive_picking --excluded_suffix _short.box", "--global_excluded_box sim_001_short.box"}) {
