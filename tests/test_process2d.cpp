@@ -75,3 +75,18 @@ TEST_F(Transforms, AgreeWithTheDefinitionAndAreUnnormalised) {
     EXPECT_TRUE(all_near(to_host(back, n), times_n, rounding * std::sqrt(static_cast<double>(n))));
   }
 }
+
+TEST_F(Resampling, SmallImagesStandInTheMiddleOfLargeOnesTruncated) {
+  for (const Size large : {Size{40, 36}, Size{41, 37}}) {
+    for (const Size small : {Size{40, 36}, Size{8, 7}, Size{9, 10}}) {
+      const std::vector<float> image = random_values(static_cast<size_t>(small.nx) * small.ny, 1);
+      std::vector<float> want(static_cast<size_t>(large.nx) * large.ny, 9.0f);
+      const auto from = to_device(image), to = to_device(want);
+      hcuda_x2d_cp_small_to_large_center(to.get(), from.get(), large.nx, large.ny, small.nx, small.ny);
+      const int x0 = (large.nx - small.nx) / 2, y0 = (large.ny - small.ny) / 2;
+      for (int y = 0; y < small.ny; y++)
+        std::copy_n(image.begin() + y * small.nx, small.nx, want.begin() + (y0 + y) * large.nx + x0);
+      EXPECT_TRUE(same_bits(to_host(to, want.size()), want)) << small.nx << " in " << large.nx;
+    }
+  }
+}
