@@ -125,10 +125,11 @@ TEST_F(RunExcludes, GlobalPlacesFromEveryMicrographAndTogetherWithItsOwn) {
 
 TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
   const std::string list =
-      "-25 10 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n-2147483648 5 20 20\n1023 899 0 0\n1024 899 0 "
+      "-25 10 20 20\n10 -25 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n-2147483648 5 20 20\n1023 899 0 "
+      "0\n1024 899 0 "
       "0\n";
   write_file(path("all.box"), list);
-  EXPECT_EQ("Kestrix: all.box: 5 of 7 excluded coordinates lie outside the image; skipped.\n",
+  EXPECT_EQ("Kestrix: all.box: 6 of 8 excluded coordinates lie outside the image; skipped.\n",
             pick("--speed 1 --global_excluded_box all.box").errors);
   EXPECT_GT(picked().size(), 30U);
   write_file(path("all.box"), "1023 899 0 0\n1024 899 0 0\n");
