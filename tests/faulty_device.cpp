@@ -12,56 +12,38 @@
 
 namespace {
 
-[[noreturn]] void refuse(const char* fault) {
-  fprintf(stderr, "KESTRIX_TEST_FAULTS: can't make sense of \"%s\"\n", fault);
+[[noreturn]] void refuse(const char* faults) {
+  fprintf(stderr, "KESTRIX_TEST_FAULTS: can't make sense of \"%s\"\n", faults);
   abort();
 }
 
-void set_capabilities(char* list) {
+void set_capabilities(const char* list) {
   int(&capability)[8][2] = host_device_faults().capability;
-  char* rest = nullptr;
-  int device = 0;
-  for (char* item = strtok_r(list, ":", &rest); item && device < 8; item = strtok_r(nullptr, ":", &rest)) {
-    capability[device][0] = static_cast<int>(strtol(item, &item, 10));
-    if (*item == '.') capability[device][1] = static_cast<int>(strtol(item + 1, nullptr, 10));
-    device++;
-  }
-}
-
-void set_fault(char* fault) {
-  char* value = strchr(fault, '=');
-  if (!value) refuse(fault);
-  *value++ = '\0';
-  HostDeviceFaults& faults = host_device_faults();
-  const struct {
-    const char* name;
-    long* at;
-  } counted[] = {{"malloc", &faults.fail_malloc_at},
-                 {"malloc_host", &faults.fail_malloc_host_at},
-                 {"memcpy", &faults.fail_memcpy_at},
-                 {"launch", &faults.fail_launch_at},
-                 {"fft", &faults.fail_fft_at}};
-  for (const auto& kind : counted) {
-    if (strcmp(fault, kind.name) != 0) continue;
-    *kind.at = strtol(value, nullptr, 10);
-    return;
-  }
-  if (strcmp(fault, "devices") == 0) {
-    faults.device_count = static_cast<int>(strtol(value, nullptr, 10));
-  } else if (strcmp(fault, "capability") == 0) {
-    set_capabilities(value);
-  } else {
-    refuse(fault);
+  for (int device = 0; device < 8 && list && *list; device++) {
+    sscanf(list, "%d.%d", &capability[device][0], &capability[device][1]);
+    list = strchr(list, ':');
+    if (list) list++;
   }
 }
 
 bool set_faults() {
   const char* wanted = getenv("KESTRIX_TEST_FAULTS");
   if (!wanted) return false;
-  char faults[256];
-  if (snprintf(faults, sizeof faults, "%s", wanted) >= static_cast<int>(sizeof faults)) refuse(wanted);
+  HostDeviceFaults& faults = host_device_faults();
+  char text[256] = "";
+  if (strlen(wanted) >= sizeof text) refuse(wanted);
+  strcpy(text, wanted);
   char* rest = nullptr;
-  for (char* fault = strtok_r(faults, ",", &rest); fault; fault = strtok_r(nullptr, ",", &rest)) set_fault(fault);
+  for (char* fault = strtok_r(text, ",", &rest); fault; fault = strtok_r(nullptr, ",", &rest)) {
+    const bool understood = sscanf(fault, "malloc=%ld", &faults.fail_malloc_at) == 1 ||
+                            sscanf(fault, "malloc_host=%ld", &faults.fail_malloc_host_at) == 1 ||
+                            sscanf(fault, "memcpy=%ld", &faults.fail_memcpy_at) == 1 ||
+                            sscanf(fault, "launch=%ld", &faults.fail_launch_at) == 1 ||
+                            sscanf(fault, "fft=%ld", &faults.fail_fft_at) == 1 ||
+                            sscanf(fault, "devices=%d", &faults.device_count) == 1;
+    if (!understood && strncmp(fault, "capability=", 11) != 0) refuse(wanted);
+    if (!understood) set_capabilities(fault + 11);
+  }
   return true;
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "boxfile.h"
+#include "pick_records.h"
 #include "test_support.h"
 
 namespace {
@@ -28,7 +29,7 @@ struct Setting {
   int box_w, box_h;
 };
 
-// A grid of 10 x 10 cells of 21 pixels; picks nearer than the square root of 882 compete.
+// A grid of 10 x 10 cells of 21 pixels.
 constexpr Setting kPlain = {210, 210, 30.0f, 0.1f, 1.0f, 2, 2};
 
 constexpr char kStarHead[] =
@@ -53,21 +54,8 @@ class BoxFilter : public FolderTest {
     const std::string out = path(kind == 1 ? "m_quorlin.star" : "m_quorlin.box");
     box_filter(s.nx, s.ny, s.min_dist, s.cutoff, s.shrink, s.box_w, s.box_h, {0, 0}, path("m_nonunique.box").c_str(),
                excluded.c_str(), out.c_str(), kind);
-    EXPECT_EQ("", read_file(out + "~"));
+    EXPECT_FALSE(std::filesystem::exists(out + "~"));
     return read_file(out);
-  }
-
-  // The centres that stay, as "x,y x,y ...".
-  std::string kept(const std::vector<Candidate>& candidates, const Setting& s = kPlain,
-                   const std::string& excluded = "NULL") {
-    const std::string list = filter(s, candidate_lines(candidates), 1, excluded);
-    EXPECT_EQ(kStarHead, list.substr(0, sizeof kStarHead - 1));
-    std::istringstream lines(list.substr(sizeof kStarHead - 1));
-    std::string centres;
-    float psi, score;
-    for (int x, y, number; lines >> x >> y >> psi >> number >> score;)
-      centres += (centres.empty() ? "" : " ") + std::to_string(x) + "," + std::to_string(y);
-    return centres;
   }
 };
 
@@ -178,125 +166,68 @@ TEST_F(BoxFilter, AgreesWithAnotherTellingOfItsRulesOnRandomCandidates) {
   EXPECT_GT(lines, 2000u);
 }
 
-TEST_F(BoxFilter, ThePickThatStaysOfAChainDependsOnTheOrderOfTheCells) {
-  const auto chain = [&](float a, float b, float c) { return kept({{50, 100, a}, {75, 100, b}, {100, 100, c}}); };
-  EXPECT_EQ("100,100", chain(0.3f, 0.4f, 0.5f));
-  EXPECT_EQ("50,100 100,100", chain(0.5f, 0.4f, 0.3f));
-  EXPECT_EQ("50,100 100,100", chain(0.5f, 0.3f, 0.4f));
-  EXPECT_EQ("75,100", chain(0.3f, 0.4f, 0.3f));
-}
-
-TEST_F(BoxFilter, LimitsOfDistanceScoreAndTiesAreAsTheyShouldBe) {
-  EXPECT_EQ("50,90 71,111", kept({{50, 90, 0.5f}, {71, 111, 0.4f}}));  // squared distance 882
-  EXPECT_EQ("50,90", kept({{50, 90, 0.5f}, {75, 106, 0.4f}}));         // 881
-  EXPECT_EQ("75,106", kept({{50, 90, 0.5f}, {75, 106, 0.5f}}));        // of equals the later cell stays
-  EXPECT_EQ("45,100 85,100", kept({{45, 100, 0.5f}, {62, 100, 0.4f}, {85, 100, 0.3f}}));
-  EXPECT_EQ("50,90", kept({{50, 90, 0.1f}, {120, 90, 0.099999f}}));            // score at the cutoff, and below
-  EXPECT_EQ("51,91", kept({{50, 90, 0.4f}, {51, 91, 0.5f}, {52, 92, 0.5f}}));  // one cell: best, then first
-  EXPECT_EQ("", kept({{50, 90, 0.0f}, {120, 90, -1.0f}}, {210, 210, 30.0f, -2.0f, 1.0f, 2, 2}));
-}
-
-TEST_F(BoxFilter, TheOutermostCellsAndBoxesAcrossTheEdgeGiveNoPicks) {
-  EXPECT_EQ("", kept({{15, 100, 0.5f}, {100, 20, 0.5f}, {189, 100, 0.5f}, {100, 209, 0.5f}}));
-  EXPECT_EQ("", kept({{30, 30, 0.5f}, {10, 30, 0.6f}}, {42, 200, 30.0f, 0.1f, 1.0f, 2, 2}));  // two columns
-  const Setting wide = {210, 210, 30.0f, 0.1f, 2.0f, 101, 120};
-  EXPECT_EQ("200,62 52,200", kept({{25, 100, 0.5f}, {26, 100, 0.6f}, {100, 30, 0.5f}, {100, 31, 0.6f}}, wide));
-  EXPECT_EQ("", kept({{25, 100, 0.5f}, {185, 100, 0.5f}, {100, 30, 0.5f}, {100, 180, 0.5f}}, wide));
-  EXPECT_EQ("", filter(kPlain, ""));
-  EXPECT_EQ(kStarHead, filter(kPlain, "", 1));
-}
-
-TEST_F(BoxFilter, BothListsHoldTheSamePicksInRawPixels) {
-  const Setting s = {210, 210, 30.0f, 0.1f, 2.5f, 64, 32};
-  const std::string lines = "47 97 7 6 0.312500 2 45.000\n";  // centre 50, 100
-  EXPECT_EQ("93      234     64      32      0.312500\t2       45.000000\n", filter(s, lines, 2));
-  EXPECT_EQ(std::string(kStarHead) + "125     250     45.000000\t2       0.312500\n", filter(s, lines, 1));
-}
-
-TEST_F(BoxFilter, ExcludedBoxesRemoveWhatLiesNearTheirCentres) {
-  const Setting s = {210, 210, 30.0f, 0.1f, 2.0f, 2, 2};
-  const std::vector<Candidate> candidates = {{50, 100, 0.5f}, {100, 100, 0.5f}};
-  write_file(path("e.box"), "0 100 200 200\n");  // centre 100, 200: that of the first pick
-  EXPECT_EQ("200,200", kept(candidates, s, path("e.box")));
-  write_file(path("e.star"), "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n242.9 242.9\n");
-  EXPECT_EQ("100,200 200,200", kept(candidates, s, path("e.star")));  // at the least distance: 42 down, 42 across
-  write_file(path("e.star"), "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n242 241\n");
-  EXPECT_EQ("100,200", kept(candidates, s, path("e.star")));
-  write_file(path("e.box"), "-99999999999 99999999999 -99999999999 99999999999\n");
-  EXPECT_EQ("100,200 200,200", kept(candidates, s, path("e.box")));
-  std::string warnings = output_of([&] { EXPECT_EQ("100,200 200,200", kept(candidates, s, path("absent.box"))); });
-  EXPECT_NE(std::string::npos, warnings.find("does NOT exist! Automatically ignored!"));
-}
-
-TEST_F(BoxFilter, BrokenAndAbsurdCandidateLinesAreSkipped) {
+TEST_F(BoxFilter, BrokenLinesAreSkippedAndAbsurdSettingsSurvived) {
   const std::string good = "47 97 6 6 0.3 2 45\n";
   const std::string expected = filter(kPlain, good);
   EXPECT_EQ(1, std::count(expected.begin(), expected.end(), '\n'));
-  EXPECT_EQ(expected, filter(kPlain, "\n \t\n47 97 6 6 0.9 2\n47 97 6 6 0.9 2 \n" + good + "x\n"));
-  EXPECT_EQ(expected, filter(kPlain, "a b c d 0.9 f g\n" + good));  // a cell at the edge
-  const char* numbers[] = {"-2147483648", "2147483647", "99999999999999999999", "-1", "0", "nan", "1e300", "105"};
-  std::mt19937 random(3);
-  std::string absurd;
-  for (int i = 0; i < 4000; i++) {
-    for (int column = 0; column < 7; column++) absurd += std::string(numbers[random() % 8]) + " ";
-    absurd += "\n";
-  }
-  for (const Setting& s : {kPlain, Setting{210, 210, 1e30f, -1e30f, 1e30f, INT_MAX, INT_MIN},
+  EXPECT_EQ(expected, filter(kPlain, "\n \t\n47 97 6 6 0.9 2\n47 97 6 6 0.9 2 \n" + good + "x\na b c d 0.9 f g\n"));
+  const std::string absurd = "2147483647 2147483647 2147483647 2147483647 nan 99999999999 1e300\n";
+  for (const Setting& s : {Setting{210, 210, 1e30f, -1e30f, 1e30f, INT_MAX, INT_MIN},
                            Setting{1, 210, 1.5f, std::nanf(""), std::numeric_limits<float>::infinity(), -1, 0},
                            Setting{0, -5, 3.0f, 0.1f, 4.0f, 2, 2}, Setting{INT_MAX, INT_MAX, 1e6f, 0.0f, 1e9f, 2, 2}})
     for (const int kind : {1, 2}) filter(s, absurd + good, kind);
 }
 
-TEST_F(BoxFilter, TheCellSizeIsTheTruncatedHalfDiagonalAndOneAtLeast) {
-  EXPECT_EQ(42, box_filter_cell_size(60.0f));
-  EXPECT_EQ(21, box_filter_cell_size(30.0f));
-  EXPECT_EQ(1, box_filter_cell_size(1.4143f));
-  EXPECT_EQ(0, box_filter_cell_size(1.4142f));
-  EXPECT_EQ(0, box_filter_cell_size(std::nanf("")));
-  EXPECT_EQ(INT_MAX, box_filter_cell_size(1e30f));
-  EXPECT_EQ(INT_MIN, box_filter_cell_size(-1e30f));
-  const ChildResult run = run_in_child([&] { filter({210, 210, 1.0f, 0.1f, 1.0f, 2, 2}, ""); });
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ("", read_file(path("m_quorlin.box")));
-}
-
-TEST_F(BoxFilter, FilesThatCannotBeOpenedEndTheRun) {
-  const auto run = [&](const std::string& candidates, const std::string& out) {
-    return run_in_child([&] {
-      box_filter(9, 9, 9.0f, 0.1f, 1.0f, 2, 2, {0, 0}, candidates.c_str(), "NULL", out.c_str(), 2);
-    });
-  };
-  write_file(path("c.box"), "");
-  std::filesystem::create_directory(path("folder.box"));
-  ChildResult result = run(path("absent.box"), path("out.box"));
-  EXPECT_EQ(1, result.status);
-  EXPECT_EQ("Cannot open file " + path("absent.box") + ". Permission denied or wrong file name.\n" +
-                fatal_line("box_filter", "boxfile", "open file failed."),
-            result.out);
-  for (const std::string& out : {path("absent/out.box"), path("folder.box"), path(std::string(300, 'x'))}) {
-    result = run(path("c.box"), out);
-    EXPECT_EQ(1, result.status);
-    EXPECT_EQ("Cannot write to file " + out + ". Permission denied or no space left!\n" +
-                  fatal_line("box_filter", "boxfile", "open file failed."),
-              result.out);
-  }
-  EXPECT_EQ(1, run(path("c.box"), std::string(1023, 'x')).status);
-}
-
-TEST_F(BoxFilter, AListThatCannotBeWrittenInFullLeavesTheEarlierOneAlone) {
+TEST_F(BoxFilter, AListThatCannotBeWrittenEndsTheRunAndLeavesTheEarlierOneAlone) {
   std::vector<Candidate> candidates;
   for (int i = 1; i < 9; i++)
     for (int j = 1; j < 9; j++) candidates.push_back({i * 21 + 10, j * 21 + 10, 0.2f + 0.01f * static_cast<float>(i)});
+  write_file(path("m_nonunique.box"), candidate_lines(candidates));
   write_file(path("m_quorlin.box"), "earlier\n");
-  const ChildResult run = run_in_child([&] {
-    signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {1000, 1000};
-    write_file(path("m_nonunique.box"), candidate_lines(candidates));
-    setrlimit(RLIMIT_FSIZE, &limit);
-    box_filter(210, 210, 15.0f, 0.1f, 1.0f, 2, 2, {0, 0}, path("m_nonunique.box").c_str(), "NULL",
-               path("m_quorlin.box").c_str(), 2);
-  });
-  EXPECT_EQ(1, run.status);
-  EXPECT_NE(std::string::npos, run.out.find("writing " + path("m_quorlin.box") + " failed, no space left?"));
+  const auto run = [&](const std::string& in, const std::string& out) {
+    return run_in_child([&] {
+      signal(SIGXFSZ, SIG_IGN);
+      const rlimit limit = {1000, 1000};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      box_filter(210, 210, 15.0f, 0.1f, 1.0f, 2, 2, {0, 0}, in.c_str(), "NULL", out.c_str(), 2);
+    });
+  };
+  const ChildResult full = run(path("m_nonunique.box"), path("m_quorlin.box"));
+  EXPECT_EQ(1, full.status);
+  EXPECT_TRUE(holds(full.out, "writing " + path("m_quorlin.box") + " failed, no space left?")) << full.out;
   EXPECT_EQ("earlier\n", read_file(path("m_quorlin.box")));
+  const std::string failed = fatal_line("box_filter", "boxfile", "open file failed.");
+  EXPECT_EQ("Cannot open file absent.box. Permission denied or wrong file name.\n" + failed,
+            run("absent.box", path("out.box")).out);
+  std::filesystem::create_directory(path("folder.box"));
+  for (const std::string& out : {path("absent/out.box"), path("folder.box"), path(std::string(300, 'x'))}) {
+    const ChildResult refused = run(path("m_nonunique.box"), out);
+    EXPECT_EQ(1, refused.status);
+    EXPECT_EQ("Cannot write to file " + out + ". Permission denied or no space left!\n" + failed, refused.out);
+  }
+  EXPECT_EQ(1, run(path("m_nonunique.box"), std::string(1023, 'x')).status);
+}
+
+// --- The candidates that it reads ---
+
+using PickRecords = FolderTest;
+
+TEST_F(PickRecords, AreWrittenByCellLessThoseWhoseBoxLeavesTheImage) {
+  // 300 x 250 pixels, half box 16: x from 17 to 283, y from 17 to 233
+  const unsigned index[] = {
+      200 * 300 + 100, 0, 17 * 300 + 17, 17 * 300 + 16, 16 * 300 + 17, 233 * 300 + 283, 233 * 300 + 284,
+      234 * 300 + 283};
+  const float cc[] = {0.3125f, 9.0f, 0.5f, 0.5f, 0.5f, 12.25f, 0.5f, 0.5f};
+  const float psi[] = {45.0f, 9.0f, 0.0f, 1.0f, 2.0f, 355.0f, 4.0f, 5.0f};
+  FILE* file = fopen(path("a.box").c_str(), "w+");
+  output_quorlin_coord_one_temp(file, index, cc, psi, 0, 1, 300, 250, 32);
+  output_quorlin_coord_one_temp(file, index, cc, psi, 11, 8, 300, 250, 33);
+  output_quorlin_coord_one_temp(file, index, cc, psi, 1, 8, 300, 250, INT_MAX);
+  fclose(file);
+  EXPECT_EQ(
+      "84      184     32      32      0.312500\t0       \t45.000  \n"
+      "84      184     33      33      0.312500\t11      \t45.000  \n"
+      "1       1       33      33      0.500000\t11      \t0.000   \n"
+      "267     217     33      33      12.250000\t11      \t355.000 \n",
+      read_file(path("a.box")));
 }

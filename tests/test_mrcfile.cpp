@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstring>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "cuda_general.h"
@@ -87,41 +88,23 @@ TEST(MrcHead, NewHeadHasEveryInitialValueAtItsOffset) {
 }
 
 TEST(MrcHead, NamesModesAndKnowsTheReadableOnes) {
-  const struct {
-    const char* name;
-    int mode;
-    bool readable;
-  } modes[] = {{"Byte", 0, true},
-               {"Short", 1, true},
-               {"Float", 2, true},
-               {"Complex Short", 3, false},
-               {"Complex Float", 4, false},
-               {"Unknown", 5, false},
-               {"Unsigned Short", 6, true},
-               {"RGB", 16, false},
-               {"Complex Float (Real, Imag)", 20, false},
-               {"Complex Float (Amp, Rad)", 21, false},
-               {"Complex Float (Amp, Deg)", 22, false},
-               {"Unknown", -1, false}};
-  for (const auto& expected : modes) {
-    const MRC_HEAD head = head_of(1, 1, 1, expected.mode);
-    EXPECT_STREQ(expected.name, mrc_get_head_mode(&head));
-    EXPECT_EQ(expected.readable, mrc_mode_readable(expected.mode)) << expected.mode;
-  }
-}
-
-TEST(MrcHead, SizesOutsideWhatAnImageCanHaveAreInvalid) {
-  const struct {
-    int nx, ny, nz;
-    bool valid;
-  } sizes[] = {
-      {1, 1, 1, true},         {65535, 8192, kHuge, true}, {0, 5, 1, false},         {5, -1, 1, false},
-      {5, 5, 0, false},        {65536, 1, 1, false},       {65535, 65535, 1, false}, {kHuge, kHuge, kHuge, false},
-      {INT_MIN, 1, 1, false},  {4, INT_MIN, 1, false},     {4, 4, INT_MIN, false},   {32768, 16384, 1, true},
-      {32768, 16385, 1, false}};
-  for (const auto& size : sizes) {
-    const MRC_HEAD head = head_of(size.nx, size.ny, size.nz, 2);
-    EXPECT_EQ(size.valid, mrc_head_sizes_valid(&head)) << size.nx << " " << size.ny << " " << size.nz;
+  const std::pair<int, const char*> modes[] = {{0, "Byte"},
+                                               {1, "Short"},
+                                               {2, "Float"},
+                                               {3, "Complex Short"},
+                                               {4, "Complex Float"},
+                                               {5, "Unknown"},
+                                               {6, "Unsigned Short"},
+                                               {16, "RGB"},
+                                               {20, "Complex Float (Real, Imag)"},
+                                               {21, "Complex Float (Amp, Rad)"},
+                                               {22, "Complex Float (Amp, Deg)"},
+                                               {-1, "Unknown"}};
+  const std::set<int> readable = {0, 1, 2, 6};
+  for (const auto& mode : modes) {
+    const MRC_HEAD head = head_of(1, 1, 1, mode.first);
+    EXPECT_STREQ(mode.second, mrc_get_head_mode(&head));
+    EXPECT_EQ(readable.count(mode.first) == 1, mrc_mode_readable(mode.first)) << mode.first;
   }
 }
 
@@ -182,22 +165,19 @@ TEST_F(MrcFile, SamplesThatTheFileLacksAreZeroAndCounted) {
 }
 
 TEST_F(MrcFile, AnUnreadableModeOrAxisLeavesTheBufferAsItWas) {
-  const MRC_HEAD complex_head = head_of(3, 2, 1, 4);
+  const MRC_HEAD complex_head = head_of(3, 2, 1, 4), float_head = head_of(3, 2, 1, 2);
   write_mrc(path("complex.mrc"), complex_head, std::string(48, 'x'));
-  const MRC_HEAD float_head = head_of(3, 2, 1, 2);
   const std::vector<float> untouched(6, 7.0f);
   std::vector<float> plane = untouched;
   const OpenFile open(path("complex.mrc"));
-  EXPECT_EQ("", output_of([&] { mrc_read_slice(open.file, &complex_head, 0, 'z', plane.data()); }));
+  mrc_read_slice(open.file, &complex_head, 0, 'z', plane.data());
   mrc_read_slice(open.file, &float_head, 0, 'q', plane.data());
   EXPECT_EQ(untouched, plane);
-  EXPECT_EQ(warning_line("mrc_read_all", kUnit, "File type unknown!"),
-            output_of([&] { EXPECT_EQ(0, mrc_read_all(open.file, &complex_head, plane.data())); }));
-  EXPECT_EQ(untouched, plane);
-  float* all = nullptr;
-  output_of([&] { all = get_mrcf_data_all(path("complex.mrc").c_str()); });
-  EXPECT_EQ(std::vector<float>(6, 0.0f), std::vector<float>(all, all + 6));
-  free(all);
+  EXPECT_EQ(warning_line("mrc_read_all", kUnit, "File type unknown!"), output_of([&] {
+              float* all = get_mrcf_data_all(path("complex.mrc").c_str());
+              EXPECT_EQ(std::vector<float>(6, 0.0f), std::vector<float>(all, all + 6));
+              free(all);
+            }));
 }
 
 TEST_F(MrcFile, AHeadWithoutStampGetsOneInMemoryAndAShortOneReadsAsZeros) {
@@ -235,43 +215,6 @@ TEST_F(MrcFile, AFileOfAnotherSizeThanItsHeadSaysIsRefusedWholeBeforeAllocation)
     EXPECT_EQ(1, run.status);
     EXPECT_EQ(lie.report + refusal, run.out);
   }
-  std::vector<float> plane(4, -1.0f);
-  const OpenFile open(path("a.mrc"));
-  mrc_read_slice(open.file, &lies[0].head, 0, 'z', plane.data());
-  EXPECT_EQ(std::vector<float>(4, 0.0f), plane);
-}
-
-TEST_F(MrcFile, NoSizesInAHeadMislead) {
-  write_file(path("a.mrc"), std::string(1024 + 77, 'x'));  // 77 is no product of sizes and bytes below
-  const OpenFile open(path("a.mrc"));
-  std::mt19937 random(5);
-  const int values[] = {INT_MIN, -65536, -1, 0, 1, 2, 3, 255, 65535, 65536, 1 << 30, INT_MAX};
-  const int modes[] = {0, 1, 2, 3, 4, 5, 6, 16, 20, 101};
-  output_of([&] {
-    for (int i = 0; i < 3000; i++) {
-      const MRC_HEAD head =
-          head_of(values[random() % 12], values[random() % 12], values[random() % 12], modes[random() % 10]);
-      EXPECT_EQ(-1, mrc_check_fsize(open.file, &head));
-      const unsigned long missing = mrc_missing_samples(open.file, &head, values[random() % 12]);
-      const unsigned long section = head.nx > 0 && head.ny > 0 ? 1UL * head.nx * head.ny : ULONG_MAX;
-      EXPECT_LE(missing, section);
-    }
-  });
-}
-
-TEST_F(MrcFile, TheSizesOfTheHeadAreToldByKeyword) {
-  write_mrc(path("a.mrcs"), head_of(3, 5, 7, 2), "");
-  const struct {
-    const char* keyword;
-    long size;
-  } sizes[] = {{"x", 3},   {"Y", 5},   {"z", 7},   {"xy", 15}, {"YX", 15},
-               {"xz", 21}, {"zx", 21}, {"yz", 35}, {"zY", 35}, {"XYZ", 105}};
-  for (const auto& expected : sizes)
-    EXPECT_EQ(expected.size, get_mrcf_dim_size(path("a.mrcs").c_str(), expected.keyword)) << expected.keyword;
-  EXPECT_EQ(
-      "Error in function get_mrcf_dim_size(), file mrcfile on line N: unrecognized dimension keywords zyx !\n"
-      "valid dimension keywords: x, y, z, xy, yx, xz, zx, yz, zy, xyz; not case sensitive\n",
-      output_of([&] { EXPECT_EQ(0, get_mrcf_dim_size(path("a.mrcs").c_str(), "zyx")); }));
 }
 
 TEST_F(MrcFile, HostAndDeviceWritersMakeTheSameFloatFile) {
@@ -298,55 +241,23 @@ TEST_F(MrcFile, HostAndDeviceWritersMakeTheSameFloatFile) {
   EXPECT_EQ(0.0f, at<float>(empty, 80));
 }
 
-TEST_F(MrcFile, WritersRefuseOtherModesAndReportAMissingStamp) {
-  const OpenFile open(path("a.mrc"), "w+");
-  MRC_HEAD head = head_of(1, 1, 1, 1);
-  const float sample = 1.0f;
-  const ChildResult run = run_in_child([&] { mrc_write_head_data(open.file, &head, &sample); });
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ(fatal_line("mrc_write_head_data", kUnit,
-                       "mrc_write_head_alldata() does not support writing float data to other MRC format."),
-            run.out);
-  EXPECT_EQ(0, get_file_size(open.file));
-  memset(head.cmap, 0, 8);
-  const std::string problem = warning_line("mrc_write_head", kUnit, "MRC format problem! Check file format!\n");
-  EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, &head); }));
-  EXPECT_EQ(problem, output_of([&] { mrc_write_head(open.file, nullptr); }));
-  EXPECT_EQ(1024, get_file_size(open.file));
-}
-
-TEST_F(MrcFile, AFileThatCannotBeReadOrWrittenInFullEndsTheRunByName) {
-  const std::string absent = path("absent/a.mrc");
-  ChildResult run = run_in_child([&] { get_mrcf_head(absent.c_str()); });
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ("Cannot open file " + absent + ". Permission denied or wrong file name.\n" +
-                fatal_line("get_mrcf_head", kUnit, "open file failed."),
-            run.out);
-  const std::vector<float> data(100000);
-  run = run_in_child([&] { mrcf_write_xyz_data(absent.c_str(), data.data(), 100, 100, 10); });
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ("Cannot write to file " + absent + ". Permission denied or no space left!\n" +
-                fatal_line("mrcf_write_xyz_data", kUnit, "open file failed."),
-            run.out);
-  for (const int nz : {0, 10}) {  // the disk is full when the head is flushed, and while the data are written
-    run = run_in_child([&] { mrcf_write_xyz_data("/dev/full", data.data(), 100, 100, nz); });
-    EXPECT_EQ(1, run.status);
-    EXPECT_EQ(fatal_line("mrcf_write_xyz_data", kUnit, "writing /dev/full failed, no space left?"), run.out);
-  }
-}
-
 TEST(MrcHead, MicrographsOfDifferentSizeOrModeEndTheRunWithBothShown) {
   const MRC_HEAD first = head_of(4096, 4096, 1, 2);
   EXPECT_EQ(0, check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &first));
-  for (const MRC_HEAD& other :
-       {head_of(4095, 4096, 1, 2), head_of(4096, 1, 1, 2), head_of(4096, 4096, 2, 2), head_of(4096, 4096, 1, 1)})
-    EXPECT_EQ(1, run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other); }).status);
-  const MRC_HEAD other = head_of(4096, 4096, 1, 6);
-  EXPECT_EQ(
-      "Micrograph \x1b[1ma.mrc\x1b[m has a different size or format from  \x1b[1mb.mrc\x1b[m.\n"
-      "Check if all the micrographs are the same sizes and format? \n "
-      "      Nx      Ny      Nz      Mode             File:\n"
-      "      4096    4096    1       Float               a.mrc\n"
-      "      4096    4096    1       Unsigned Short      b.mrc\n",
-      run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other); }).out);
+  const std::pair<MRC_HEAD, const char*> others[] = {
+      {head_of(4095, 4096, 1, 2), "4095    4096    1       Float         "},
+      {head_of(4096, 1, 1, 2), "4096    1       1       Float         "},
+      {head_of(4096, 4096, 2, 2), "4096    4096    2       Float         "},
+      {head_of(4096, 4096, 1, 6), "4096    4096    1       Unsigned Short"}};
+  for (const auto& other : others) {
+    const ChildResult run = run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other.first); });
+    EXPECT_EQ(1, run.status);
+    EXPECT_EQ(
+        "Micrograph \x1b[1ma.mrc\x1b[m has a different size or format from  \x1b[1mb.mrc\x1b[m.\n"
+        "Check if all the micrographs are the same sizes and format? \n "
+        "      Nx      Ny      Nz      Mode             File:\n"
+        "      4096    4096    1       Float               a.mrc\n      " +
+            std::string(other.second) + "      b.mrc\n",
+        run.out);
+  }
 }

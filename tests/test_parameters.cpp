@@ -1,322 +1,280 @@
-#include <gtest/gtest.h>
-
+// The command line: what its options set, what is refused, the help and the parameter report.
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <ctime>
+#include <functional>
+#include <iterator>
+#include <sstream>
+#include <vector>
 
+#include "parameters.h"
 #include "platform/device.h"
+#include "reports.h"
 #include "str_utils.h"
-#include "test_support_parameters.h"
+#include "test_support.h"
 #include "text_numbers.h"
 
 namespace {
 
-const std::vector<std::string> warning_lines = {
-    "Waring: You have not set the parameter '--diameter',  the default value 400Å will be used.\n",
-    "Waring: You have not set the parameter '--T',  the automatically generated Gaussian template will be "
-    "used. This is fine for 'spherical particles' like virus or ribosome. Do use templates for non-spherical "
-    "particles.\n",
-    "Waring: You have not set the parameter '--apixM', the pixel size of micrograph is assumed to be 1.34Å "
-    "by default.\n",
-    "Waring: You have not set the parameter '--apixT', the pixel size of templates is assumed to be the same "
-    "as micrographs by default.\n"};
+using Words = std::vector<std::string>;
 
-bool ends_with(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+Words words_of(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
 }
 
-// The text with the number behind its first "on line " replaced by N.
-std::string without_line_number(const std::string& text) {
-  const size_t digits = text.find("on line ") + 8;
-  return text.substr(0, digits) + "N" + text.substr(text.find_first_not_of("0123456789", digits));
+/// The words of a command line as main receives them; the first is the program's name, "kestrix".
+struct Command_Line {
+  explicit Command_Line(Words arguments) : words(std::move(arguments)) {
+    words.insert(words.begin(), "kestrix");
+    for (std::string& word : words) pointers.push_back(&word[0]);
+    pointers.push_back(nullptr);
+  }
+  Command_Line(const Command_Line&) = delete;
+  Command_Line& operator=(const Command_Line&) = delete;
+
+  int argc() const { return static_cast<int>(words.size()); }
+  char** argv() { return pointers.data(); }
+
+  Words words;
+  std::vector<char*> pointers;
+};
+
+/// A record filled from a command line that is accepted, and what was printed meanwhile.
+struct Parsed {
+  explicit Parsed(const Words& arguments) : line(arguments) {
+    warnings = output_of([this] {
+      kestrix_init_parameters(line.argc(), &para);
+      kestrix_get_parameters(line.argc(), line.argv(), &para);
+    });
+  }
+  explicit Parsed(const std::string& options) : Parsed(words_of(options + " mic.mrc")) {}
+  ~Parsed() { kestrix_free_parameters(&para); }
+  Parsed(const Parsed&) = delete;
+  Parsed& operator=(const Parsed&) = delete;
+
+  Command_Line line;
+  Kestrix_Para para;
+  std::string warnings;
+};
+
+/// How parsing a command line and judging its values ends; kDidNotExit where it is accepted.
+ChildResult ending_of(const Words& arguments) {
+  Command_Line line(arguments);
+  return run_in_child([&line] {
+    Kestrix_Para para;
+    kestrix_init_parameters(line.argc(), &para);
+    kestrix_get_parameters(line.argc(), line.argv(), &para);
+    kestrix_check_parameters(&para);
+    kestrix_free_parameters(&para);
+  });
 }
 
-// The fatal line of a unit, with the source line left open, as the last thing printed.
-bool ends_with_fatal(const Ending& ending, const std::string& function, const std::string& message) {
-  const size_t at = ending.output.rfind("Error in function ");
-  return at != std::string::npos &&
-         without_line_number(ending.output.substr(at)) ==
-             "Error in function " + function + "(), file parameters on line N: " + message + "! Exit now!\n";
+/// The line must end with status 1 and that fatal line, of a function of the unit parameters.
+void expect_fatal(const Words& arguments, const std::string& function, const std::string& message,
+                  bool after_help = false) {
+  const ChildResult ending = ending_of(arguments);
+  EXPECT_EQ(1, ending.status) << message;
+  EXPECT_TRUE(ends_with(ending.out, fatal_line(function, "parameters", message))) << ending.out;
+  EXPECT_EQ(after_help, holds(ending.out, "Usage:\n         kestrix [options] <micrographs>")) << message;
 }
 
-bool is_short_help_then(const Ending& ending, const std::string& message) {
-  return ending.output.find("Usage:\n         kestrix [options] <micrographs>") != std::string::npos &&
-         ends_with_fatal(ending, "kestrix_help_exit", message);
+std::string golden(const std::string& name) { return read_file(KESTRIX_SOURCE_DIR "/tests/golden/" + name); }
+
+std::string report_of(const Words& arguments) {
+  Parsed parsed(arguments);
+  return output_of([&] { kestrix_fput_parameters(parsed.line.argc(), parsed.line.argv(), &parsed.para, stdout); });
 }
 
 }  // namespace
 
 TEST(Parameters, DerivedValuesOfTheDefaultsAreThoseOfTheWorkedExample) {
-  const Parsed parsed({"mic.mrc"});
-  const Kestrix_Para& para = parsed.para;
-  EXPECT_EQ(320.0f, para.min_dist);
-  EXPECT_EQ(396, para.boxsize);
-  EXPECT_EQ(300.0f, para.lsigma_D);
-  EXPECT_EQ(320.0f, para.lave_D);
-  EXPECT_NEAR(48.507, para.radius_px, 0.0005);
-  EXPECT_NEAR(59.701, para.min_dist_px, 0.0005);
-  EXPECT_NEAR(27.985, para.lsigma_radius_px, 0.0005);
-  EXPECT_NEAR(29.851, para.lave_radius_px, 0.0005);
-  EXPECT_EQ(para.apixM, para.apixT);
-  EXPECT_EQ(4, para.shrink);
-  EXPECT_EQ(0.15f, para.cc_cutoff);
-  EXPECT_EQ(1, para.auto_template);
-  EXPECT_STREQ("NULL", para.T);
+  const Parsed parsed("");
+  EXPECT_EQ(320.0f, parsed.para.min_dist);
+  EXPECT_EQ(396, parsed.para.boxsize);
+  EXPECT_EQ(300.0f, parsed.para.lsigma_D);
+  EXPECT_EQ(320.0f, parsed.para.lave_D);
+  EXPECT_NEAR(48.507, parsed.para.radius_px, 0.0005);
+  EXPECT_NEAR(59.701, parsed.para.min_dist_px, 0.0005);
+  EXPECT_NEAR(27.985, parsed.para.lsigma_radius_px, 0.0005);
+  EXPECT_NEAR(29.851, parsed.para.lave_radius_px, 0.0005);
+  EXPECT_EQ(359.0f, parsed.para.psi_end);
 }
 
-TEST(Parameters, DerivedValuesDoNotDependOnTheOrderOfTheOptions) {
-  const Parsed one({"--diameter", "210", "--apixM", "1.06", "--speed", "1", "a.mrc"});
-  const Parsed other({"a.mrc", "--speed", "1", "--apixM", "1.06", "--diameter", "210"});
+TEST(Parameters, DerivedValuesComeFromTheLastOfTheOptionsInAnyOrder) {
+  const Parsed one("--diameter 5 --diameter 210 --apixM 1.06 --speed 1"), other("--speed 1 --apixM 1.06 -DIAMETER 210");
   EXPECT_EQ(one.para.radius_px, other.para.radius_px);
-  EXPECT_EQ(one.para.boxsize, other.para.boxsize);
-  // In double precision from the fields: 210 * 1.33 / 1.06 = 263.49, halved, truncated, doubled.
-  EXPECT_EQ(262, one.para.boxsize);
   EXPECT_EQ((1.3f * 210.0f) / (2.0f * (1.06f + 1.06f)), one.para.radius_px);
   EXPECT_EQ(static_cast<float>(210.0 * 0.8) / (2.0f * 1.06f), one.para.min_dist_px);
-}
-
-TEST(Parameters, GivenValuesAreUsedUnchanged) {
-  const Parsed parsed({"--min_dist", "12.5", "--boxsize", "127", "--lsigma_D", "90", "--lave_D", "80", "--apixT", "2.5",
-                       "--apixM", "3", "mic.mrc"});
-  EXPECT_EQ(12.5f, parsed.para.min_dist);
-  EXPECT_EQ(127, parsed.para.boxsize);
-  EXPECT_EQ(90.0f, parsed.para.lsigma_D);
-  EXPECT_EQ(80.0f, parsed.para.lave_D);
-  EXPECT_EQ(2.5f, parsed.para.apixT);
-  EXPECT_EQ(3.0f, parsed.para.apixM);
-}
-
-TEST(Parameters, SpeedSetsTheShrinkFactor) {
+  EXPECT_EQ(262, one.para.boxsize);  // in double precision: 210 * 1.33 / 1.06 = 263.49, halved, truncated, doubled
   const int shrinks[] = {1, 2, 4, 6, 8};
-  for (int speed = 0; speed <= 4; speed++) {
-    const Parsed parsed({"--speed", std::to_string(speed), "mic.mrc"});
-    EXPECT_EQ(shrinks[speed], parsed.para.shrink);
-    EXPECT_FLOAT_EQ(320.0f / (shrinks[speed] * 1.34f), parsed.para.min_dist_px);
+  for (int speed = 0; speed <= 4; speed++)
+    EXPECT_EQ(shrinks[speed], Parsed("--speed " + std::to_string(speed)).para.shrink);
+  for (const char* word : {"NONE", "null", "Null", "none"}) {
+    const Parsed parsed(std::string("--T ") + word);
+    EXPECT_EQ(1, parsed.para.auto_template);
+    EXPECT_FALSE(holds(parsed.warnings, "'--T'"));
   }
 }
 
-TEST(Parameters, AnOptionIsKnownByOneOrTwoHyphensInAnyCase) {
-  const Parsed parsed({"-APIXM", "2", "--t", "stack.mrcs", "-KV", "200", "--Write_Star", "0", "mic.mrc"});
-  EXPECT_EQ(2.0f, parsed.para.apixM);
-  EXPECT_STREQ("stack.mrcs", parsed.para.T);
-  EXPECT_EQ(0, parsed.para.auto_template);
-  EXPECT_EQ(200.0f, parsed.para.kV);
-  EXPECT_EQ(0, parsed.para.write_star);
-}
-
-TEST(Parameters, AcceptsTheOptionsThatTheOptionListLacks) {
-  const Parsed parsed({"--center1_ratio", "0.2", "--T_norm_type", "3", "--update_T", "--pre_lp", "9",
-                       "--write_pref_mic", "--do_unfinished", "--do_bandpass", "0", "mic.mrc"});
-  EXPECT_EQ(0.2f, parsed.para.center1_ratio);
-  EXPECT_EQ(3, parsed.para.T_norm_type);
-  EXPECT_EQ(1, parsed.para.update_T);
-  EXPECT_EQ(9.0f, parsed.para.pre_lp);
-  EXPECT_EQ(1, parsed.para.write_pref_mic);
-  EXPECT_EQ(1, parsed.para.do_unfinished);
-  EXPECT_EQ(0, parsed.para.do_bandpass);
-}
-
-TEST(Parameters, TheLastOfTwoWins) {
-  const Parsed parsed({"--lave_min", "-0.8", "--detect_ice", "0", "mic.mrc", "--lave_min", "-2", "--detect_ice"});
-  EXPECT_EQ(-2.0f, parsed.para.lave_min);
-  EXPECT_EQ(1, parsed.para.detect_ice);
-}
-
-TEST(Parameters, AValueMayLookLikeAnything) {
-  const Parsed parsed({"--lave_max", "--speed", "--excluded_suffix", "--T", "--boxsize", "mic.mrc", "a.mrc"});
+TEST(Parameters, AValueMayLookLikeAnythingAndMicrographsKeepTheirOrder) {
+  const Parsed parsed(
+      {"b.mrc", "--lave_max", "--speed", "--excluded_suffix", "--T", "--boxsize", "mic.mrc", "a", "b.mrc", ""});
   EXPECT_EQ(0.0f, parsed.para.lave_max);
   EXPECT_STREQ("--T", parsed.para.excluded_suffix);
   EXPECT_EQ(0, parsed.para.boxsize);
   EXPECT_EQ(4, parsed.para.shrink);
-  ASSERT_EQ(1, parsed.para.n_files);
-  EXPECT_STREQ("a.mrc", parsed.para.files[0]);
-}
-
-TEST(Parameters, MicrographsKeepTheirOrderAndDuplicates) {
-  const Parsed parsed({"b.mrc", "--gid", "0", "a", "b.mrc", ""});
   ASSERT_EQ(4, parsed.para.n_files);
-  EXPECT_STREQ("b.mrc", parsed.para.files[0]);
-  EXPECT_STREQ("a", parsed.para.files[1]);
-  EXPECT_EQ(parsed.line.pointers[5], parsed.para.files[2]);
-  EXPECT_STREQ("", parsed.para.files[3]);
+  EXPECT_EQ("b.mrc a b.mrc ", std::string(parsed.para.files[0]) + " " + parsed.para.files[1] + " " +
+                                  parsed.para.files[2] + " " + parsed.para.files[3]);
 }
 
-TEST(Parameters, AFlagLeavesALetterAndConsumesAnyOtherBeginning) {
-  const Parsed letter({"--write_mic_mask", "mic.mrc"});
-  EXPECT_EQ(1, letter.para.write_mic_mask);
-  EXPECT_EQ(1, letter.para.n_files);
-
-  // A path, a leading digit and an empty text are values, of which the number counts.
-  const char* const consumed[] = {"./a.mrc", "/data/a.mrc", "../a.mrc", "0001.mrc", "7up.mrc", "", "+0", " 1"};
-  const int flags[] = {0, 0, 0, 1, 1, 0, 0, 1};
-  for (int i = 0; i < 8; i++) {
-    const Parsed parsed({"--write_mic_mask", consumed[i], "b.mrc"});
-    EXPECT_EQ(flags[i], parsed.para.write_mic_mask) << consumed[i];
-    EXPECT_EQ(1, parsed.para.n_files) << consumed[i];
+TEST(Parameters, AFlagLeavesALetterOrAnOptionAndConsumesAnyOtherBeginning) {
+  const struct {
+    const char* next;
+    int flag, files;
+  } cases[] = {{"mic.mrc", 1, 2},   {"./a.mrc", 0, 1}, {"/data/a.mrc", 0, 1}, {"../a.mrc", 0, 1}, {"0001.mrc", 1, 1},
+               {"7up.mrc", 1, 1},   {"", 0, 1},        {"+0", 0, 1},          {" 1", 1, 1},       {"-detect_ice", 1, 1},
+               {"Micrograph", 1, 2}};
+  for (const auto& c : cases) {
+    const Parsed parsed(Words{"--write_mic_mask", c.next, "b.mrc"});
+    EXPECT_EQ(c.flag, parsed.para.write_mic_mask) << c.next;
+    EXPECT_EQ(c.files, parsed.para.n_files) << c.next;
   }
-  const Parsed last({"mic.mrc", "--detect_ice", "0", "--write_star"});
-  EXPECT_EQ(0, last.para.detect_ice);
-  EXPECT_EQ(1, last.para.write_star);
+  EXPECT_EQ(1, Parsed(Words{"mic.mrc", "--detect_ice", "0", "--detect_ice"}).para.detect_ice);
 }
 
 TEST(Parameters, WarningsComeInTheirOrderForWhatWasNotGiven) {
-  std::string all;
-  for (const std::string& line : warning_lines) all += line;
-  EXPECT_EQ(all, Parsed({"mic.mrc"}).warnings);
-  EXPECT_EQ("", Parsed({"--apixT", "1", "--apixM", "1", "--T", "t.mrc", "--diameter", "9", "mic.mrc"}).warnings);
-  EXPECT_EQ(warning_lines[0] + warning_lines[3], Parsed({"--apixM", "1", "--T", "t.mrc", "mic.mrc"}).warnings);
-}
-
-TEST(Parameters, ANullTemplateIsAutomaticWithoutAWarning) {
-  for (const char* word : {"NONE", "null", "Null", "none"}) {
-    const Parsed parsed({"--T", word, "mic.mrc"});
-    EXPECT_EQ(1, parsed.para.auto_template);
-    EXPECT_EQ(std::string::npos, parsed.warnings.find("'--T'"));
-  }
+  EXPECT_EQ(golden("warnings.txt"), Parsed("").warnings);
+  EXPECT_EQ("", Parsed("--apixT 1 --apixM 1 --T t.mrc --diameter 9").warnings);
 }
 
 TEST(Parameters, AnUnknownOptionEndsWithTheOptionListAndStatus0) {
-  const std::vector<std::vector<std::string>> lines = {
-      {"--write_rejected_box", "mic.mrc"}, {"mic.mrc", "--detect_ice", "-1"}, {"mic.mrc", "-"},
-      {"mic.mrc", "--apix", "1"},          {"mic.mrc", "---apixM", "1"},      {"mic.mrc", "--help"}};
-  const char* const refused[] = {"--write_rejected_box", "-1", "-", "--apix", "---apixM", "--help"};
-  for (size_t i = 0; i < lines.size(); i++) {
-    const Ending ending = ending_of_parsing(lines[i]);
-    EXPECT_FALSE(ending.returned);
+  for (const char* word : {"--write_rejected_box", "-1", "-", "--apix", "---apixM", "--help", "--lcutoff_D"}) {
+    const ChildResult ending = ending_of({"mic.mrc", "--detect_ice", word, "1"});
     EXPECT_EQ(0, ending.status);
-    const std::string output = without_line_number(ending.output);
-    const std::string head =
+    EXPECT_EQ(
         "\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR:\x1b[min function refuse_option(), file parameters on line N. "
         "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m" +
-        std::string(refused[i]) + "!\x1b[m Exit now. Check your input please.\n\n" + std::string(130, '-') +
-        "\nAll valid options:\n--apixM\t ";
-    EXPECT_EQ(head, output.substr(0, head.size()));
-    EXPECT_TRUE(ends_with(output, "--gid\t \n" + std::string(128, '-') + "\n"));
+            std::string(word) + "!\x1b[m Exit now. Check your input please.\n\n" + golden("valid_options.txt"),
+        ending.out);
   }
 }
 
-TEST(Parameters, ASpeedLevelThatDoesNotExistIsRefusedAtOnce) {
-  for (const char* speed : {"5", "-1", "99999999999", "-99999999999"}) {
-    const Ending ending = ending_of_parsing({"--speed", speed, "--no_such_option"});
-    EXPECT_EQ(1, ending.status);
-    EXPECT_EQ(0u, ending.output.find("Error in function"));
-    EXPECT_TRUE(ends_with_fatal(ending, "kestrix_speed2shrink", "speed level must belong to {0,1,2,3,4}"));
-  }
-}
-
-TEST(Parameters, NoMicrographIsRefusedWithTheShortHelp) {
-  for (const std::vector<std::string>& line :
-       {std::vector<std::string>{"--apixM", "1"}, {"--write_star", "0001.mrc"}}) {
-    const Ending ending = ending_of_parsing(line);
-    EXPECT_EQ(1, ending.status);
-    EXPECT_TRUE(is_short_help_then(ending, "No valid files to be processed."));
-  }
-}
-
-TEST(Parameters, AnOptionWithoutItsValueIsRefusedByName) {
-  for (const char* option : {"--apixM", "-speed", "--EXCLUDED_SUFFIX"}) {
-    const Ending ending = ending_of_parsing({"mic.mrc", option});
-    EXPECT_EQ(1, ending.status);
-    EXPECT_TRUE(is_short_help_then(ending, "the option " + std::string(option) + " must be followed by a value"));
-  }
+TEST(Parameters, WhatCannotBeTakenIsRefusedAtOnce) {
+  for (const char* speed : {"5", "-1", "99999999999", "-99999999999"})
+    expect_fatal({"--speed", speed, "--no_such_option"}, "kestrix_speed2shrink",
+                 "speed level must belong to {0,1,2,3,4}");
+  for (const Words& line : {Words{"--apixM", "1"}, Words{"--write_star", "0001.mrc"}})
+    expect_fatal(line, "kestrix_help_exit", "No valid files to be processed.", true);
+  for (const char* option : {"--apixM", "-speed", "--EXCLUDED_SUFFIX", "--gid"})
+    expect_fatal({"mic.mrc", option}, "kestrix_help_exit",
+                 "the option " + std::string(option) + " must be followed by a value", true);
 }
 
 TEST(Parameters, TextsAreTakenUpTo1023BytesAndNeverCut) {
-  const std::string longest(1023, 'n');
-  const std::string over(1024, 'n');
+  const std::string longest(1023, 'n'), over(1024, 'n'), shown(40, 'n');
   const Parsed parsed({"--T", longest, longest});
   EXPECT_EQ(longest, parsed.para.T);
   EXPECT_EQ(longest, parsed.para.files[0]);
-
-  const std::vector<std::vector<std::string>> too_long = {
-      {"--T", over, "m"}, {"--excluded_suffix", over, "m"}, {"--global_excluded_box", over, "m"}, {over}};
-  const char* const named[] = {"value of --T ", "value of --excluded_suffix ", "value of --global_excluded_box ",
-                               "file name "};
-  for (size_t i = 0; i < too_long.size(); i++) {
-    const Ending ending = ending_of_parsing(too_long[i]);
-    EXPECT_EQ(1, ending.status);
-    EXPECT_NE(std::string::npos, ending.output.find(named[i])) << ending.output;
-    EXPECT_TRUE(ends_with(ending.output, "at most 1023 characters! Exit now!\n"));
-  }
+  const std::string end = " is too long ('" + shown + "...'): it may have at most 1023 characters";
+  for (const std::string option : {"T", "excluded_suffix", "global_excluded_box"})
+    expect_fatal({"--" + option, over, "m"}, "store_value", std::string("the value of --").append(option).append(end));
+  expect_fatal({over}, "take_argument",
+               "the file name '" + shown + "...' is too long: it may have at most 1023 characters");
 }
-
-TEST(Parameters, AnImpossibleDeviceNumberIsReplacedByTheBestDevice) {
-  EXPECT_EQ(0, Parsed({"--gid", "7", "mic.mrc"}).para.gid);
-  EXPECT_EQ(0, Parsed({"--gid", "-99999999999", "mic.mrc"}).para.gid);
-}
-
-#ifndef KESTRIX_CUDA
-TEST(Parameters, NoDeviceIsRefusedAfterTheWarning) {
-  host_device_faults().device_count = 0;
-  const Ending ending = ending_of_parsing({"mic.mrc"});
-  host_device_faults() = HostDeviceFaults{};
-  EXPECT_EQ(1, ending.status);
-  EXPECT_EQ(0u, ending.output.find("Warning: no GPU device found!\n"));
-  EXPECT_TRUE(is_short_help_then(ending, "Failed to find any usable GPU device!"));
-}
-#endif
 
 TEST(Parameters, HostileNumbersSaturate) {
-  EXPECT_EQ(2147483646, Parsed({"--diameter", "1e38", "mic.mrc"}).para.boxsize);
-  EXPECT_EQ(INT_MIN, Parsed({"--diameter", "-1e38", "mic.mrc"}).para.boxsize);
-  EXPECT_EQ(2147483646, Parsed({"--apixM", "0", "mic.mrc"}).para.boxsize);
-  EXPECT_EQ(0, Parsed({"--apixM", "nan", "mic.mrc"}).para.boxsize);
-  EXPECT_EQ(0, Parsed({"--apixM", "inf", "--diameter", "inf", "mic.mrc"}).para.boxsize);
-  EXPECT_EQ(INT_MAX, Parsed({"--boxsize", "99999999999", "mic.mrc"}).para.boxsize);
-  EXPECT_TRUE(std::isinf(Parsed({"--lp", "1e300", "mic.mrc"}).para.lp));
-  EXPECT_EQ(0.0f, Parsed({"--hp", "", "mic.mrc"}).para.hp);
-  EXPECT_EQ(0, Parsed({"--T_norm_type", "one", "mic.mrc"}).para.T_norm_type);
-}
-
-TEST(TextNumbers, ReadAsAtoiDoesAndSaturate) {
-  EXPECT_EQ(-12, text_to_int(" \t-12abc"));
-  EXPECT_EQ(3, text_to_int("+3.9"));
-  EXPECT_EQ(0, text_to_int("x7"));
-  EXPECT_EQ(INT_MAX, text_to_int("99999999999999999999999"));
-  EXPECT_EQ(INT_MIN, text_to_int("-2147483649"));
+  EXPECT_EQ(2147483646, Parsed("--diameter 1e38").para.boxsize);
+  EXPECT_EQ(INT_MIN, Parsed("--diameter -1e38").para.boxsize);
+  EXPECT_EQ(2147483646, Parsed("--apixM 0").para.boxsize);
+  EXPECT_EQ(0, Parsed("--apixM nan").para.boxsize);
+  EXPECT_EQ(0, Parsed("--apixM inf --diameter inf").para.boxsize);
+  EXPECT_TRUE(std::isinf(Parsed("--lp 1e300").para.lp));
+  const std::pair<const char*, int> numbers[] = {
+      {" \t-12abc", -12}, {"+3.9", 3}, {"x7", 0}, {"99999999999", INT_MAX}, {"-2147483649", INT_MIN}, {"", 0}};
+  for (const auto& number : numbers) EXPECT_EQ(number.second, text_to_int(number.first)) << number.first;
   EXPECT_EQ(INT_MAX, saturating_int(2147483647.5));
   EXPECT_EQ(INT_MIN, saturating_int(-INFINITY));
   EXPECT_EQ(-3, saturating_int(-3.99));
 }
 
-TEST(ParameterCheck, NamesTheOptionItsValueAndWhatIsAllowed) {
-  const std::vector<std::vector<std::string>> lines = {{"--apixM", "0"},
-                                                       {"--apixM", "nan"},
-                                                       {"--apixM", "inf"},
-                                                       {"--apixT", "-1.5"},
-                                                       {"--diameter", "-400"},
-                                                       {"--diameter", "1e300"},
-                                                       {"--min_dist", "0"},
-                                                       {"--min_dist", "-inf"},
-                                                       {"--boxsize", "0"},
-                                                       {"--diameter", "1"},
-                                                       {"--T", "t.mrcs", "--ang_step", "0"},
-                                                       {"--T", "t.mrcs", "--ang_step", "nan"}};
-  const char* const said[] = {
-      "--apixM is 0: the pixel size of the micrographs in angstrom must be a number above 0",
-      "--apixM is nan: the pixel size of the micrographs in angstrom must be a number above 0",
-      "--apixM is inf: the pixel size of the micrographs in angstrom must be a number above 0",
-      "--apixT is -1.5: the pixel size of the templates in angstrom must be a number above 0",
-      "--diameter is -400: the particle diameter in angstrom must be a number above 0",
-      "--diameter is inf: the particle diameter in angstrom must be a number above 0",
-      "--min_dist is 0: the least distance between particles in angstrom must be a number above 0",
-      "--min_dist is -inf: the least distance between particles in angstrom must be a number above 0",
-      "--boxsize is 0: the box must be at least 1 pixel",
-      "--boxsize is 0: the box must be at least 1 pixel",
-      "--ang_step is 0: the angular step must be a number of at least 0.001 degrees",
-      "--ang_step is nan: the angular step must be a number of at least 0.001 degrees"};
-  for (size_t i = 0; i < lines.size(); i++) {
-    std::vector<std::string> line = lines[i];
-    line.emplace_back("mic.mrc");
-    EXPECT_TRUE(ending_of_parsing(line).returned) << said[i];
-    const Ending ending = ending_of_parsing(line, true);
-    EXPECT_EQ(1, ending.status) << said[i];
-    EXPECT_NE(std::string::npos, ending.output.find(": " + std::string(said[i]))) << ending.output;
-    EXPECT_TRUE(ends_with(ending.output, "! Exit now!\n"));
-  }
+TEST(Parameters, ThatNoRunCanHaveAreNamedWithWhatIsAllowed) {
+  const std::string above_0 = " must be a number above 0";
+  const std::string box =
+      ": the box must be at least 1 pixel (when not given it is 1.33 times --diameter over --apixM, made even)";
+  const std::string step = ": the angular step must be a number of at least 0.001 degrees";
+  const char* const positive[][2] = {{"apixM", "the pixel size of the micrographs in angstrom"},
+                                     {"apixT", "the pixel size of the templates in angstrom"},
+                                     {"diameter", "the particle diameter in angstrom"},
+                                     {"min_dist", "the least distance between particles in angstrom"}};
+  for (const auto& option : positive)
+    for (const std::string value : {"0", "-1.5", "nan", "inf", "-inf"})
+      expect_fatal(
+          {"--" + std::string(option[0]), value, "m"}, "require_positive",
+          std::string("--").append(option[0]).append(" is ").append(value).append(": ").append(option[1]).append(
+              above_0));
+  const std::string function = "kestrix_check_parameters";
+  for (const Words& line : {Words{"--boxsize", "0", "m"}, Words{"--diameter", "1", "m"}})
+    expect_fatal(line, function, "--boxsize is 0" + box);
+  for (const std::string value : {"0", "-5", "0.0009", "nan", "inf"})
+    expect_fatal({"--T", "t.mrcs", "--ang_step", value, "m"}, function,
+                 std::string("--ang_step is ").append(value).append(step));
+  for (const char* line : {"--T t.mrcs --ang_step 0.001 m", "--ang_step -5 m", "--boxsize 1 --min_dist 1e-30 m"})
+    EXPECT_EQ(kDidNotExit, ending_of(words_of(line)).status) << line;
 }
 
-TEST(ParameterCheck, AcceptsTheLimitsAndAnyStepOfTheAutomaticTemplate) {
-  EXPECT_TRUE(ending_of_parsing({"--T", "t.mrcs", "--ang_step", "0.001", "mic.mrc"}, true).returned);
-  EXPECT_TRUE(ending_of_parsing({"--ang_step", "-5", "mic.mrc"}, true).returned);
-  EXPECT_TRUE(ending_of_parsing({"--boxsize", "1", "--min_dist", "1e-30", "mic.mrc"}, true).returned);
+// --- Help and report ---
+
+TEST(Help, IsTheCheckedText) {
+  EXPECT_EQ(golden("help.txt"), output_of([] { kestrix_help("kestrix"); }));
+  EXPECT_EQ(golden("help_full.txt"), output_of([] { kestrix_help_full("kestrix"); }));
+}
+
+TEST(Tips, EveryBlockIsTheCheckedTextAndTheRandomOneIsThatOfTheSecond) {
+  std::string blocks;
+  const auto block = [](int tip) { return output_of([tip] { kestrix_put_tip(tip); }); };
+  for (int i = 0; i < kKestrixTips; i++) blocks += block(i);
+  EXPECT_EQ(golden("tip_blocks.txt"), blocks);
+  const time_t before = time(nullptr);
+  const std::string printed = output_of(kestrix_put_one_random_tip);
+  bool found = false;
+  for (time_t second = before; second <= time(nullptr); second++) {
+    srand(static_cast<unsigned>(second));
+    found = found || printed == block(rand() % kKestrixTips);
+  }
+  EXPECT_TRUE(found) << printed;
+}
+
+TEST(Report, IsTheCheckedText) {
+  EXPECT_EQ(golden("report_few_options.txt"),
+            report_of(words_of("--apixM 1.58 mic1.mrc --diameter 300 --write_star 0 -WRITE_STAR mic2.mrc")));
+  const char* const line =
+      "--T stack.mrcs --apixM 1.0625 --diameter 210.5 --apixT 2.125 --ang_step 7.5 --speed 1 "
+      "--boxsize 201 --min_dist 150.25 --update_T --cc_cutoff 0.0025 --lsigma_cutoff 1.25 "
+      "--lsigma_D 180.5 --lave_min -0.8 --lave_max 1.75 --lave_D 160.25 --dont_invertT --lp "
+      "30.125 --hp 800.125 --do_pre_filter 1 --pre_lp 10.5 --pre_hp 900.5 --detect_ice 0 "
+      "--T_norm_type 2 --center1_ratio 0.125 --do_bandpass 0 --do_ctf --do_local_ctf --kV 200 "
+      "--cs 2.25 --ac 0.07 --write_ccmax_mic --write_pf_mic --write_pref_mic --write_bg_mic "
+      "--write_bgfree_mic --write_lsigma_mic --write_mic_mask --exclusive_picking "
+      "--excluded_suffix _rubbish.star --mask_excluded --global_excluded_box bad.box "
+      "--write_star 0 --do_unfinished --extract_raw --extract_pf --gid 7 Micrographs/a.mrc "
+      "b.mrcs";
+  EXPECT_EQ(golden("report_every_option.txt"), report_of(words_of(line)));
+}
+
+TEST(Report, ShowsNothingForAnOptionWordThatWasAValueAndValuesOfAnySize) {
+  // The suffix "--gid" is no option, and nothing follows it; --hp took "--ac" as its value, which the walk
+  // sees as an option that takes the name behind it.
+  EXPECT_TRUE(holds(report_of({"--hp", "--ac", "mic.mrc", "--excluded_suffix", "--gid"}),
+                    "User input parameters:\n"
+                    "       --hp                 0.000\n"
+                    "       --ac                 0.00\n"
+                    "       --excluded_suffix    --gid\n"
+                    "\nAll parameters to be used:\n"));
+  const std::string report = report_of({"--apixM", "1e300", "--min_dist", "nan", "--boxsize", "99999999999", ""});
+  for (const char* line : {"--apixM                inf\n", "--min_dist           nan\n",
+                           "--boxsize            2147483647\n", "All 1 files to be used:\n        \n"})
+    EXPECT_TRUE(holds(report, line)) << line;
 }

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "test_support_image.h"
 #include "test_support_runs.h"
 
 namespace {
@@ -16,11 +15,9 @@ constexpr int kShrink = 2;
 constexpr int kCell = 18;
 constexpr int kLimit2 = 2 * kCell * kCell * kShrink * kShrink;
 
-double distance2(const Pick& a, const Pick& b) { return (a.x - b.x) * (a.x - b.x) + (a.y - b.y) * (a.y - b.y); }
-
 bool is_near_any(const Pick& pick, const std::vector<Pick>& places) {
-  for (const Pick& place : places)
-    if (distance2(pick, place) < kLimit2) return true;
+  for (const Pick& p : places)
+    if ((pick.x - p.x) * (pick.x - p.x) + (pick.y - p.y) * (pick.y - p.y) < kLimit2) return true;
   return false;
 }
 
@@ -31,40 +28,40 @@ class RunExcludes : public WholeRun {
     REQUIRE_DEVICE();
     simulate();
     pick("--speed 1 --detect_ice 0");
-    all_ = picks("sim_001_quorlin.star");
+    all_ = picked();
     ASSERT_GT(all_.size(), 40U);
-    for (size_t i = 1; i < all_.size(); i += 4) {
+    for (size_t i = 1; i + 1 < all_.size(); i += 4) {
       own_.push_back(all_[i]);
-      global_.push_back({all_[i + 1 < all_.size() ? i + 1 : 0].x + 20, all_[i + 1 < all_.size() ? i + 1 : 0].y - 12});
+      global_.push_back({all_[i + 1].x + 20, all_[i + 1].y - 12});
     }
+    write_lists("sim_001_bad", own_);
+    write_lists("all", global_);
   }
 
-  void write_star(const std::string& name, const std::vector<Pick>& places) const {
-    std::string text = "data_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n";
-    for (const Pick& p : places) text += std::to_string(p.x) + " " + std::to_string(p.y) + "\n";
-    write_file(path(name), text);
-  }
-  /// Boxes of 31 x 21 pixels around the places.
-  void write_box(const std::string& name, const std::vector<Pick>& places) const {
-    std::string text;
-    for (const Pick& p : places)
-      text +=
-          std::to_string(static_cast<int>(p.x) - 15) + " " + std::to_string(static_cast<int>(p.y) - 10) + " 31 21\n";
-    write_file(path(name), text);
+  /// Writes a STAR file of the places, and boxes of 31 x 21 pixels around them.
+  void write_lists(const std::string& name, const std::vector<Pick>& places) const {
+    std::string star = "data_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n", box;
+    for (const Pick& p : places) {
+      star += std::to_string(p.x) + " " + std::to_string(p.y) + "\n";
+      box += std::to_string(static_cast<int>(p.x) - 15) + " " + std::to_string(static_cast<int>(p.y) - 10) + " 31 21\n";
+    }
+    write_file(path(name + ".star"), star);
+    write_file(path(name + ".box"), box);
   }
 
   std::vector<Pick> picked() const { return picks("sim_001_quorlin.star"); }
 
-  void expect_none_near(const std::vector<Pick>& places) const {
+  /// None of the picks that are left is near a place; returns how many those are.
+  size_t left_beside(const std::vector<Pick>& places) const {
     const std::vector<Pick> left = picked();
-    EXPECT_GT(left.size(), all_.size() / 3);
     for (const Pick& p : left) EXPECT_FALSE(is_near_any(p, places)) << p.x << ", " << p.y;
     EXPECT_EQ(left.size(), picks("sim_001_quorlin.box").size());
+    return left.size();
   }
 
   /// The mask closes the cells of the places and no other.
   void expect_closed_cells(const std::vector<Pick>& places) const {
-    const Image mask = read_image(path("sim_001_mask.mrc"));
+    const Image mask = image("_mask.mrc");
     std::vector<int> closed(static_cast<size_t>(mask.head.nx) * mask.head.ny, 0);
     const auto cell_of = [&mask](long x, long y) { return y / kCell * mask.head.nx + x / kCell; };
     for (const Pick& p : places)
@@ -79,103 +76,71 @@ class RunExcludes : public WholeRun {
   std::vector<Pick> global_;  // beside some others
 };
 
+constexpr char kOptions[] = "--speed 1 --detect_ice 0 --write_mic_mask ";
+
 }  // namespace
 
 TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
-  std::vector<Pick> expected;
-  for (const Pick& p : all_)
-    if (!is_near_any(p, own_)) expected.push_back(p);
-  ASSERT_LE(expected.size() + own_.size(), all_.size());
-  const std::string suffixes[] = {"_bad.star", "_bad.box"};
-  write_star("sim_001_bad.star", own_);
-  write_box("sim_001_bad.box", own_);
-  for (const std::string& suffix : suffixes) {
-    const ProgramRun run =
-        pick("--speed 1 --detect_ice 0 --write_mic_mask --exclusive_picking --excluded_suffix " + suffix);
-    EXPECT_TRUE(holds(run.output, "particles in file sim_001" + suffix + " excluded from auto-picking \n"));
-    expect_none_near(own_);
-    EXPECT_EQ(expected.size(), picked().size());
+  size_t expected = 0;
+  for (const Pick& p : all_) expected += !is_near_any(p, own_);
+  for (const std::string suffix : {"_bad.star", "_bad.box"}) {
+    const std::string options = kOptions + ("--exclusive_picking --excluded_suffix " + suffix);
+    EXPECT_TRUE(holds(pick(options).output, "particles in file sim_001" + suffix + " excluded from auto-picking \n"));
+    EXPECT_EQ(expected, left_beside(own_));
     expect_closed_cells({});
+    pick(options + " --mask_excluded");  // out of the statistics too
+    EXPECT_GT(left_beside(own_), all_.size() / 3);
+    expect_closed_cells(own_);
   }
+  std::filesystem::create_symlink("sim_001.mrc", path("next.mrc"));
+  pick("next.mrc --speed 1 --detect_ice 0 --mask_excluded --exclusive_picking --excluded_suffix _bad.star");
+  EXPECT_EQ(all_.size(), picks("next_quorlin.star").size()) << "a micrograph without a list, behind one with";
   pick("--speed 1 --detect_ice 0 --excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picked().size()) << "a suffix alone excludes nothing";
 }
 
 TEST_F(RunExcludes, PicksNearThoseOfTheRunBeforeFromBothOfItsLists) {
   for (const std::string suffix : {"_quorlin.box", "_quorlin.star"}) {
-    simulate();
     pick("--speed 1 --detect_ice 0");
     pick("--speed 1 --detect_ice 0 --cc_cutoff 0.05 --exclusive_picking --excluded_suffix " + suffix);
-    const std::vector<Pick> others = picked();
-    EXPECT_GT(others.size(), 5U) << suffix;
-    EXPECT_EQ(others.size(), picks("sim_001_quorlin.box").size()) << suffix;
-    for (const Pick& p : others) EXPECT_FALSE(is_near_any(p, all_)) << suffix << ": " << p.x << ", " << p.y;
+    EXPECT_GT(left_beside(all_), 5U) << suffix;
   }
 }
 
-TEST_F(RunExcludes, MaskedPlacesFromTheStatisticsToo) {
-  write_star("sim_001_bad.star", own_);
-  write_box("sim_001_bad.box", own_);
-  for (const char* suffix : {"_bad.star", "_bad.box"}) {
-    pick("--speed 1 --detect_ice 0 --write_mic_mask --mask_excluded --exclusive_picking --excluded_suffix " +
-         std::string(suffix));
-    expect_none_near(own_);
-    expect_closed_cells(own_);
-  }
-}
-
-TEST_F(RunExcludes, GlobalPlacesFromEveryMicrograph) {
+TEST_F(RunExcludes, GlobalPlacesFromEveryMicrographAndTogetherWithItsOwn) {
   std::filesystem::create_symlink("sim_001.mrc", path("copy.mrc"));
-  write_box("all.box", global_);
-  write_star("all.star", global_);
-  for (const char* list : {"all.box", "all.star"}) {
-    const ProgramRun run =
-        pick("copy.mrc --speed 1 --detect_ice 0 --write_mic_mask --global_excluded_box " + std::string(list));
-    const std::string line = "particles in file " + std::string(list) + " excluded from auto-picking \n";
+  for (const std::string list : {"all.box", "all.star"}) {
+    const ProgramRun run = pick(kOptions + ("copy.mrc --global_excluded_box " + list));
+    const std::string line = "particles in file " + list + " excluded from auto-picking \n";
     EXPECT_NE(run.output.find(line), run.output.rfind(line)) << "once for each micrograph";
-    expect_none_near(global_);
+    EXPECT_GT(left_beside(global_), all_.size() / 3);
     expect_closed_cells(global_);
     EXPECT_EQ(content("sim_001_quorlin.box"), content("copy_quorlin.box"));
   }
-}
-
-TEST_F(RunExcludes, OwnAndGlobalPlacesTogetherAndWithIce) {
-  write_star("sim_001_bad.star", own_);
-  write_box("all.box", global_);
-  const std::string both =
-      "--speed 1 --write_mic_mask --mask_excluded --exclusive_picking --excluded_suffix _bad.star "
-      "--global_excluded_box all.box ";
-  pick(both + "--detect_ice 0");
-  expect_none_near(own_);
-  expect_none_near(global_);
+  pick(std::string(kOptions) +
+       "--mask_excluded --exclusive_picking --excluded_suffix _bad.star --global_excluded_box all.box");
   std::vector<Pick> places = own_;
   places.insert(places.end(), global_.begin(), global_.end());
+  EXPECT_GT(left_beside(places), 8U);
   expect_closed_cells(places);
-
-  simulate("--ice 3 --carbon 0.2 --seed 1");
-  pick(both);
-  const std::vector<Pick> left = picked();
-  EXPECT_GT(left.size(), 8U);
-  for (const Pick& p : left) EXPECT_FALSE(is_near_any(p, places));
-  EXPECT_EQ(0, score("sim_001_quorlin.star").in_areas);
-  const Image mask = read_image(path("sim_001_mask.mrc"));
-  for (const Pick& p : places)
-    EXPECT_EQ(0, mask.at(static_cast<long>(p.x) / kShrink, static_cast<long>(p.y) / kShrink));
 }
 
 TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
   const std::string list =
-      "-25 10 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n-2147483648 5 20 20\n1023 899 0 0\n1024 899 0 "
+      "-25 10 20 20\n10 -25 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n-2147483648 5 20 20\n1023 899 0 "
+      "0\n1024 899 0 "
       "0\n";
   write_file(path("all.box"), list);
   write_file(path("sim_001_bad.box"), list);
-  const std::string note =
-      ": 5 of 7 excluded coordinates lie outside the image; is the list in raw pixels of this micrograph?\n";
-  EXPECT_EQ("Kestrix: all.box" + note, pick("--speed 1 --global_excluded_box all.box").errors);
+  const std::string outside =
+      " excluded coordinates lie outside the image; is the list in raw pixels of this micrograph?\n";
+  EXPECT_EQ("Kestrix: all.box: 6 of 8" + outside, pick("--speed 1 --global_excluded_box all.box").errors);
   for (const std::string options : {"", "--mask_excluded "})
-    EXPECT_EQ("Kestrix: sim_001_bad.box" + note,
+    EXPECT_EQ("Kestrix: sim_001_bad.box: 6 of 8" + outside,
               pick("--speed 1 --exclusive_picking " + options + "--excluded_suffix _bad.box").errors);
   EXPECT_GT(picked().size(), 30U);
+  write_file(path("all.box"), "1023 899 0 0\n1024 899 0 0\n");
+  EXPECT_EQ("Kestrix: all.box: 1 of 2" + outside, pick("--speed 1 --global_excluded_box all.box").errors);
 }
 
 TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
@@ -194,13 +159,15 @@ TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
                                   {"_pipe.box", "Kestrix: sim_001_pipe.box: is a pipe and is not read"},
                                   {"_endless.star", "Kestrix: sim_001_endless.star: is a device and is not read"}};
   for (const auto& one : cases) {
-    const ProgramRun run =
-        pick("--speed 1 --detect_ice 0 --exclusive_picking --mask_excluded --excluded_suffix " + std::string(one[0]));
+    const std::string options = "--speed 1 --detect_ice 0 --exclusive_picking --mask_excluded --excluded_suffix ";
+    const ProgramRun run = pick(options + one[0]);
     EXPECT_TRUE(holds(run.output + run.errors, one[1])) << one[0];
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];
     pick("--speed 1 --detect_ice 0 --global_excluded_box sim_001" + std::string(one[0]));
     EXPECT_EQ(reference, content("sim_001_quorlin.star")) << one[0];
   }
+  for (const std::string null : {"NULL", "none", "''"})
+    EXPECT_FALSE(holds(pick("--speed 1 --global_excluded_box " + null).output, "does NOT exist")) << null;
   write_file(path("sim_001_short.box"), "1 2 3 4\n12 34\n");
   for (const char* options :
        {"--exclusive_picking --excluded_suffix _short.box", "--global_excluded_box sim_001_short.box"}) {
@@ -216,9 +183,9 @@ TEST_F(RunExcludes, EverythingWhenEveryCellIsListed) {
   std::vector<Pick> everywhere;
   for (int y = 9; y < 1024; y += kCell * kShrink)
     for (int x = 9; x < 1024; x += kCell * kShrink) everywhere.push_back({x * 1.0, y * 1.0});
-  write_box("all.box", everywhere);
-  const ProgramRun run = pick("--speed 1 --write_mic_mask --write_bgfree_mic --global_excluded_box all.box");
-  EXPECT_EQ("Kestrix: sim_001.mrc: every cell is excluded; nothing can be picked.\n", run.errors);
+  write_lists("all", everywhere);
+  EXPECT_EQ("Kestrix: sim_001.mrc: every cell is excluded; nothing can be picked.\n",
+            pick("--speed 1 --write_mic_mask --write_bgfree_mic --global_excluded_box all.box").errors);
   EXPECT_TRUE(picked().empty());
   expect_closed_cells(everywhere);
 }

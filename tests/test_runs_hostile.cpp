@@ -1,14 +1,10 @@
 // Whole runs on micrographs and templates that are damaged or no images at all, and where nothing can be written.
-#include <sys/stat.h>
-
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <vector>
 
-#include "test_support_image.h"
 #include "test_support_runs.h"
 
 namespace {
@@ -59,30 +55,20 @@ class RunOnBad : public WholeRun {
 
 }  // namespace
 
-// --- Files that are no micrographs ---
-
-TEST_F(RunOnBad, ListWithoutAReadableMicrographIsRefused) {
+TEST_F(RunOnBad, FilesThatAreNoMicrographsAreRefusedWithTheirSizes) {
   expect_fatal("gone.mrc ''", "no readable micrograph in the list");
   EXPECT_TRUE(holds(run("gone.mrc").output, "the micrograph gone.mrc does NOT exsit! Automatically ignored!"));
-}
-
-TEST_F(RunOnBad, HeaderWithSizesThatCannotBeIsRefused) {
-  const int sizes[][2] = {
-      {0, 0},       {0, 300},     {300, 0},           {-300, 280},        {-300, -280},   {INT_MAX, 1},   {1, INT_MAX},
-      {INT_MAX, 2}, {INT_MIN, 1}, {INT_MIN, INT_MIN}, {INT_MAX, INT_MAX}, {65536, 65536}, {65535, 65535}, {1 << 30, 4}};
+  write_file(path("empty.mrc"), "");
+  write_file(path("text.mrc"), "This is not a micrograph but some lines of text.\n");
+  expect_fatal("empty.mrc", "the header of empty.mrc gives a size of 0 x 0 pixels");
+  expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
+  const int sizes[][2] = {{0, 300}, {-300, -280}, {INT_MAX, 1}, {INT_MIN, INT_MIN}, {65536, 65536}, {65535, 65535}};
   for (const auto& size : sizes) {
     write_mrc("bad.mrc", size[0], size[1], 1, 2, 1000);
     expect_fatal("bad.mrc", "the header of bad.mrc gives a size of " + std::to_string(size[0]) + " x " +
                                 std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
   }
   EXPECT_FALSE(exists("bad_nonunique.box"));
-}
-
-TEST_F(RunOnBad, EmptyFileAndTextAreRefused) {
-  write_file(path("empty.mrc"), "");
-  write_file(path("text.mrc"), "This is not a micrograph but some lines of text.\n");
-  expect_fatal("empty.mrc", "the header of empty.mrc gives a size of 0 x 0 pixels");
-  expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
 }
 
 TEST_F(RunOnBad, WhatIsNoRegularFileIsUnreadable) {
@@ -108,21 +94,6 @@ TEST_F(RunOnBad, WhatIsNoRegularFileIsUnreadable) {
     expect_fatal("sim_001.mrc", "Cannot write to file sim_001_");
     remove_file(output);
   }
-}
-
-TEST_F(RunOnBad, BadFileBehindAGoodOneStopsTheRunAndKeepsItsLists) {
-  simulate_small();
-  write_file(path("empty.mrc"), "");
-  write_mrc("wild.mrc", INT_MIN, -1, INT_MAX, 101, 10);
-  for (const std::string name : {"empty.mrc", "wild.mrc"}) {
-    remove_file("sim_001_quorlin.star");
-    const ProgramRun result = run("sim_001.mrc " + name);
-    EXPECT_EQ(1, result.status);
-    EXPECT_TRUE(holds(result.output, "sim_001.mrc\x1b[m has a different size or format from  \x1b[1m" + name));
-    EXPECT_TRUE(exists("sim_001_quorlin.star"));
-  }
-  EXPECT_TRUE(
-      holds(run("sim_001.mrc wild.mrc").output, "      -2147483648-1      2147483647Unknown             wild.mrc\n"));
 }
 
 TEST_F(RunOnBad, NamesAreNeverTakenForFormatsOrOptions) {
@@ -175,36 +146,33 @@ TEST_F(RunOnBad, MissingSamplesCountAsZero) {
 }
 
 TEST_F(RunOnBad, FlatImageGivesNoPicks) {
-  for (const float value : {0.0F, 7.0F, -1e30F, 0.1F}) {
+  for (const float value : {0.0F, -1e30F, 0.1F}) {
     write_image("flat.mrc", std::vector<float>(300 * 280, value), 300, 280);
-    for (const char* options : {"", "--detect_ice 0", "--do_pre_filter", "--do_bandpass 0 --detect_ice 0",
-                                "--write_mic_mask --write_bgfree_mic --write_ccmax_mic --write_bg_mic --extract_raw"})
+    for (const char* options : {"", "--do_bandpass 0 --detect_ice 0",
+                                "--do_pre_filter --write_mic_mask --write_bgfree_mic --write_ccmax_mic --extract_raw"})
       expect_no_picks("flat.mrc", "Kestrix: flat.mrc: the image has no variation; nothing can be picked.\n", options);
   }
 }
 
 TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersOrTooLargeOrTooSmallGivesNoPicks) {
-  const float inf = std::numeric_limits<float>::infinity();
-  const std::string
-      not_finite =
-          "Kestrix: nan.mrc: holds values that are not finite, or too large to be averaged; nothing can be "
-          "picked.\n",
-      not_normal =
-          "Kestrix: nan.mrc: can't be normalised, its values being too large or too small for single "
-          "precision, or all filtered away; nothing can be picked.\n";
-  for (const float value : {kNaN, inf, -inf, 3.4e38F, 1e-30F}) {
+  const std::string nothing = "; nothing can be picked.\n",
+                    not_finite = "Kestrix: nan.mrc: holds values that are not finite, or too large to be averaged",
+                    not_normal =
+                        "Kestrix: nan.mrc: can't be normalised, its values being too large or too small for "
+                        "single precision, or all filtered away";
+  simulate_small();
+  for (const float value : {kNaN, kInfinity, -kInfinity, 3.4e38F, 1e-30F}) {
     for (const size_t last : {300UL * 280, 1UL}) {
-      simulate_small();
-      Image image = read_image(path("sim_001.mrc"));
-      for (size_t i = 0; i < last; i++) image.data[i] = i % 12 < 4 ? value : -value;
-      write_image("nan.mrc", image.data, 300, 280);
+      Image damaged = image(".mrc");
+      for (size_t i = 0; i < last; i++) damaged.data[i] = i % 12 < 4 ? value : -value;
+      write_image("nan.mrc", damaged.data, 300, 280);
       const bool usable = last == 1 && value < 1 && value > 0;
-      for (const char* options : {"", "--detect_ice 0", "--do_bandpass 0 --do_pre_filter", "--speed 2"}) {
+      for (const char* options : {"", "--detect_ice 0 --do_bandpass 0 --do_pre_filter", "--speed 2"}) {
         // Averaging blocks of the largest values overflows already.
         const bool finite = std::isfinite(value) && (value < 1 || last == 1 || std::string(options) != "--speed 2");
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
-        EXPECT_EQ(usable ? "" : finite ? not_normal : not_finite, result.errors) << value << options;
+        EXPECT_EQ(usable ? "" : (finite ? not_normal : not_finite) + nothing, result.errors) << value << options;
         EXPECT_TRUE(usable || content("nan_quorlin.box").empty()) << value << options;
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;
@@ -226,48 +194,23 @@ TEST_F(RunOnBad, ExtendedHeaderIsToldOf) {
 
 // --- Templates ---
 
-TEST_F(RunOnBad, TemplatesThatCannotBeUsedAreRefused) {
-  simulate_small();
-  std::vector<float> pixels(3 * 40 * 40, 0.0F);
-  for (size_t i = 0; i < pixels.size(); i++) pixels[i] = std::sin(static_cast<float>(i));
-  std::vector<float> broken = pixels;
-  broken[2 * 1600 + 800] = kNaN;
-  write_image("nan.mrcs", broken, 40, 40, 3);
-  std::fill_n(broken.begin() + 1600, 3200, 5.0F);
-  write_image("flat.mrcs", broken, 40, 40, 3);
-  std::fill(broken.begin(), broken.end(), 3e38F);
-  write_image("huge.mrcs", broken, 40, 40, 3);
-  write_image("wide.mrcs", std::vector<float>(160000, 1.0F), 400, 400);
-  write_mrc("short.mrcs", 40, 40, 3, 2, 3 * 1600 * 4 - 1);
-  write_mrc("mode4.mrcs", 40, 40, 1, 4, 1600 * 8);
-  write_mrc("negative.mrcs", 40, -40, 1, 2, 1600 * 4);
-  write_mrc("no_image.mrcs", 40, 40, 0, 2, 1600 * 4);
-  write_mrc("greatest.mrcs", INT_MAX, INT_MAX, INT_MAX, 2, 1600 * 4);
-  write_mrc("many.mrcs", 40, 40, INT_MAX, 2, 1600 * 4);
-  write_file(path("empty.mrcs"), "");
-  const char* const cases[][2] = {
-      {"nan.mrcs", "template 3 holds values that are not finite"},
-      {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
-      {"huge.mrcs", "template 1 "},
-      {"wide.mrcs", "wide.mrcs come out as 400 x 400 pixels, larger than the working image"},
-      {"short.mrcs", "short.mrcs ends before its last image"},
-      {"mode4.mrcs", "mode4.mrcs are of MRC mode 4 (Complex Float); modes 0, 1, 2 and 6"},
-      {"negative.mrcs", "have the size 40 x -40 x 1, which can't be"},
-      {"no_image.mrcs", "have the size 40 x 40 x 0, which can't be"},
-      {"greatest.mrcs", "which can't be: is it an MRC stack"},
-      {"many.mrcs", "many.mrcs ends before its last image"},
-      {"empty.mrcs", "have the size 0 x 0 x 0, which can't be"},
-      {"gone.mrcs", "Cannot open file gone.mrcs. Permission denied or wrong file name.\n"}};
+TEST_F(RunOnBad, TemplatesThatMatchNothingAreRefusedAndOddOnesUsed) {
+  simulate_small("--templates 2 --boxT 21 --apixT 16");
+  std::vector<float> pixels = random_values(3 * 40 * 40, 1);
+  pixels[2 * 1600 + 800] = kNaN;
+  write_image("nan.mrcs", pixels, 40, 40, 3);
+  std::fill_n(pixels.begin() + 1600, 3200, 5.0F);
+  write_image("flat.mrcs", pixels, 40, 40, 3);
+  write_image("huge.mrcs", std::vector<float>(4800, 3e38F), 40, 40, 3);
+  const char* const cases[][2] = {{"nan.mrcs", "template 3 holds values that are not finite"},
+                                  {"flat.mrcs", "template 2 is zero everywhere after normalisation"},
+                                  {"huge.mrcs", "template 1 "}};
   for (const auto& one : cases) {
     expect_fatal("sim_001.mrc --T " + std::string(one[0]), one[1]);
-    EXPECT_FALSE(exists("sim_001_nonunique.box"));
+    EXPECT_EQ("", outputs());
   }
-}
-
-TEST_F(RunOnBad, TemplatesOfEveryOddFormAreUsable) {
-  simulate_small("--templates 2 --boxT 21 --apixT 16");
-  for (const char* options : {"--T_norm_type 0", "--T_norm_type 2", "--T_norm_type 3", "--T_norm_type -1",
-                              "--apixT 16.5", "--speed 0", "--apixT 1.7 --T_norm_type 2"}) {
+  for (const char* options :
+       {"--T_norm_type 0", "--T_norm_type 3", "--T_norm_type -1", "--apixT 16.5", "--apixT 1.7 --T_norm_type 2"}) {
     const ProgramRun result =
         run("sim_001.mrc --T sim_templates.mrcs --ang_step 30 --apixT 16 " + std::string(options));
     EXPECT_EQ(0, result.status) << options << ": " << result.output;
@@ -304,24 +247,4 @@ TEST_F(RunOnBad, FullDiskStopsTheRun) {
     expect_fatal("sim_001.mrc --extract_raw --write_mic_mask", "writing " + name + " failed");
     remove_file(name);
   }
-}
-
-TEST_F(RunOnBad, FolderWithoutWritePermissionStopsTheRun) {
-  simulate_small();
-  std::filesystem::create_directory(path("closed"));
-  copy_file("sim_001.mrc", "closed/mic.mrc");
-  std::string as_user;
-  if (geteuid() == 0) {
-    as_user = "setpriv --reuid 65534 --clear-groups ";
-    if (system((as_user + KESTRIX_PROGRAM " >/dev/null 2>&1").c_str()) != 0)
-      GTEST_SKIP() << "root may write everywhere, and the program can't be run as another user";
-  }
-  chmod(path("closed").c_str(), 0555);
-  const ProgramRun result =
-      run_program(path("."), as_user + KESTRIX_PROGRAM " --apixM 8 --diameter 260 closed/mic.mrc");
-  chmod(path("closed").c_str(), 0755);
-  EXPECT_EQ(1, result.status);
-  EXPECT_TRUE(holds(result.output,
-                    "Cannot write to file closed/mic_nonunique.box. Permission denied or no space left!\n"
-                    "Error in function main(), file kestrix56 on line "));
 }

@@ -1,32 +1,63 @@
-// Whole runs: which particles are picked, whatever the micrograph's form and the number of threads.
+// Whole runs: which particles are picked, whatever the micrograph's form and the number of threads, and what the images
+// hold that are written on request.
 #include <cmath>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 
-#include "test_support_image.h"
+#include "boxfile.h"
 #include "test_support_runs.h"
 
 namespace {
 
 class RunPicks : public WholeRun {
  protected:
-  /// The content of every file that runs on sim_001.mrc have written.
-  std::map<std::string, std::string> outputs() const {
-    const std::set<std::string> inputs = {"sim_001.mrc", "sim_001_truth.star", "sim_001_areas.star"};
+  /// The content of every file of sim_001.mrc that runs have written, by its suffix.
+  std::map<std::string, std::string> contents() const {
     std::map<std::string, std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(path("."))) {
-      const std::string name = entry.path().filename().string();
-      if (name.rfind("sim_001", 0) == 0 && inputs.count(name) == 0) files[name] = content(name);
-    }
+    std::istringstream names(outputs());
+    for (std::string name; names >> name;) files[name] = content("sim_001" + name);
     return files;
   }
 
-  void expect_score(const std::string& list, double recall, double precision) const {
-    const Score s = score(list);
-    EXPECT_GE(s.recall, recall) << s.matched << " of " << s.particles;
-    EXPECT_GE(s.precision, precision) << s.matched << " of " << s.picks << " picks";
+  void expect_score(double recall, double precision) const {
+    for (const char* list : {"sim_001_quorlin.star", "sim_001_quorlin.box"}) {
+      const Score s = score(list);
+      EXPECT_GE(s.recall, recall) << s.matched << " of " << s.particles;
+      EXPECT_GE(s.precision, precision) << s.matched << " of " << s.picks << " picks";
+    }
+  }
+
+  /// The numbers of a list's lines.
+  std::vector<std::vector<double>> rows(const std::string& list) const {
+    std::istringstream lines(content(list));
+    std::vector<std::vector<double>> all;
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream words(line);
+      all.emplace_back();
+      for (double value; words >> value;) all.back().push_back(value);
+    }
+    return all;
+  }
+
+  /// A stack holds exactly the raw pixels of the picks, all sections of one after another.
+  void expect_stack_of_picks(const Image& stack, int side) const {
+    const Image micrograph = image(".mrc");
+    std::vector<PTCL_BOX> list(1000);
+    list.resize(static_cast<size_t>(read_all_ptcl_boxes(list.data(), 1000, path("sim_001_quorlin.box").c_str())));
+    const long frames = micrograph.head.nz;
+    ASSERT_GT(list.size(), 15U);
+    ASSERT_EQ(static_cast<int>(list.size()) * frames, stack.head.nz);
+    ASSERT_EQ(side, stack.head.nx);
+    ASSERT_EQ(side, stack.head.ny);
+    long wrong = 0;
+    for (long i = 0; i < stack.head.nz; i++) {
+      const PTCL_BOX& box = list[static_cast<size_t>(i / frames)];
+      const int x0 = box.x + box.w / 2 - side / 2, y0 = box.y + box.h / 2 - side / 2;
+      for (long y = 0; y < side; y++)
+        for (long x = 0; x < side; x++) wrong += micrograph.at(x0 + x, y0 + y, i % frames) != stack.at(x, y, i);
+    }
+    EXPECT_EQ(0, wrong);
   }
 };
 
@@ -38,85 +69,68 @@ constexpr char kEveryImage[] =
 
 TEST_F(RunPicks, TheParticlesWithTheAutomaticTemplate) {
   simulate();
-  pick("--speed 1");
-  expect_score("sim_001_quorlin.star", 0.95, 0.9);
-  expect_score("sim_001_quorlin.box", 0.95, 0.9);
-  EXPECT_LT(std::hypot(score("sim_001_quorlin.star").dx, score("sim_001_quorlin.star").dy), 2) << "raw pixels";
+  const ProgramRun run = pick("--speed 1");
+  EXPECT_TRUE(holds(run.output, "Template 001\n.\n")) << "a disc is scanned at one angle";
+  expect_score(0.95, 0.9);
+  EXPECT_LT(std::hypot(score().dx, score().dy), 2) << "raw pixels";
+  const std::vector<Pick> box = picks("sim_001_quorlin.box"), star = picks("sim_001_quorlin.star");
+  ASSERT_EQ(box.size(), star.size());
+  for (size_t i = 0; i < box.size(); i++) {
+    EXPECT_LE(std::hypot(box[i].x - star[i].x, box[i].y - star[i].y), 1.5);
+    for (size_t k = 0; k < i; k++)
+      EXPECT_GT(std::hypot(star[i].x - star[k].x, star[i].y - star[k].y), 18 * 2) << "a cell of 18 pixels, shrunk by 2";
+  }
   pick("--cc_cutoff 0.15");
-  expect_score("sim_001_quorlin.star", 0.9, 0.95);
+  expect_score(0.9, 0.95);
 }
 
 TEST_F(RunPicks, TheParticlesWithTemplatesOfTheirOwnPixelSize) {
   simulate("--templates 8");
   pick("--T sim_templates.mrcs --apixT 8");
-  expect_score("sim_001_quorlin.star", 0.95, 0.9);
-  pick("--T sim_templates.mrcs --apixT 8 --speed 1 --cc_cutoff 0.35");
-  expect_score("sim_001_quorlin.star", 0.95, 0.8);
+  expect_score(0.95, 0.9);
   simulate("--templates 8 --apixT 5.5 --prefix fine_");
   pick("--T fine_templates.mrcs --apixT 5.5");
-  expect_score("sim_001_quorlin.star", 0.95, 0.9);
+  expect_score(0.95, 0.9);
   pick("--T fine_templates.mrcs --apixT 11");
-  EXPECT_LT(score("sim_001_quorlin.star").recall, 0.8) << "templates of twice the size";
+  EXPECT_LT(score().recall, 0.8) << "templates of twice the size";
 }
 
 TEST_F(RunPicks, BrightParticlesWhenTheTemplateIsNotInverted) {
   simulate("--noise_free --gradient 0 --no_ctf");
-  Image image = read_image(path("sim_001.mrc"));
-  for (float& pixel : image.data) pixel = -pixel;
-  mrcf_write_xyz_data(path("sim_001.mrc").c_str(), image.data.data(), image.head.nx, image.head.ny, 1);
+  Image inverted = image(".mrc");
+  for (float& pixel : inverted.data) pixel = -pixel;
+  mrcf_write_xyz_data(path("sim_001.mrc").c_str(), inverted.data.data(), inverted.head.nx, inverted.head.ny, 1);
   pick("--speed 1 --detect_ice 0");
-  EXPECT_LT(score("sim_001_quorlin.star").recall, 0.1);
+  EXPECT_LT(score().recall, 0.1);
   pick("--speed 1 --detect_ice 0 --dont_invertT");
-  EXPECT_GE(score("sim_001_quorlin.star").recall, 0.9);
+  EXPECT_GE(score().recall, 0.9);
 }
 
-TEST_F(RunPicks, TheSameInEverySampleType) {
+TEST_F(RunPicks, TheSameInEverySampleTypeAndTheFirstSectionOfAMovie) {
   simulate();
-  pick("--speed 1");
-  const std::map<std::string, std::string> of_floats = outputs();
-  ASSERT_EQ(5U, of_floats.size());
+  pick("--speed 1 --extract_raw");
+  expect_stack_of_picks(image("_particles.mrcs"), 86);  // 1.33 times the diameter, made even
+  const std::map<std::string, std::string> of_floats = contents();
+  EXPECT_EQ(6U, of_floats.size());
   for (const char* mode : {"0", "1", "6"}) {
     simulate(std::string("--mode ") + mode);
-    pick("--speed 1");
-    EXPECT_TRUE(of_floats == outputs()) << "mode " << mode << " holds the same whole counts";
+    pick("--speed 1 --extract_raw");
+    EXPECT_TRUE(of_floats == contents()) << "mode " << mode << " holds the same whole counts";
   }
+  simulate("--frames 3 --mode 1");
+  pick("--speed 1 --extract_raw");
+  EXPECT_EQ(of_floats.at("_quorlin.box"), content("sim_001_quorlin.box"));
+  expect_stack_of_picks(image("_particles.mrcs"), 86);
 }
 
 TEST_F(RunPicks, TheParticlesOfTallAndWideMicrographs) {
   for (const char* size : {"--nx 1200 --ny 702 ", "--nx 702 --ny 1200 ", "--nx 901 --ny 903 "}) {
     simulate(size);
     pick("--speed 1");
-    expect_score("sim_001_quorlin.star", 0.9, 0.8);
-    const Image image = read_image(path("sim_001.mrc"));
-    for (const Pick& p : picks("sim_001_quorlin.box")) {
-      EXPECT_GT(p.x, 43) << "half a box of 86 pixels";
-      EXPECT_GT(p.y, 43);
-      EXPECT_LT(p.x, image.head.nx - 43);
-      EXPECT_LT(p.y, image.head.ny - 43);
-    }
-  }
-}
-
-TEST_F(RunPicks, OnlyTheFirstSectionOfAMovie) {
-  simulate();
-  pick("");
-  const std::string of_one = content("sim_001_quorlin.box");
-  simulate("--frames 3");
-  pick("");
-  EXPECT_EQ(of_one, content("sim_001_quorlin.box"));
-}
-
-TEST_F(RunPicks, BoxAndStarListsAreTheSamePicks) {
-  simulate();
-  pick("--speed 1");
-  const std::vector<Pick> box = picks("sim_001_quorlin.box"), star = picks("sim_001_quorlin.star");
-  ASSERT_EQ(box.size(), star.size());
-  ASSERT_GT(box.size(), 40U);
-  for (size_t i = 0; i < box.size(); i++) {
-    EXPECT_NEAR(box[i].x, star[i].x, 1);
-    EXPECT_NEAR(box[i].y, star[i].y, 1);
-    for (size_t k = 0; k < i; k++)
-      EXPECT_GT(std::hypot(star[i].x - star[k].x, star[i].y - star[k].y), 18 * 2) << "a cell of 18 pixels, shrunk by 2";
+    expect_score(0.9, 0.8);
+    const MRC_HEAD head = image(".mrc").head;
+    for (const Pick& p : picks("sim_001_quorlin.box"))
+      EXPECT_TRUE(p.x > 43 && p.y > 43 && p.x < head.nx - 43 && p.y < head.ny - 43) << "half a box of 86 pixels";
   }
 }
 
@@ -124,11 +138,11 @@ TEST_F(RunPicks, EveryOutputIsTheSameByteForByteOnEveryRunAndNumberOfThreads) {
   simulate("--templates 2 --ice 2");
   const std::string options = "--speed 1 --T sim_templates.mrcs --apixT 8 " + std::string(kEveryImage);
   pick(options);
-  const std::map<std::string, std::string> first = outputs();
+  const std::map<std::string, std::string> first = contents();
   EXPECT_EQ(12U, first.size());
   for (const char* threads : {"1", "2", "3"}) {
     pick(options, "OMP_NUM_THREADS=" + std::string(threads));
-    for (const auto& file : outputs())
+    for (const auto& file : contents())
       EXPECT_TRUE(first.at(file.first) == file.second) << file.first << ", " << threads;
   }
 }
@@ -146,32 +160,85 @@ TEST_F(RunPicks, AMicrographDoesNotDependOnTheOnesBeforeIt) {
 
 TEST_F(RunPicks, NothingOnIceAndCarbonUnlessDetectionIsOff) {
   simulate("--ice 3 --carbon 0.2 --seed 1");
-  pick("--speed 1");
-  EXPECT_EQ(0, score("sim_001_quorlin.star").in_areas);
-  EXPECT_GE(score("sim_001_quorlin.star").precision, 0.8);
+  pick("--speed 1 --write_mic_mask --write_bgfree_mic --write_bg_mic --write_lsigma_mic");
+  EXPECT_EQ(0, score().in_areas);
+  EXPECT_GE(score().precision, 0.8);
+
+  const Image mask = image("_mask.mrc"), flat = image("_bgfree.mrc");
+  const std::vector<Area> areas = read_areas(path("sim_001_areas.star").c_str());
+  double covered = 0, area = 0, closed = 0, clean = 0, n = 0, sum = 0, squares = 0;
+  for (long y = 0; y < mask.head.ny; y++)
+    for (long x = 0; x < mask.head.nx; x++) {
+      const double open = mask.at(x, y), value = flat.at(x, y);
+      ASSERT_TRUE(open == 0 || open == 1);
+      n += open;
+      sum += open * value;
+      squares += open * value * value;
+      if (y >= 450) continue;  // below it the image is mirrored
+      const bool dirty = contamination_at(areas, static_cast<double>(2 * x), static_cast<double>(2 * y)) != kClean;
+      (dirty ? area : clean)++;
+      (dirty ? covered : closed) += 1 - open;
+    }
+  EXPECT_GT(covered / area, 0.8);
+  EXPECT_LT(closed / clean, 0.2);
+  EXPECT_NEAR(0, sum / n, 1e-4) << "the mean under the mask";
+  EXPECT_NEAR(1, squares / n, 2e-4) << "its variance";
+
+  const Image average = image("_bg.mrc"), sigma = image("_lsigma.mrc");
+  const auto rejected = rows("sim_001_rejected.box");
+  ASSERT_GT(rejected.size(), 20U);
+  for (const auto& r : rejected) {
+    ASSERT_EQ(6U, r.size());
+    EXPECT_EQ(36, r[2]) << "a cell of 18 pixels, shrunk by 2";
+    const long x = static_cast<long>(r[0]) / 2 + 9, y = static_cast<long>(r[1]) / 2 + 9;
+    EXPECT_NEAR(r[4], average.at(x, y), 6e-7);
+    EXPECT_NEAR(r[5], sigma.at(x, y), 6e-7);
+    EXPECT_TRUE(r[5] > 1.3 || r[4] < -1 || r[4] > 1);
+  }
+  EXPECT_EQ(rejected.size(), picks("sim_001_rejected.star").size());
   pick("--speed 1 --detect_ice 0");
-  EXPECT_GE(score("sim_001_quorlin.star").in_areas, 8);
+  EXPECT_GE(score().in_areas, 8);
 }
 
-TEST_F(RunPicks, TheMaskCoversIceAndCarbonAndLeavesTheRest) {
-  simulate("--ice 3 --carbon 0.2 --seed 1");
-  pick("--speed 1 --write_mic_mask");
-  const Image mask = read_image(path("sim_001_mask.mrc"));
-  const std::vector<Area> areas = read_areas(path("sim_001_areas.star").c_str());
-  long covered = 0, area = 0, closed = 0, clean = 0;
-  for (long y = 0; y < 450; y++)
-    for (long x = 0; x < 512; x++) {
-      const bool open = mask.at(x, y) != 0;
-      if (contamination_at(areas, static_cast<double>(2 * x), static_cast<double>(2 * y)) != kClean) {
-        area++;
-        covered += !open;
-      } else {
-        clean++;
-        closed += !open;
-      }
+// --- Images ---
+
+TEST_F(RunPicks, PrefilteredImageIsTheShrunkMicrographAndFilteredOnRequest) {
+  simulate("--nx 700 --ny 640");
+  pick("--speed 1 --write_pref_mic");
+  const Image raw = image(".mrc"), plain = image("_pref.mrc");
+  for (long y = 0; y < 320; y++)
+    for (long x = 0; x < 350; x++) {
+      const double mean = (static_cast<double>(raw.at(2 * x, 2 * y)) + raw.at(2 * x + 1, 2 * y) +
+                           raw.at(2 * x, 2 * y + 1) + raw.at(2 * x + 1, 2 * y + 1)) /
+                          4;
+      ASSERT_NEAR(mean, plain.at(x, y), 1e-4 * std::abs(mean)) << x << ", " << y;
     }
-  EXPECT_GT(static_cast<double>(covered) / static_cast<double>(area), 0.8);
-  EXPECT_LT(static_cast<double>(closed) / static_cast<double>(clean), 0.2);
+  pick("--speed 1 --write_pref_mic --do_pre_filter --pre_hp 200 --pre_lp 60");
+  const Image filtered = image("_pref.mrc");
+  EXPECT_LT(std::abs(filtered.head.amean), 0.01 * (filtered.head.amax - filtered.head.amin)) << "no constant passes";
+  double difference = 0, square = 0;
+  for (size_t i = 1; i < filtered.data.size(); i++) {
+    const double v = filtered.data[i], step = v - filtered.data[i - 1];
+    square += v * v;
+    difference += step * step;
+  }
+  EXPECT_GT(difference / square, 1)
+      << "what passes ends at Nyquist's period, whatever --pre_lp says: noise stays white";
+}
+
+TEST_F(RunPicks, CorrelationMapsHoldTheScoresOfTheCandidates) {
+  simulate("--templates 3 --nx 700 --ny 640");
+  pick("--T sim_templates.mrcs --apixT 8 --write_ccmax_mic");
+  const Image maps = image("_ccmax.mrc");
+  const auto candidates = rows("sim_001_nonunique.box");
+  ASSERT_GT(candidates.size(), 20U);
+  for (const auto& c : candidates) {
+    ASSERT_EQ(7U, c.size());
+    const double x = c[0] + std::trunc(c[2] / 2), y = c[1] + std::trunc(c[3] / 2);
+    EXPECT_NEAR(c[4], maps.at(static_cast<long>(x), static_cast<long>(y), static_cast<long>(c[5])), 6e-7);
+    EXPECT_GE(c[4], 0.25);
+  }
+  EXPECT_LE(maps.head.amax, 1.0F) << "a correlation";
 }
 
 // --- A client of the lists, where it is installed ---
@@ -189,31 +256,5 @@ TEST_F(RunPicks, RelionExtractsEveryPickAtItsParticle) {
                   "timeout 100 relion_preprocess --i micrographs.star --coord_dir ./ --coord_suffix _quorlin.star "
                   "--part_star particles.star --part_dir Particles/ --extract --extract_size 64");
   ASSERT_EQ(0, run.status) << run.output << run.errors;
-  const std::vector<Pick> ours = picks("sim_001_quorlin.star");
-  EXPECT_TRUE(holds(run.output, "STAR file with " + std::to_string(ours.size()) + " particles")) << run.output;
-
-  // The lines that follow the head of its second table begin with x and y.
-  const std::string table = content("particles.star");
-  std::istringstream lines(table.substr(table.find("#8", table.find("data_particles")) + 2));
-  std::string list = "data_\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n", line;
-  while (std::getline(lines, line)) {
-    std::istringstream words(line);
-    std::string x, y;
-    if (words >> x >> y) list += join(x, " ", y, "\n");
-  }
-  write_file(path("extracted.star"), list);
-  const std::vector<Pick> theirs = picks("extracted.star");
-  ASSERT_EQ(ours.size(), theirs.size());
-  for (size_t i = 0; i < ours.size(); i++) EXPECT_TRUE(ours[i].x == theirs[i].x && ours[i].y == theirs[i].y);
-  expect_score("extracted.star", 0.95, 0.9);
-
-  const Image micrograph = read_image(path("sim_001.mrc")), stack = read_image(path("Particles/sim_001.mrcs"));
-  ASSERT_EQ(static_cast<int>(ours.size()), stack.head.nz);
-  for (long p = 0; p < stack.head.nz; p++)
-    for (long y = 0; y < 64; y++)
-      for (long x = 0; x < 64; x++) {
-        const long mic_x = static_cast<long>(ours[static_cast<size_t>(p)].x) - 32 + x;
-        const long mic_y = static_cast<long>(ours[static_cast<size_t>(p)].y) - 32 + y;
-        ASSERT_EQ(micrograph.at(mic_x, mic_y), stack.at(x, y, p)) << "particle " << p << " at " << x << ", " << y;
-      }
+  expect_stack_of_picks(read_image(path("Particles/sim_001.mrcs")), 64);
 }

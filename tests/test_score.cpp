@@ -3,11 +3,10 @@
 #include <cmath>
 #include <string>
 
-#include "boxfile.h"
 #include "common/truth_file.h"
 #include "score/matching.h"
 #include "score/picks.h"
-#include "test_support_programs.h"
+#include "test_support.h"
 
 namespace {
 
@@ -38,52 +37,7 @@ TEST(Matching, IsOneToOneAndTakesTheClosestPairFirst) {
   const std::vector<Pick> picks = {{8, 0}, {3, 4}, {28, 0}, {100, 20}, {100, -20.01}};
   const std::vector<long> expected = {-1, 0, 1, 2, -1};
   EXPECT_EQ(expected, match_picks(truth, picks, 20)) << "(8, 0) is near the first particle, (3, 4) nearer";
-  const std::vector<long> wide = {-1, 0, 1, 2, -1};
-  EXPECT_EQ(wide, match_picks(truth, picks, 21)) << "a particle has one pick";
-  EXPECT_TRUE(match_picks(truth, {}, 20).empty());
-}
-
-TEST(Matching, CountsParticlesOnContaminationNeitherAsMissedNorAsRight) {
-  const std::vector<TrueParticle> truth = {
-      {0, 0, 0, 0, 0, kClean}, {50, 0, 0, 0, 0, kClean}, {100, 0, 0, 0, 0, kOnIce}};
-  const std::vector<Pick> picks = {{3, 4}, {101, 0}, {200, 0}, {300, 0}};
-  const Score score = score_matching(truth, picks, match_picks(truth, picks, 10), nullptr);
-  EXPECT_EQ(2, score.particles);
-  EXPECT_EQ(1, score.flagged);
-  EXPECT_EQ(1, score.matched);
-  EXPECT_EQ(1, score.matched_flagged);
-  EXPECT_EQ(-1, score.in_areas);
-  EXPECT_DOUBLE_EQ(0.25, score.precision);
-  EXPECT_DOUBLE_EQ(0.5, score.recall);
-  EXPECT_DOUBLE_EQ(1.0 / 3, score.f1);
-  EXPECT_DOUBLE_EQ(3, score.dx);
-  EXPECT_DOUBLE_EQ(4, score.dy);
-  EXPECT_DOUBLE_EQ(5, score.distance);
-}
-
-TEST(Matching, OfNothingGivesZeroesAndNoOffset) {
-  const Score score = score_matching({}, {}, {}, nullptr);
-  EXPECT_EQ(0, score.precision);
-  EXPECT_EQ(0, score.recall);
-  EXPECT_EQ(0, score.f1);
-  EXPECT_TRUE(std::isnan(score.dx));
-}
-
-TEST(Outlines, CoverByTheEvenOddRule) {
-  const std::vector<Area> areas = {{kOnIce, {0, 10, 10, 0}, {0, 0, 10, 10}},
-                                   {kOnCarbon, {5, 15, 15, 5}, {5, 5, 15, 15}}};
-  EXPECT_EQ(kOnIce, contamination_at(areas, 2, 2));
-  EXPECT_EQ(kOnIce | kOnCarbon, contamination_at(areas, 7, 7));
-  EXPECT_EQ(kOnCarbon, contamination_at(areas, 12, 12));
-  EXPECT_EQ(kClean, contamination_at(areas, 12, 2));
-}
-
-TEST_F(ScoreRun, TruthIsAListOfCoordinatesForThePickerToo) {
-  PTCL_BOX boxes[8];
-  ASSERT_EQ(5, read_all_ptcl_boxes(boxes, 8, path("truth.star").c_str()));
-  EXPECT_EQ(100, boxes[0].x);
-  EXPECT_EQ(30, boxes[1].psi);
-  EXPECT_EQ(500, boxes[4].y);
+  EXPECT_EQ(expected, match_picks(truth, picks, 21)) << "a particle has one pick";
 }
 
 TEST_F(ScoreRun, BoxAndStarListsOfTheSamePicksScoreTheSame) {

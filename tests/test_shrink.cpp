@@ -45,15 +45,6 @@ std::vector<float> shrunk_square(const std::vector<float>& image, int nx, int ny
   return out;
 }
 
-std::vector<float> numbered(size_t n) {
-  std::vector<float> values(n);
-  for (size_t i = 0; i < n; i++) values[i] = static_cast<float>(i);
-  return values;
-}
-
-const std::string kTooLong =
-    fatal_line("cpu_2d_extend_to_square_mirror_inplace", "process2d_raw", "Make sure: Ny/2 < Nx < 2Ny");
-
 }  // namespace
 
 using ShrinkFromFile = FolderTest;
@@ -100,62 +91,32 @@ TEST(ShrinkToSquare, AveragesBlocksDropsTheHighEndsAndMirrorsTheShorterSide) {
   }
 }
 
-TEST(ShrinkToSquare, ByOneCopiesTheBits) {
-  const std::vector<float> image = random_values(30 * 20, 1);
-  const std::vector<float> square = shrunk_square(image, 30, 20, 1);
-  EXPECT_TRUE(same_bits({square.begin(), square.begin() + 600}, image));
-}
-
 TEST(ShrinkToSquare, TakesARealCamerasSizes) {
   EXPECT_EQ(958, get_max_extended_square_even_size(3838, 3710, 4));
   EXPECT_EQ(958, get_max_extended_square_even_size(3710, 3838, 4));
   EXPECT_EQ(1024, get_max_extended_square_even_size(4097, 4097, 4));
   EXPECT_EQ(0, get_max_extended_square_even_size(15, 15, 8));
-  const int nx = 3838, ny = 3710;
-  std::vector<float> image(static_cast<size_t>(nx) * ny);
-  for (int y = 0; y < ny; y++) {
-    for (int x = 0; x < nx; x++) {
-      const int block = x / 4 + 1000 * (y / 4);
-      image[static_cast<size_t>(y) * nx + x] = static_cast<float>(block);
-    }
-  }
-  const std::vector<float> square = shrunk_square(image, nx, ny, 4);
-  std::vector<double> want;
-  for (int y = 0; y < 958; y++)
-    for (int x = 0; x < 958; x++) want.push_back(x + 1000 * (y < 926 ? y : 925 + 926 - y));
-  EXPECT_TRUE(all_near(square, want, 0.0));  // blocks of equal whole numbers
+  const std::vector<float> image = random_values(3838UL * 3710, 1);
+  EXPECT_TRUE(all_near(shrunk_square(image, 3838, 3710, 4), square_of(image, 3838, 3710, 4), kSumRounding));
 }
 
-TEST(MirrorToSquare, RepeatsTheEdgeRowOrColumn) {
-  std::vector<float> wide = numbered(25);  // rows 0 to 2 hold data
-  cpu_2d_extend_to_square_mirror_inplace(wide.data(), 5, 3);
-  EXPECT_EQ(std::vector<float>(wide.begin() + 10, wide.end()),
-            std::vector<float>({10, 11, 12, 13, 14, 10, 11, 12, 13, 14, 5, 6, 7, 8, 9}));
-  std::vector<float> high = numbered(25);  // columns 0 to 2 hold data
-  cpu_2d_extend_to_square_mirror_inplace(high.data(), 3, 5);
-  for (int y = 0; y < 5; y++)
-    EXPECT_EQ(std::vector<float>(high.begin() + y * 5, high.begin() + y * 5 + 5),
-              std::vector<float>({5.0f * y, 5.0f * y + 1, 5.0f * y + 2, 5.0f * y + 2, 5.0f * y + 1}));
-  std::vector<float> square = numbered(16);
-  cpu_2d_extend_to_square_mirror_inplace(square.data(), 4, 4);
-  EXPECT_EQ(numbered(16), square);
-}
-
-TEST(MirrorToSquare, RefusesSidesWhoseRatioReachesTwoAfterRounding) {
-  std::vector<float> data(100, 1.0f);
-  for (const auto& size : {std::pair<int, int>{8, 4}, {4, 8}, {9, 4}, {10, 0}}) {
-    const ChildResult direct =
-        run_in_child([&] { cpu_2d_extend_to_square_mirror_inplace(data.data(), size.first, size.second); });
-    EXPECT_EQ(1, direct.status);
-    EXPECT_EQ(kTooLong, direct.out);
-  }
-  cpu_2d_extend_to_square_mirror_inplace(data.data(), 7, 4);
+TEST(ShrinkToSquare, RefusesSidesWhoseRatioReachesTwoAfterRounding) {
   const std::vector<float> image(20 * 20, 1.0f);
-  EXPECT_EQ(1, run_in_child([&] { shrunk_square(image, 16, 9, 1); }).status);  // 16 x 8
-  EXPECT_EQ(14u * 14u, shrunk_square(image, 15, 8, 1).size());                 // 14 x 8
+  const struct {
+    int nx, ny;
+    bool taken;
+  } sizes[] = {{16, 9, false}, {9, 16, false}, {18, 9, false}, {20, 1, false}, {15, 8, true}, {8, 15, true}};
+  for (const auto& size : sizes) {
+    const ChildResult run = run_in_child([&] { shrunk_square(image, size.nx, size.ny, 1); });
+    EXPECT_EQ(size.taken ? kDidNotExit : 1, run.status) << size.nx << " x " << size.ny;
+    EXPECT_EQ(size.taken
+                  ? ""
+                  : fatal_line("cpu_2d_extend_to_square_mirror_inplace", "process2d_raw", "Make sure: Ny/2 < Nx < 2Ny"),
+              run.out);
+  }
 }
 
-TEST(Meanshrink, DropsTheRemainderOfEverySliceOfAStack) {
+TEST(Meanshrink, DropsTheRemainderOfEverySliceOfAStackAndRefusesFactorsBelowOne) {
   const int nx = 29, ny = 35, nz = 3;
   for (const int shrink : kFactors) {
     std::vector<float> stack;
@@ -171,18 +132,13 @@ TEST(Meanshrink, DropsTheRemainderOfEverySliceOfAStack) {
     cpu_2ds_meanshrink(out.data(), stack.data(), nx, ny, nz, shrink);
     EXPECT_TRUE(all_near(out, want, kSumRounding)) << shrink;
   }
-}
-
-TEST(Meanshrink, ByAFactorBelowOneSaysSoAndWritesNothing) {
-  const std::vector<float> image = numbered(16);
-  std::vector<float> out(16, 7.0f);
+  float pixel = 7;
+  const std::string wrong =
+      "Error in function cpu_2d_meanshrink(), file process2d_raw on line N: Wrong value of shrink_factor. Must be "
+      ">=1!\n";
   for (const int shrink : {0, -3}) {
-    const std::string said = output_of([&] { cpu_2d_meanshrink(out.data(), image.data(), 4, 4, shrink); });
-    EXPECT_EQ(
-        "Error in function cpu_2d_meanshrink(), file process2d_raw on line N: Wrong value of shrink_factor. Must be "
-        ">=1!\n",
-        said);
-    EXPECT_EQ(said, output_of([&] { cpu_2ds_meanshrink(out.data(), image.data(), 2, 2, 4, shrink); }));
+    EXPECT_EQ(wrong, output_of([&] { cpu_2d_meanshrink(&pixel, &pixel, 1, 1, shrink); }));
+    EXPECT_EQ(wrong, output_of([&] { cpu_2ds_meanshrink(&pixel, &pixel, 1, 1, 1, shrink); }));
   }
-  EXPECT_EQ(std::vector<float>(16, 7.0f), out);
+  EXPECT_EQ(7, pixel);
 }

@@ -1,5 +1,4 @@
-#include <gtest/gtest.h>
-
+// kestrix_simulate: its images as a whole, then what they are made of.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -7,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "common/truth_file.h"
-#include "simulate/phantom.h"
-#include "test_support_image.h"
-#include "test_support_phantom.h"
-#include "test_support_programs.h"
+#include "simulate/ctf.h"
+#include "simulate/random.h"
+#include "test_support_runs.h"
 
 namespace {
+
+constexpr double kPi = 3.141592653589793;
 
 class Simulate : public FolderTest {
  protected:
@@ -28,14 +27,16 @@ class Simulate : public FolderTest {
   }
 };
 
-double variance(const std::vector<double>& values) {
-  double sum = 0, square = 0;
-  for (const double value : values) {
-    sum += value;
-    square += value * value;
-  }
-  const auto n = static_cast<double>(values.size());
-  return square / n - sum / n * (sum / n);
+double mean(const std::vector<double>& values) {
+  double sum = 0;
+  for (const double value : values) sum += value;
+  return sum / static_cast<double>(values.size());
+}
+
+double variance(std::vector<double> values) {
+  const double centre = mean(values);
+  for (double& value : values) value = (value - centre) * (value - centre);
+  return mean(values);
 }
 
 /// The values of an image within a distance of any of the particles.
@@ -63,33 +64,9 @@ TEST_F(Simulate, HasTheSignalToNoiseRatioAskedForAndDarkParticles) {
   const double measured = variance(values_near(clean, truth, 130 / 2.68)) / variance(noise);
   EXPECT_NEAR(0.05, measured, 0.05 * 0.03) << "the variance of the noise is measured to 0.3 %";
 
-  double inside = 0, all = 0;
-  for (const double value : values_near(clean, truth, 80 / 2.68)) inside += value;
-  for (const float value : clean.data) all += value;
-  inside /= static_cast<double>(values_near(clean, truth, 80 / 2.68).size());
-  EXPECT_LT(inside, all / static_cast<double>(clean.data.size()) - 1) << "electrons per pixel";
-  EXPECT_NEAR(40 * 2.68 * 2.68, all / static_cast<double>(clean.data.size()), 2);
-}
-
-TEST_F(Simulate, TruthIsWhereTheParticlesAre) {
-  simulate("--no_ctf --noise_free --gradient 0 --coverage 0.2 --min_spacing 340");
-  const Image image = read_image(path("sim_001.mrc"));
-  const double background = 40 * 2.68 * 2.68;
-  for (const TrueParticle& p : read_truth(path("sim_001_truth.star").c_str())) {
-    double mass = 0, x_moment = 0, y_moment = 0;
-    for (long y = 0; y < image.head.ny; y++)
-      for (long x = 0; x < image.head.nx; x++) {
-        const double dx = static_cast<double>(x) - p.x, dy = static_cast<double>(y) - p.y;
-        if (std::hypot(dx, dy) > 58) continue;
-        const double depth = background - image.at(x, y);
-        mass += depth;
-        x_moment += depth * dx;
-        y_moment += depth * dy;
-      }
-    EXPECT_GT(mass, 0);
-    EXPECT_NEAR(0, x_moment / mass, 0.02);
-    EXPECT_NEAR(0, y_moment / mass, 0.02);
-  }
+  const double all = mean(widened(clean.data));
+  EXPECT_LT(mean(values_near(clean, truth, 80 / 2.68)), all - 1) << "electrons per pixel";
+  EXPECT_NEAR(40 * 2.68 * 2.68, all, 2);
 }
 
 TEST_F(Simulate, SameSeedGivesTheSameBytesOnAnyNumberOfThreadsAndAnotherSeedOthers) {
@@ -106,88 +83,26 @@ TEST_F(Simulate, SameSeedGivesTheSameBytesOnAnyNumberOfThreadsAndAnotherSeedOthe
   EXPECT_FALSE(read_file(path("a001.mrc")) == read_file(path("a002.mrc")));
 }
 
-TEST_F(Simulate, EverySampleTypeHoldsTheSameImage) {
-  const std::string options = "--dose 12 --ice 1 ";
-  simulate(options + "--prefix m2");
-  simulate(options + "--noise_free --prefix f");
-  const Image floats = read_image(path("m2001.mrc")), exact = read_image(path("f001.mrc"));
-  for (const char* mode : {"0", "1", "6"}) {
-    simulate(options + "--mode " + mode + " --prefix m" + mode);
-    const Image other = read_image(path(std::string("m") + mode + "001.mrc"));
-    EXPECT_EQ(atoi(mode), other.head.mode);
-    EXPECT_TRUE(floats.data == other.data) << "counts are whole numbers";
-    simulate(options + "--noise_free --mode " + mode + " --prefix n");
-    const Image rounded = read_image(path("n001.mrc"));
-    for (size_t i = 0; i < exact.data.size(); i++) ASSERT_NEAR(exact.data[i], rounded.data[i], 0.5001);
-  }
-}
-
-TEST_F(Simulate, HeaderTellsSizesPixelSizeAndStatistics) {
-  simulate("--frames 3 --dose 2 --mode 1");
-  const Image image = read_image(path("sim_001.mrc"));
-  EXPECT_EQ(500, image.head.nx);
-  EXPECT_EQ(380, image.head.ny);
-  EXPECT_EQ(3, image.head.nz);
-  EXPECT_FLOAT_EQ(2.68F, image.head.xlen / static_cast<float>(image.head.mx));
-  EXPECT_FLOAT_EQ(2.68F, image.head.ylen / static_cast<float>(image.head.my));
-  const std::vector<double> samples(image.data.begin(), image.data.end());
-  double sum = 0;
-  for (const double sample : samples) sum += sample;
-  EXPECT_NEAR(sum / static_cast<double>(samples.size()), image.head.amean, 1e-4);
-  EXPECT_NEAR(std::sqrt(variance(samples)), image.head.rms, 1e-4);
-  EXPECT_EQ(*std::min_element(image.data.begin(), image.data.end()), image.head.amin);
-  EXPECT_EQ(*std::max_element(image.data.begin(), image.data.end()), image.head.amax);
-}
-
-TEST_F(Simulate, SectionsOfAMovieShowTheSameParticlesInNewNoise) {
-  simulate("--frames 3 --dose 2 --prefix movie");
+TEST_F(Simulate, MovieShowsTheSameParticlesInNewNoiseAndItsHeaderTellsItsStatistics) {
+  simulate("--frames 3 --dose 2 --mode 1 --prefix movie");
   simulate("--dose 2 --prefix single");
   const Image movie = read_image(path("movie001.mrc")), single = read_image(path("single001.mrc"));
   const size_t n = single.data.size();
+  ASSERT_EQ(3 * n, movie.data.size());
   EXPECT_TRUE(std::equal(single.data.begin(), single.data.end(), movie.data.begin()));
   std::vector<double> difference;
   for (size_t i = 0; i < n; i++) difference.push_back(movie.data[n + i] - movie.data[2 * n + i]);
   const double count = 2 * 2.68 * 2.68;
   EXPECT_NEAR(2 * count, variance(difference), 0.02 * 2 * count) << "the particles cancel, two noises add";
-}
 
-TEST_F(Simulate, IceAndCarbonAreDarkAndTextured) {
-  simulate("--nx 700 --carbon 0.3 --ice 6 --count 0 --gradient 0 --noise_free --seed 4");
-  const Image image = read_image(path("sim_001.mrc"));
-  const std::vector<Area> areas = read_areas(path("sim_001_areas.star").c_str());
-  ASSERT_EQ(7U, areas.size());
-  std::vector<double> values[4];
-  for (long y = 0; y < image.head.ny; y += 2)
-    for (long x = 0; x < image.head.nx; x += 2)
-      values[contamination_at(areas, static_cast<double>(x), static_cast<double>(y))].push_back(image.at(x, y));
-  const auto mean = [](const std::vector<double>& v) {
-    double sum = 0;
-    for (const double value : v) sum += value;
-    return sum / static_cast<double>(v.size());
-  };
-  const double clean = mean(values[kClean]);
-  EXPECT_NEAR(0.92, mean(values[kOnCarbon]) / clean, 0.03);
-  EXPECT_NEAR(0.85, mean(values[kOnIce]) / clean, 0.06);
-  EXPECT_GT(std::sqrt(variance(values[kOnCarbon])), 0.05 * clean);
-  EXPECT_GT(std::sqrt(variance(values[kOnIce])), 0.08 * clean);
-  EXPECT_LT(std::sqrt(variance(values[kClean])), 0.02 * clean) << "fringes of the edges only";
-}
-
-TEST_F(Simulate, TemplatesAreBrightProjectionsOnZeroAtTheirOwnPixelSize) {
-  simulate("--number 0 --templates 5 --apix 1.34");
-  const Image stack = read_image(path("sim_templates.mrcs"));
-  EXPECT_EQ(122, stack.head.nx);
-  EXPECT_EQ(122, stack.head.ny);
-  EXPECT_EQ(5, stack.head.nz);
-  EXPECT_FLOAT_EQ(2.68F, stack.head.xlen / static_cast<float>(stack.head.mx));
-  Spot spots[kBlobs];
-  // the first of five directions: a fifth of the sphere's caps, cos(tilt) = 0.8, rot 0
-  project_phantom(make_phantom(260), {0, 36.86989764584402, 0}, 20, spots);
-  for (const int x : {0, 40, 60, 61, 75})
-    for (const int y : {0, 45, 61, 80})
-      EXPECT_NEAR(sum_of_spots(spots, (x - 60.5) * 2.68, (y - 60.5) * 2.68), stack.at(x, y), 0.02);
-  EXPECT_LT(stack.at(0, 0), 1e-3F);
-  EXPECT_GT(stack.at(60, 60), 1.0F);
+  EXPECT_EQ(500, movie.head.nx);
+  EXPECT_EQ(380, movie.head.ny);
+  EXPECT_FLOAT_EQ(2.68F, movie.head.xlen / static_cast<float>(movie.head.mx));
+  EXPECT_FLOAT_EQ(2.68F, movie.head.ylen / static_cast<float>(movie.head.my));
+  EXPECT_NEAR(mean(widened(movie.data)), movie.head.amean, 1e-4);
+  EXPECT_NEAR(std::sqrt(variance(widened(movie.data))), movie.head.rms, 1e-4);
+  EXPECT_EQ(*std::min_element(movie.data.begin(), movie.data.end()), movie.head.amin);
+  EXPECT_EQ(*std::max_element(movie.data.begin(), movie.data.end()), movie.head.amax);
 }
 
 TEST_F(Simulate, RefusesWhatItCannotDoWithAMessageThatNamesTheOption) {
@@ -216,4 +131,38 @@ TEST_F(Simulate, RefusesWhatItCannotDoWithAMessageThatNamesTheOption) {
   }
   EXPECT_EQ(0, run("--help").status);
   EXPECT_NE(std::string::npos, run("--help").output.find("--snr"));
+}
+
+// --- What they are made of ---
+
+TEST(Ctf, AgreesWithTheFormInPhaseAndAmplitudeContrastInMetres) {
+  const Optics optics = {300, 15000, 2.7, 0.1, 0};
+  const double lambda = 1.96875e-12, cs = 2.7e-3, defocus = 1.5e-6;
+  for (const double resolution : {1000.0, 60.0, 25.0, 12.0, 7.0, 4.1}) {
+    const double g = 1e10 / resolution;
+    const double chi = kPi * lambda * g * g * (defocus - 0.5 * lambda * lambda * g * g * cs);
+    const double expected = -std::sqrt(1 - 0.01) * std::sin(chi) - 0.1 * std::cos(chi);
+    EXPECT_NEAR(expected, ctf_value(optics, 1 / resolution), 2e-4) << resolution << " Å: five digits of lambda";
+  }
+  EXPECT_DOUBLE_EQ(-0.1, ctf_value(optics, 0)) << "density is dark";
+  EXPECT_NEAR(-1, ctf_value(optics, 1 / 25.0), 0.02) << "first maximum";
+}
+
+TEST(Random, PoissonCountsFollowTheDistributionByEitherMethod) {
+  for (const double mean_count : {0.4, 4.0, 9.5, 10.5, 72.0, 180.0}) {
+    Random random = random_stream(11, Stream::noise, 0, static_cast<uint64_t>(mean_count * 10));
+    std::vector<double> counts(400, 0);
+    for (int i = 0; i < 200000; i++) counts[static_cast<size_t>(std::min(399L, random_poisson(&random, mean_count)))]++;
+    double chi_square = 0, classes = 0;  // Pearson's, and over how many classes
+    for (size_t k = 0; k < 399; k++) {
+      const auto n = static_cast<double>(k);
+      const double expected = 200000 * std::exp(n * std::log(mean_count) - mean_count - std::lgamma(n + 1));
+      if (expected < 10) continue;
+      chi_square += std::pow(counts[k] - expected, 2) / expected;
+      classes++;
+    }
+    // chi-square has mean n and deviation sqrt(2n); five deviations leave no room for a wrong distribution
+    EXPECT_LT(chi_square, classes + 5 * std::sqrt(2 * classes)) << mean_count;
+    EXPECT_GT(classes, 3);
+  }
 }

@@ -1,5 +1,5 @@
-// What several tests need: a folder of their own, files as text, and the output of code that may end the
-// process.
+// What several tests need: a folder of their own, files as text, the output of code that may end the process, and runs
+// of the built programs.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,10 +8,13 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+
+// --- Files and texts ---
 
 /// A fixture with a fresh folder, which is removed with all that it holds when the test ends.
 class FolderTest : public ::testing::Test {
@@ -41,6 +44,13 @@ inline std::string read_file(const std::string& name) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+/// Whether text holds words.
+inline bool holds(const std::string& text, const std::string& words) { return text.find(words) != std::string::npos; }
+
+inline bool ends_with(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 /// Replaces the line numbers of failure and warning lines by N, so that they can be compared as a whole.
 inline std::string without_line_numbers(std::string text) {
   const std::string lead = "on line ";
@@ -59,6 +69,8 @@ inline std::string fatal_line(const std::string& function, const std::string& un
 inline std::string warning_line(const std::string& function, const std::string& unit, const std::string& text) {
   return "Warning in function " + function + "(), file " + unit + " on line N: " + text + "!\n";
 }
+
+// --- Code and its output ---
 
 /// What code leaves on standard output, less line numbers.
 template <class Code>
@@ -98,4 +110,19 @@ ChildResult run_in_child(Code code) {
   }
   return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status), without_line_numbers(texts[0]),
           without_line_numbers(texts[1])};
+}
+
+// --- The built programs ---
+
+struct ProgramRun {
+  int status;  // of its exit, -1 where a signal ended it
+  std::string output, errors;
+};
+
+/// Runs a shell command in an existing folder, where output and errors are kept meanwhile.
+inline ProgramRun run_program(const std::string& folder, const std::string& command) {
+  const std::string output = folder + "/stdout.txt", errors = folder + "/stderr.txt";
+  const std::string line = "cd '" + folder + "' && " + command + " >'" + output + "' 2>'" + errors + "'";
+  const int status = system(line.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(output), read_file(errors)};
 }

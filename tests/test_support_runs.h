@@ -5,10 +5,29 @@
 #include <vector>
 
 #include "common/truth_file.h"
+#include "mrcfile.h"
 #include "score/matching.h"
 #include "score/picks.h"
 #include "test_numeric.h"
-#include "test_support_programs.h"
+#include "test_support.h"
+
+/// An MRC file, all its sections as floats.
+struct Image {
+  MRC_HEAD head;
+  std::vector<float> data;
+  float at(long x, long y, long z = 0) const { return data[static_cast<size_t>((z * head.ny + y) * head.nx + x)]; }
+};
+
+inline Image read_image(const std::string& name) {
+  Image image;
+  MRC_HEAD* head = get_mrcf_head(name.c_str());
+  image.head = *head;
+  float* data = get_mrcf_data_all(name.c_str());
+  image.data.assign(data, data + static_cast<size_t>(head->nx) * head->ny * head->nz);
+  free(data);
+  free(head);
+  return image;
+}
 
 /// A folder in which micrographs are simulated and picked: 1024 x 900 pixels of 4 Å with some 45 particles of 260 Å,
 /// clear to see, unless options say otherwise. Programs run on one thread.
@@ -49,9 +68,20 @@ class WholeRun : public FolderTest {
   }
   std::string content(const std::string& name) const { return read_file(path(name)); }
   std::vector<Pick> picks(const std::string& name) const { return read_picks(path(name).c_str()); }
+  Image image(const std::string& suffix) const { return read_image(path("sim_001" + suffix)); }
+
+  /// The names of the files of sim_001.mrc that runs have written, less "sim_001", each followed by a blank.
+  std::string outputs() const {
+    std::string found;
+    for (const char* suffix : {"_bg.mrc", "_bgfree.mrc", "_ccmax.mrc", "_lsigma.mrc", "_mask.mrc", "_nonunique.box",
+                               "_particles.mrcs", "_pref.mrc", "_quorlin.box", "_quorlin.star", "_rejected.box",
+                               "_rejected.star", "_quorlin.box~", "_quorlin.star~"})
+      if (exists(std::string("sim_001") + suffix)) found += std::string(suffix) + " ";
+    return found;
+  }
 
   /// How the picks of a list agree with the truth about sim_001.mrc, within half a particle's radius.
-  Score score(const std::string& list) const {
+  Score score(const std::string& list = "sim_001_quorlin.star") const {
     const std::vector<TrueParticle> truth = read_truth(path("sim_001_truth.star").c_str());
     const std::vector<Pick> found = picks(list);
     std::vector<Area> areas;
@@ -60,14 +90,3 @@ class WholeRun : public FolderTest {
     return score_matching(truth, found, match_picks(truth, found, 0.5 * 130 / 4), has_areas ? &areas : nullptr);
   }
 };
-
-/// The pieces as one text.
-template <class... Pieces>
-std::string join(const Pieces&... pieces) {
-  std::string text;
-  (text.append(pieces), ...);
-  return text;
-}
-
-/// Whether text holds words.
-inline bool holds(const std::string& text, const std::string& words) { return text.find(words) != std::string::npos; }

@@ -1,5 +1,6 @@
 // Whole runs: what the program prints, how it ends, and which files are there afterwards.
 #include <algorithm>
+#include <sstream>
 #include <string>
 
 #include "reports.h"
@@ -32,10 +33,7 @@ std::string without_times(std::string text) {
 /// must be one of the tips.
 std::string steady_output(const std::string& output) {
   std::string text = without_times(output);
-  const auto closes = [&text](const char* tip) {
-    const std::string block = tip_block(tip);
-    return text.size() > block.size() && text.compare(text.size() - block.size(), block.size(), block) == 0;
-  };
+  const auto closes = [&text](const char* tip) { return ends_with(text, tip_block(tip)); };
   const auto tip = std::find_if(std::begin(KESTRIX_ALL_TIPS), std::end(KESTRIX_ALL_TIPS), closes);
   if (tip != std::end(KESTRIX_ALL_TIPS)) text.resize(text.size() - tip_block(*tip).size());
   EXPECT_TRUE(tip != std::end(KESTRIX_ALL_TIPS)) << "no tip closes the output";
@@ -62,117 +60,69 @@ TEST_F(RunOutput, PrintsEveryLineInItsOrder) {
   EXPECT_FALSE(exists("sim_003_quorlin.box")) << "a list of either form marks a micrograph as done";
 }
 
-TEST_F(RunOutput, WritesItsListsAndNothingElse) {
-  simulate(kSmall);
-  kestrix(std::string(kCommon) + "sim_001.mrc");
-  for (const char* suffix : {"_nonunique.box", "_quorlin.box", "_quorlin.star", "_rejected.box", "_rejected.star"}) {
-    EXPECT_TRUE(exists("sim_001" + std::string(suffix))) << suffix;
-    remove_file("sim_001" + std::string(suffix));
+TEST_F(RunOutput, WritesTheListsAndTheImagesAskedForAndNothingElse) {
+  simulate("--nx 700 --ny 640 --templates 3 --ice 1");
+  const std::string lists = "_nonunique.box _quorlin.box _quorlin.star _rejected.box _rejected.star ";
+  const struct {
+    const char* option;
+    std::string outputs;
+    const char* image = "";  // the one among them
+  } cases[] = {
+      {"", lists},
+      {"--detect_ice 0 --write_star 0 --write_bg_mic 1 --write_lsigma_mic 1", "_nonunique.box _quorlin.box "},
+      {"--write_pref_mic", "_nonunique.box _pref.mrc _quorlin.box _quorlin.star _rejected.box _rejected.star ",
+       "_pref.mrc"},
+      {"--write_mic_mask", "_mask.mrc " + lists, "_mask.mrc"},
+      {"--write_bgfree_mic", "_bgfree.mrc " + lists, "_bgfree.mrc"},
+      {"--write_ccmax_mic", "_ccmax.mrc " + lists, "_ccmax.mrc"},
+      {"--write_bg_mic", "_bg.mrc " + lists, "_bg.mrc"},
+      {"--write_lsigma_mic", "_lsigma.mrc " + lists, "_lsigma.mrc"},
+      {"--extract_raw", "_nonunique.box _particles.mrcs _quorlin.box _quorlin.star _rejected.box _rejected.star "},
+      {"--write_pf_mic --extract_pf", lists}};
+  const auto files = [this] {
+    const auto all = std::filesystem::directory_iterator(path("."));
+    return std::distance(begin(all), end(all));
+  };
+  const auto files_before = files();
+  for (const auto& c : cases) {
+    pick(std::string("--speed 1 --T sim_templates.mrcs --apixT 8 --ang_step 60 ") + c.option);
+    EXPECT_EQ(c.outputs, outputs()) << c.option;
+    EXPECT_EQ(files_before + std::count(c.outputs.begin(), c.outputs.end(), ' '), files()) << c.option;
+    if (*c.image) {
+      const MRC_HEAD head = image(c.image).head;
+      EXPECT_TRUE(head.nx == 350 && head.ny == 350 && head.mode == 2) << c.image << " is the working square";
+      EXPECT_EQ(std::string(c.image) == "_ccmax.mrc" ? 3 : 1, head.nz) << c.image;
+    }
+    std::istringstream names(c.outputs);
+    for (std::string name; names >> name;) remove_file("sim_001" + name);
   }
-  int others = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(path("."))) {
-    const std::string name = entry.path().filename().string();
-    if (name.rfind("std", 0) != 0 && name != "sim_001.mrc" && name != "sim_001_truth.star") others++;
-  }
-  EXPECT_EQ(0, others);
-  kestrix(std::string(kCommon) + "sim_001.mrc --detect_ice 0 --write_star 0");
-  EXPECT_FALSE(exists("sim_001_rejected.box"));
-  EXPECT_FALSE(exists("sim_001_rejected.star"));
-  EXPECT_FALSE(exists("sim_001_quorlin.star"));
-  EXPECT_TRUE(exists("sim_001_quorlin.box"));
 }
 
-TEST_F(RunOutput, HandlesTheSecondFileTwiceWhenTheFirstIsUnreadable) {
-  simulate(kSmall);
-  const ProgramRun run = kestrix(std::string(kCommon) + "gone.mrc sim_001.mrc");
-  EXPECT_EQ(0, run.status);
-  const size_t first = run.output.find("Reading File sim_001.mrc ...");
-  ASSERT_NE(std::string::npos, first);
-  EXPECT_NE(std::string::npos, run.output.find("Reading File sim_001.mrc ...", first + 1));
-  EXPECT_TRUE(holds(run.output, "All 2 files finished successfully:"));
-  EXPECT_LT(run.output.find("gone.mrc does NOT exsit! Automatically ignored!"),
-            run.output.find("Opening sim_001.mrc for initial test and preperation ......."));
-}
-
-TEST_F(RunOutput, StopsAtAMissingLaterMicrographAndKeepsWhatIsDone) {
+TEST_F(RunOutput, TakesTheSecondFileForTheFirstWhereThatIsUnreadableAndStopsAtALaterOne) {
   simulate(std::string(kSmall) + "--number 2");
-  const ProgramRun run = kestrix(std::string(kCommon) + "sim_001.mrc gone.mrc sim_002.mrc");
-  EXPECT_EQ(1, run.status);
-  const std::string end = "Cannot open file gone.mrc. Permission denied or wrong file name.\n" +
-                          fatal_line("main", "kestrix56", "open file failed.");
-  const std::string text = without_line_numbers(run.output);
-  ASSERT_GT(text.size(), end.size());
-  EXPECT_EQ(end, text.substr(text.size() - end.size()));
-  EXPECT_FALSE(holds(text, "All 3 files finished"));
+  const ProgramRun first = kestrix(std::string(kCommon) + "gone.mrc sim_001.mrc");
+  EXPECT_EQ(0, first.status);
+  EXPECT_TRUE(holds(first.output, "the micrograph gone.mrc does NOT exsit! Automatically ignored!"));
+  const std::string reading = "Reading File sim_001.mrc ...";
+  EXPECT_NE(first.output.find(reading), first.output.rfind(reading)) << "in its own place and in the first's";
+  EXPECT_TRUE(holds(first.output, "All 2 files finished successfully:"));
+
+  const ProgramRun later = kestrix(std::string(kCommon) + "sim_001.mrc gone.mrc sim_002.mrc");
+  EXPECT_EQ(1, later.status);
+  EXPECT_TRUE(ends_with(without_line_numbers(later.output),
+                        "Cannot open file gone.mrc. Permission denied or wrong file name.\n" +
+                            fatal_line("main", "kestrix56", "open file failed.")));
   EXPECT_GT(picks("sim_001_quorlin.star").size(), 0U);
   EXPECT_FALSE(exists("sim_002_quorlin.box"));
 }
 
-TEST_F(RunOutput, StopsWithATableAtAMicrographOfAnotherSizeOrType) {
-  simulate(kSmall);
-  simulate("--nx 512 --ny 482 --prefix taller_");
-  simulate(std::string(kSmall) + "--mode 6 --prefix other_");
-  simulate(std::string(kSmall) + "--frames 2 --prefix movie_");
-  const char* const rows[][2] = {{"taller_001.mrc", "      512     482     1       Float               "},
-                                 {"other_001.mrc", "      512     480     1       Unsigned Short      "},
-                                 {"movie_001.mrc", "      512     480     2       Float               "}};
-  for (const auto& row : rows) {
-    const std::string name = row[0];
-    const ProgramRun run = kestrix(std::string(kCommon) + "sim_001.mrc " + name);
-    EXPECT_EQ(1, run.status);
-    const std::string table =
-        join("Micrograph \x1b[1msim_001.mrc\x1b[m has a different size or format from  \x1b[1m", name,
-             "\x1b[m.\nCheck if all the micrographs are the same sizes and format? \n "
-             "      Nx      Ny      Nz      Mode             File:\n"
-             "      512     480     1       Float               sim_001.mrc\n",
-             row[1], name, "\n");
-    ASSERT_GT(run.output.size(), table.size());
-    EXPECT_EQ(table, run.output.substr(run.output.size() - table.size()));
-    EXPECT_TRUE(exists("sim_001_quorlin.star"));
-  }
-}
-
 TEST_F(RunOutput, HelpAndRefusalsHaveTheirStatuses) {
   write_file(path("a.mrc"), "");
-  EXPECT_EQ(0, kestrix("").status);
-  EXPECT_EQ(0, kestrix("--HELP").status);
-  EXPECT_EQ(0, kestrix("a.mrc --help").status) << "an unknown option at a later place";
-  EXPECT_TRUE(holds(kestrix("a.mrc --help").output, "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m--help!"));
-  EXPECT_EQ(0, kestrix("--write_rejected_box a.mrc").status);
-  EXPECT_EQ(1, kestrix("--apixM 2").status);
-  EXPECT_EQ(1, kestrix("--speed 7 a.mrc").status);
-  EXPECT_EQ(0, kestrix("").output.find(std::string(99, '*') + "\nVersion:       " KESTRIX_PROGRAM " v0.56,"));
-}
-
-TEST_F(RunOutput, OverwritesEarlierListsUnlessAskedToSkip) {
-  simulate(kSmall);
-  write_file(path("sim_001_quorlin.box"), "1 2 3 4\n");
-  kestrix(std::string(kCommon) + "--do_unfinished sim_001.mrc");
-  EXPECT_EQ("1 2 3 4\n", content("sim_001_quorlin.box"));
-  EXPECT_FALSE(exists("sim_001_nonunique.box"));
-  kestrix(std::string(kCommon) + "sim_001.mrc");
-  EXPECT_GT(picks("sim_001_quorlin.box").size(), 1U);
-}
-
-TEST_F(RunOutput, ResumesAnInterruptedList) {
-  simulate(std::string(kSmall) + "--number 3");
-  const std::string all = "sim_001.mrc sim_002.mrc sim_003.mrc";
-  kestrix(std::string(kCommon) + all);
-  std::string complete[3];
-  for (int i = 0; i < 3; i++) complete[i] = content("sim_00" + std::to_string(i + 1) + "_quorlin.box");
-  // As if the run had been ended within the second micrograph: its list is half written, under another name.
-  remove_file("sim_002_quorlin.star");
-  std::filesystem::rename(path("sim_002_quorlin.box"), path("sim_002_quorlin.box~"));
-  write_file(path("sim_002_quorlin.box~"), complete[1].substr(0, complete[1].size() / 2));
-  for (const char* suffix : {"_nonunique.box", "_quorlin.box", "_quorlin.star"})
-    remove_file(std::string("sim_003") + suffix);
-
-  const ProgramRun run = kestrix(std::string(kCommon) + "--do_unfinished " + all);
-  EXPECT_EQ(0, run.status);
-  EXPECT_TRUE(holds(run.output, "Micrograph sim_001.mrc has already been processed. Automatically skipped.\n"));
-  EXPECT_FALSE(holds(run.output, "sim_002.mrc has already"));
-  for (int i = 0; i < 3; i++) EXPECT_EQ(complete[i], content("sim_00" + std::to_string(i + 1) + "_quorlin.box"));
-  EXPECT_FALSE(exists("sim_002_quorlin.box~"));
+  const std::pair<const char*, int> statuses[] = {
+      {"", 0}, {"--HELP", 0}, {"-h", 0}, {"a.mrc --help", 0}, {"--apixM 2", 1}, {"--speed 7 a.mrc", 1}};
+  for (const auto& line : statuses) EXPECT_EQ(line.second, kestrix(line.first).status) << line.first;
+  const std::string version = std::string(99, '*') + "\nVersion:       " KESTRIX_PROGRAM " v0.56,";
+  for (const char* line : {"", "-help"}) EXPECT_EQ(0U, kestrix(line).output.find(version)) << line;
 }
 
 TEST_F(RunOutput, KilledAtAnyMomentLeavesOnlyCompleteLists) {

@@ -1,12 +1,8 @@
 // Results of device operations on fixed inputs: one build writes them to a file, another's are compared with them.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
-
-#include "cuda_general.h"
 
 /// How far a value may lie from the other device's.
 struct Closeness {
@@ -31,22 +27,13 @@ constexpr Closeness kTransform{0, 1e-5, 0};
 // Choices between values that come from transforms: where two tie to within their rounding the choice may differ.
 constexpr Closeness kChoice{0, 0, 2e-3};
 
-/// One result: nx by ny floats (type 'f') or unsigned numbers ('u'), kept as bits.
 struct DeviceResult {
   std::string name;
-  char type;
-  int nx, ny;
   Closeness closeness;
-  std::vector<uint32_t> bits;
+  std::vector<float> values;
 };
 
 using DeviceRecord = std::vector<DeviceResult>;
-
-/// Adds a result of host memory.
-void record_values(DeviceRecord& record, const std::string& name, const float* values, int nx, int ny,
-                   const Closeness& closeness);
-void record_values(DeviceRecord& record, const std::string& name, const unsigned* values, int nx, int ny,
-                   const Closeness& closeness);
 
 /// Writes a record as a file; false if that fails.
 bool write_record(const char* file, const DeviceRecord& record);
@@ -58,60 +45,9 @@ bool read_record(const char* file, DeviceRecord& record);
 struct Comparison {
   bool agrees;
   size_t different;  // values whose bits differ
-  size_t beyond;     // values that differ by more than the closeness allows
   std::string text;  // one line for a person: the result's name, the counts and the worst pair of values
 };
 
 /// Compares a result with the other device's of the same name, by the closeness that the first one states. Two NaN
 /// agree; the bits of a NaN are nobody's business.
 Comparison compare_results(const DeviceResult& expected, const DeviceResult& other);
-
-// --- The cases: each function runs a group of operations on this build's device and adds their results ---
-
-void record_flat_cases(DeviceRecord& record);
-void record_image_cases(DeviceRecord& record);
-void record_transform_cases(DeviceRecord& record);
-void record_cell_cases(DeviceRecord& record);
-void record_scan_cases(DeviceRecord& record);
-
-// --- What the cases share ---
-
-/// n numbers from [-1, 1), the same on every machine.
-std::vector<float> noise(size_t n, uint64_t seed);
-
-/// A device array, freed at the end of its scope. A failure ends the process.
-template <class T>
-struct OnDevice {
-  explicit OnDevice(const std::vector<T>& values) : data(device_new<T>(values.size())), size(values.size()) {
-    copied(cudaMemcpy(data, values.data(), size * sizeof(T), cudaMemcpyHostToDevice), __LINE__);
-  }
-  explicit OnDevice(size_t n) : OnDevice(std::vector<T>(n)) {}
-  OnDevice(const OnDevice&) = delete;
-  OnDevice& operator=(const OnDevice&) = delete;
-  ~OnDevice() { cudaFree(data); }
-
-  std::vector<T> values() const {
-    std::vector<T> host(size);
-    copied(cudaMemcpy(host.data(), data, size * sizeof(T), cudaMemcpyDeviceToHost), __LINE__);
-    return host;
-  }
-
-  static void copied(cudaError_t status, int line) {
-    if (status != cudaSuccess) device_failure(cudaGetErrorString(status), line, "device_record");
-  }
-
-  T* data;
-  size_t size;
-};
-
-/// Adds a device array of nx by ny values.
-template <class T>
-void record_array(DeviceRecord& record, const std::string& name, const OnDevice<T>& array, int nx, int ny,
-                  const Closeness& closeness) {
-  record_values(record, name, array.values().data(), nx, ny, closeness);
-}
-
-/// Adds one float.
-inline void record_number(DeviceRecord& record, const std::string& name, float value, const Closeness& closeness) {
-  record_values(record, name, &value, 1, 1, closeness);
-}
