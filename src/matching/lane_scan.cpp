@@ -92,8 +92,8 @@ __attribute__((always_inline)) inline auto take_best(LaneValue* best, Lane value
 }
 
 // Takes the correlations of a pair of turns, and of their half turns, into every step-th pixel of a strip of the maps.
-// Returns whether any turn ties with what was there. Half turns come in ascending order, and behind all turns that are
-// smaller, so that they lose where they tie; turns may come behind half turns that are larger.
+// Returns whether any turn ties with what was there. Half turns come in ascending order, and behind no turn that is
+// larger, so that they lose where they tie; turns may come behind half turns that are larger.
 template <bool HasHalfTurns>
 KERNEL_LOOP bool update_strip(const LaneValue* values, const LaneValue* half_turns, LaneValue* maps, size_t n,
                               size_t step, TurnPair turns) {

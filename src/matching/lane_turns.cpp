@@ -84,9 +84,10 @@ int pair_turns(const float* T, int T_nx, int T_ny, const float* psi, int n_angle
     if (half_turns[i]) done[half_turns[i]] = 1;
   }
   int n_pairs = 0;
-  for (int i = 0; i < n_angles; i++)
-    if (!done[i])
-      n_pairs = append_turn({psi[i], half_turns[i] ? psi[half_turns[i]] : 0}, half_turns[i] > 0, pairs, n_pairs);
+  for (const bool with_half_turns : {true, false})
+    for (int i = 0; i < n_angles; i++)
+      if (!done[i] && (half_turns[i] > 0) == with_half_turns)
+        n_pairs = append_turn({psi[i], half_turns[i] ? psi[half_turns[i]] : 0}, with_half_turns, pairs, n_pairs);
   free(half_turns);
   free(done);
   return n_pairs;

@@ -14,8 +14,9 @@ struct TurnPair {
 };
 
 /// Groups n_angles ascending angles psi of the template T (T_nx*T_ny floats) into pairs, at most n_angles of them, each
-/// angle once, the turns in ascending order. Half turns are used only where the template turned by both angles has the same pixels up to rounding,
-/// which rounding at the box's edge can prevent. Returns the number of pairs.
+/// angle once: first those with half turns, in ascending order, then those without. Half turns are used only where the
+/// template turned by both angles has the same pixels up to rounding, which rounding at the box's edge can prevent.
+/// Returns the number of pairs.
 int pair_turns(const float* T, int T_nx, int T_ny, const float* psi, int n_angles, TurnPair* pairs);
 
 /// Row y of the template turned by psi degrees: T_nx floats.
