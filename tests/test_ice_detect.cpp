@@ -1,8 +1,6 @@
 #include <climits>
-#include <cstdlib>
 
 #include "conditioning.h"
-#include "mrcfile.h"
 #include "test_numeric.h"
 #include "test_support.h"
 
@@ -144,13 +142,7 @@ TEST_F(IceDetection, MarksTheContaminatedCellsAndWritesListsAndMaps) {
   ice_workspace_free(&ws);
   mirror_pad_free(&pad);
 
-  const auto map = [&](const char* suffix) {
-    float* pixels = get_mrcf_data_all(path(std::string("m") + suffix).c_str());
-    std::vector<float> copy(pixels, pixels + image.size());
-    free(pixels);
-    return copy;
-  };
-  const std::vector<float> lave = map("_bg.mrc"), lsigma = map("_lsigma.mrc");
+  const std::vector<float> lave = read_image(path("m_bg.mrc")).data, lsigma = read_image(path("m_lsigma.mrc")).data;
   const Cells want = searched(lave, lsigma, N, N, box, {-1, 1, 1.3f});
   EXPECT_EQ(want.grid, to_host(d_grid, 25));
   // The patch is 6 deep: float transforms are off by some 1e-6 in the means, 1e-5 in those of squares.
