@@ -112,13 +112,4 @@ TEST(LaneFft, OfLengthsWithLargePrimesAgreesWithTheDefinition) {
   }
 }
 
-TEST(LaneFft, TransposesEightByEightValues) {
-  Lane from[2 * kLanes], to[3 * kLanes];
-  for (int j = 0; j < kLanes; j++)
-    for (int i = 0; i < kLanes; i++) from[2 * j][i] = static_cast<float>(10 * j + i);
-  lane_transpose(from, 2, to, 3);
-  for (int j = 0; j < kLanes; j++)
-    for (int i = 0; i < kLanes; i++) EXPECT_EQ(static_cast<float>(10 * i + j), to[3 * j][i]);
-}
-
 #endif
