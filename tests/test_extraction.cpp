@@ -2,7 +2,6 @@
 #include <cstring>
 #include <vector>
 
-#include "mrcfile.h"
 #include "process2d_mrc.h"
 #include "test_support.h"
 
@@ -31,15 +30,9 @@ class Extraction : public FolderTest {
   std::vector<float> extract(const std::string& movie, const std::string& boxes, int size, int invert) {
     write_file(path("m_quorlin.box"), boxes);
     mrcf_x2d_extract_ptcls_from_micrograph(path(movie).c_str(), path("m_quorlin.box").c_str(), size, invert);
-    const std::string stack = path("m_particles.mrcs");
-    MRC_HEAD* read = get_mrcf_head(stack.c_str());
-    head = *read;
-    free(read);
-    if (head.nz == 0) return {};
-    float* data = get_mrcf_data_all(stack.c_str());
-    std::vector<float> samples(data, data + static_cast<size_t>(head.nx) * head.ny * head.nz);
-    free(data);
-    return samples;
+    const Image stack = read_image(path("m_particles.mrcs"));
+    head = stack.head;
+    return stack.data;
   }
 
   MRC_HEAD head{};  // of the last stack

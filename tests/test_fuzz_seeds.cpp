@@ -32,8 +32,6 @@ class FuzzSeeds : public FolderTest {
   }
 
  private:
-  static bool holds(const std::string& text, const char* words) { return text.find(words) != std::string::npos; }
-
   static bool ends_cleanly(const ChildResult& result) {
     if (result.status == 1) return holds(result.out, "! Exit now!\n");
     if (result.status == 0) return holds(result.out, "Failed to recognize option");
@@ -44,9 +42,6 @@ class FuzzSeeds : public FolderTest {
 }  // namespace
 
 TEST_F(FuzzSeeds, OfMrcFilesAreReadOrRefused) { replay("mrc"); }
-
 TEST_F(FuzzSeeds, OfBoxFilesAreReadOrRefused) { replay("box"); }
-
 TEST_F(FuzzSeeds, OfStarFilesAreReadOrRefused) { replay("star"); }
-
 TEST_F(FuzzSeeds, OfCommandLinesAreTakenOrRefused) { replay("command_line"); }

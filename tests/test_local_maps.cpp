@@ -35,8 +35,8 @@ INSTANTIATE_TEST_SUITE_P(Ways, LocalMaps, testing::ValuesIn(kPadWays), pad_way_n
 
 TEST_P(LocalMaps, AgreeWithDirectWindowedMeansOfTheMirroredImage) {
   for (const Size size : {Size{22, 22}, Size{15, 15}, Size{26, 14}, Size{9, 20}, Size{24, 40}, Size{20, 12}}) {
-    const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 1, -2, 2);
-    for (const float R : {2.3f, 6.1f}) {
+    const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 1, -2, 3);
+    for (const float R : {2.3f, 6.1f, 14.2f}) {  // the last one larger than some images
       SCOPED_TRACE(testing::Message() << size.nx << " x " << size.ny << ", radius " << R);
       const Maps got = maps_of(GetParam(), image, size, R, R + 1, 4.0f);
       const double radius = static_cast<double>(R);
@@ -45,43 +45,6 @@ TEST_P(LocalMaps, AgreeWithDirectWindowedMeansOfTheMirroredImage) {
       EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(R + 1), 4), 1e-5));
     }
   }
-}
-
-TEST_P(LocalMaps, OfAWindowLargerThanThePaddedImageAreStillMeans) {
-  for (const Size size : {Size{12, 9}, Size{16, 8}}) {
-    const std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 2, 0, 3);
-    const Maps got = maps_of(GetParam(), image, size, 14.2f, 7.3f, 8.0f);
-    EXPECT_TRUE(
-        all_near(got.average, windowed_mean(widened(image), size.nx, size.ny, static_cast<double>(14.2f), 8), 5e-6));
-    EXPECT_TRUE(all_near(got.sigma, windowed_sigma(image, size.nx, size.ny, static_cast<double>(7.3f), 8), 2e-5));
-  }
-}
-
-TEST_P(LocalMaps, ShowAnImpulseHalfAPixelPastItsPlace) {
-  const Size size{30, 24};
-  std::vector<float> image(static_cast<size_t>(size.nx) * size.ny, 0.0f);
-  const int x = 13, y = 10;
-  image[static_cast<size_t>(y) * size.nx + x] = 1;
-  const std::vector<float> map = maps_of(GetParam(), image, size, 3.2f, 3.2f, 2.0f).average;
-  const auto at = [&](int px, int py) { return map[static_cast<size_t>(py) * size.nx + px]; };
-  for (int j = 0; j < 8; j++) {
-    for (int i = 0; i < 8; i++) {
-      const float corner = at(x + 1 + i, y + 1 + j);
-      EXPECT_NEAR(corner, at(x - i, y + 1 + j), 1e-7);
-      EXPECT_NEAR(corner, at(x + 1 + i, y - j), 1e-7);
-    }
-  }
-  EXPECT_GT(at(x + 3, y + 1), 0.01f);
-  EXPECT_NEAR(0, at(x + 6, y + 1), 1e-7);
-}
-
-TEST_P(LocalMaps, OfAConstantAreTheConstantAndNoSigma) {
-  const Size size{21, 18};
-  const std::vector<float> image(static_cast<size_t>(size.nx) * size.ny, 1.7f);
-  const Maps got = maps_of(GetParam(), image, size, 4.4f, 4.4f, 8.0f);
-  EXPECT_TRUE(all_near(got.average, image, 3e-6));
-  // The root of a rounding of 1e-6; NaN where the rounding is negative.
-  for (const float s : got.sigma) EXPECT_TRUE(std::isnan(s) || s < 3e-3f) << s;
 }
 
 TEST_P(LocalMaps, LeaveTheTransformForTheNextWindow) {

@@ -25,10 +25,6 @@ struct Search {
   unsigned point(int x, int y) const { return static_cast<unsigned>(y * nx + x); }
 };
 
-Search flat_search(int nx, int ny, int cell) {
-  return {nx, ny, cell, std::vector<float>(static_cast<size_t>(nx) * ny, 0.0f), 0, {}};
-}
-
 /// An angle for each pixel, to tell whence a cell's angle comes.
 float angle_of(size_t pixel) { return static_cast<float>(pixel) * 0.25f; }
 
@@ -111,8 +107,8 @@ TEST_F(Peak, SearchEqualsAPlainOneOnMapsWithTiesNaNAndInfinities) {
   size_t left = 0, removed = 0;
   for (const auto& size : sizes) {
     for (int kind = 0; kind < 8; kind++) {
-      Search s = flat_search(size[0], size[1], size[2]);
-      s.ccmax = random_values(s.ccmax.size(), seed++, -1, 1);
+      const size_t pixels = static_cast<size_t>(size[0]) * size[1];
+      Search s{size[0], size[1], size[2], random_values(pixels, seed++, -1, 1), 0, {}};
       const std::vector<float> choice = random_values(s.ccmax.size(), seed++, 0, 1);
       for (size_t i = 0; i < s.ccmax.size(); i++) {
         if (kind % 2) s.ccmax[i] = std::round(s.ccmax[i] * 8) / 8;  // ties

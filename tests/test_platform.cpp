@@ -19,6 +19,7 @@ TEST(FftResults, HaveTheCheckedTexts) {
   for (int code = 0; code < 16; code++)
     texts += cuFFT_GetErrorString(static_cast<cufftResult_t>(code)) + std::string("\n");
   EXPECT_EQ(read_file(KESTRIX_SOURCE_DIR "/tests/golden/fft_results.txt"), texts);
+  EXPECT_STREQ("Unkown error", cuFFT_GetErrorString(static_cast<cufftResult_t>(-1)));
 }
 
 #ifndef KESTRIX_CUDA

@@ -41,7 +41,7 @@ TEST_F(Resampling, TurnsFromXTowardsYByAnyAngleAndIsZeroOutsideWhateverTheImageH
       const std::vector<float> got = turned(image, size, angle);
       for (int y = 0; y < size.ny; y++)
         for (int x = 0; x < size.nx; x++) {
-          // Float positions are off by some 1e-5 of a pixel, a source as near as that to the rim may fall on either side.
+          // Float positions are off by some 1e-5 of a pixel; a source that near to the rim may fall on either side.
           const Place at = source_of_turn(x, y, size.nx, size.ny, static_cast<double>(angle));
           const double want = bilinear(image, size.nx, size.ny, at.x, at.y);
           const double inside = std::min({at.x, size.nx - 1 - at.x, at.y, size.ny - 1 - at.y});

@@ -69,6 +69,10 @@ TEST_F(RunOnBad, FilesThatAreNoMicrographsAreRefusedWithTheirSizes) {
                                 std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
   }
   EXPECT_FALSE(exists("bad_nonunique.box"));
+  simulate_small();
+  for (const std::string behind : {"bad.mrc", "empty.mrc"})
+    EXPECT_TRUE(holds(run("sim_001.mrc " + behind).output, "has a different size or format from")) << behind;
+  EXPECT_FALSE(content("sim_001_quorlin.star").empty()) << "of the good one before";
 }
 
 TEST_F(RunOnBad, WhatIsNoRegularFileIsUnreadable) {

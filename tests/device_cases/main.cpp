@@ -1,5 +1,5 @@
-// kestrix_device_record FILE: runs every device operation on fixed inputs and writes the results to FILE, for comparison
-// with those of another device (test_device_record.cpp).
+// kestrix_device_record FILE: runs every device operation on fixed inputs and writes the results to FILE, for
+// comparison with those of another device (test_device_record.cpp).
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
