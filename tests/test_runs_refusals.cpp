@@ -89,8 +89,8 @@ TEST_F(RunRefuses, NothingWithoutSayingWhyWhateverTheValue) {
   for (const auto& group : options)
     for (const std::string& option : group.second)
       for (const std::string value : {"''", "0", "-1", "1e30", "nan", "inf", "1e-30"}) {
-        const ProgramRun result =
-            run(group.first + "--do_pre_filter 1 --exclusive_picking 1 --extract_raw --" + option + " " + value);
+        const std::string line = std::string("--do_pre_filter 1 --exclusive_picking 1 --extract_raw --").append(option);
+        const ProgramRun result = run(std::string(group.first).append(line).append(" ").append(value));
         const bool complete = holds(result.output, "All 1 files finished successfully:");
         EXPECT_EQ(complete ? 0 : 1, result.status) << option << " " << value << result.output << result.errors;
         EXPECT_NE(complete, holds(result.output, "! Exit now!\n")) << option << " " << value;

@@ -305,7 +305,7 @@ TEST(DividedScan, DoesNotDependOnTheNumberOfCores) {
 
 TEST(HalfTurns, AreTakenWhereThePixelsShowThemAndEveryAngleIsTakenOnce) {
   std::vector<float> angles;
-  for (float a = 0; a < 359; a += 15) angles.push_back(a);
+  for (int a = 0; a < 359; a += 15) angles.push_back(static_cast<float>(a));
   for (const bool zero_rim : {true, false}) {
     const Scene scene = random_scene(20, 20, 8, 8, zero_rim);
     TurnPair pairs[24];
