@@ -9,6 +9,7 @@
 
 #include "host_memory.h"
 #include "platform/lane_cosine_1d.h"
+#include "platform/lane_transpose.h"
 #include "platform/launch.h"
 
 // Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
@@ -37,30 +38,6 @@ CosineScratch scratch_of_thread(const CosinePlans* plans) {
 }
 
 // --- Between rows and lanes, eight by eight values at a time ---
-
-// Row i of eight becomes column i.
-INTO_LOOP void transpose(Lane* rows) {
-  Lane pairs[8];
-  Lane quads[8];
-#pragma GCC unroll 4
-  for (int i = 0; i < 4; i++) {
-    pairs[2 * i] = __builtin_shufflevector(rows[2 * i], rows[2 * i + 1], 0, 8, 1, 9, 4, 12, 5, 13);
-    pairs[2 * i + 1] = __builtin_shufflevector(rows[2 * i], rows[2 * i + 1], 2, 10, 3, 11, 6, 14, 7, 15);
-  }
-#pragma GCC unroll 2
-  for (int i = 0; i < 8; i += 4) {
-#pragma GCC unroll 2
-    for (int k = 0; k < 2; k++) {
-      quads[i + 2 * k] = __builtin_shufflevector(pairs[i + k], pairs[i + 2 + k], 0, 1, 8, 9, 4, 5, 12, 13);
-      quads[i + 2 * k + 1] = __builtin_shufflevector(pairs[i + k], pairs[i + 2 + k], 2, 3, 10, 11, 6, 7, 14, 15);
-    }
-  }
-#pragma GCC unroll 4
-  for (int k = 0; k < 4; k++) {
-    rows[k] = __builtin_shufflevector(quads[k], quads[4 + k], 0, 1, 2, 3, 8, 9, 10, 11);
-    rows[4 + k] = __builtin_shufflevector(quads[k], quads[4 + k], 4, 5, 6, 7, 12, 13, 14, 15);
-  }
-}
 
 // A block of at most eight by eight pixels of an image whose rows are nx pixels apart; what it lacks of eight is 0.
 INTO_LOOP void load_block(const float* pixels, size_t nx, size_t rows, size_t columns, Lane* block) {
@@ -128,8 +105,8 @@ KERNEL_LOOP void load_rows(const float* image, size_t nx, Halves rows, bool squa
     Lane lower[8];
     load_block(image + x, nx, rows.upper, columns, upper);
     load_block(image + kLanes * nx + x, nx, rows.lower, columns, lower);
-    transpose(upper);
-    transpose(lower);
+    lane_transpose_block(upper);
+    lane_transpose_block(lower);
     if (squared) {
       square(upper);
       square(lower);
@@ -146,7 +123,7 @@ KERNEL_LOOP void store_rows(const LaneValue* lanes, size_t nx, Halves rows, floa
         const size_t columns = std::min<size_t>(kLanes, nx - x);
         Lane block[8];
         take_parts(lanes + x, imaginary, columns, block);
-        transpose(block);
+        lane_transpose_block(block);
         if (imaginary) {
           store_block(block, rows.lower, columns, image + kLanes * nx + x, nx);
         } else {
@@ -169,8 +146,8 @@ KERNEL_LOOP void cross_stripes(const LaneValue* stripes, size_t length, size_t f
     Lane im[8];
     take_parts(from, imaginary, there, re);
     take_parts(from + kLanes, imaginary, there > kLanes ? there - kLanes : 0, im);
-    transpose(re);
-    transpose(im);
+    lane_transpose_block(re);
+    lane_transpose_block(im);
     place_parts(re, im, place + i, count - i, lanes);
   }
 }

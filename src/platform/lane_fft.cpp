@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host_memory.h"
+#include "platform/lane_transpose.h"
 #include "platform/launch.h"
 
 // Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
@@ -417,24 +418,10 @@ void lane_fft_of_outer(const LanePlan* plan, LaneValue* in, size_t low, size_t h
 }
 
 KERNEL_LOOP void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride) {
-  Lane pairs[8];
-  Lane quads[8];
-  for (size_t i = 0; i < 4; i++) {
-    const Lane a = from[2 * i * from_stride];
-    const Lane b = from[(2 * i + 1) * from_stride];
-    pairs[2 * i] = __builtin_shufflevector(a, b, 0, 8, 1, 9, 4, 12, 5, 13);
-    pairs[2 * i + 1] = __builtin_shufflevector(a, b, 2, 10, 3, 11, 6, 14, 7, 15);
-  }
-  for (size_t i = 0; i < 8; i += 4) {
-    for (size_t k = 0; k < 2; k++) {
-      const Lane a = pairs[i + k];
-      const Lane b = pairs[i + 2 + k];
-      quads[i + 2 * k] = __builtin_shufflevector(a, b, 0, 1, 8, 9, 4, 5, 12, 13);
-      quads[i + 2 * k + 1] = __builtin_shufflevector(a, b, 2, 3, 10, 11, 6, 7, 14, 15);
-    }
-  }
-  for (size_t k = 0; k < 4; k++) {
-    to[k * to_stride] = __builtin_shufflevector(quads[k], quads[4 + k], 0, 1, 2, 3, 8, 9, 10, 11);
-    to[(4 + k) * to_stride] = __builtin_shufflevector(quads[k], quads[4 + k], 4, 5, 6, 7, 12, 13, 14, 15);
-  }
+  Lane block[kLanes];
+#pragma GCC unroll 8
+  for (size_t i = 0; i < kLanes; i++) block[i] = from[i * from_stride];
+  lane_transpose_block(block);
+#pragma GCC unroll 8
+  for (size_t i = 0; i < kLanes; i++) to[i * to_stride] = block[i];
 }
