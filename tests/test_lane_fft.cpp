@@ -78,12 +78,21 @@ TEST(LaneFft, AgreesWithTheDefinition) {
   for (const int n : lengths) check_transform(n, n, 0, lane_fft);
 }
 
-TEST(LaneFft, OfFewValuesIsThatOfAnArrayFilledUpWithZeros) {
-  for (const int n : {8, 15, 64, 90, 100, 240})
-    for (const int few : {1, 2, n / 8, n / 5, n / 3 + 1, n / 2, n / 2 + 1, n - 1})
-      check_transform(n, few, 0, [few](const LanePlan* plan, LaneValue* in, LaneValue* out, LaneValue* scratch) {
-        lane_fft_of_few(plan, in, static_cast<size_t>(few), out, scratch);
-      });
+TEST(LaneFft, OfFewValuesIsThatOfAnArrayFilledUpWithZerosInTheValuesThatAreWanted) {
+  for (const int n : {8, 15, 64, 90, 100, 240, 288}) {
+    for (const int few : {1, 2, n / 8, n / 5, n / 3 + 1, n / 2, n / 2 + 1, n - 1}) {
+      for (const auto& [low, high] : {std::pair{n, 0}, {1, 0}, {n / 6, n / 6 - 1}, {n / 7, n / 4}}) {
+        const auto first = static_cast<size_t>(low), last = static_cast<size_t>(high);
+        check_transform(n, few, 0, [&](const LanePlan* plan, LaneValue* in, LaneValue* out, LaneValue* scratch) {
+          lane_fft_of_few(plan, in, static_cast<size_t>(few), static_cast<size_t>(n), 0, out, scratch);
+          const std::vector<LaneValue> all(out, out + n);
+          std::fill_n(out, n, LaneValue{Lane{} + 9, Lane{} + 9});
+          lane_fft_of_few(plan, in, static_cast<size_t>(few), first, last, out, scratch);
+          std::copy(all.begin() + low, all.end() - high, out + low);  // what isn't wanted
+        });
+      }
+    }
+  }
 }
 
 TEST(LaneFft, OfOuterValuesIsThatOfAnArrayWithZerosBetween) {

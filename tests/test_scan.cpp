@@ -1,8 +1,5 @@
 #include <algorithm>
-#include <array>
 
-#include "matching/lane_axis.h"
-#include "matching/lane_turns.h"
 #include "quorlin56.h"
 #include "test_numeric.h"
 #include "test_support.h"
@@ -74,13 +71,13 @@ void scan_with(ScanWorkspace* ws, const Scene& scene, const Angles& angles, int 
   *maps = {to_host(ccmax, scene.pixels()), to_host(psi, scene.pixels())};
 }
 
-ScanWorkspace workspace_for(const Scene& scene, const Angles& angles, float band = kFullBand) {
+ScanWorkspace workspace_for(const Scene& scene, const Angles& angles) {
   return scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny,
-                            count_scan_angles(angles.start, angles.stop, angles.step), band, way_under_test);
+                            count_scan_angles(angles.start, angles.stop, angles.step), kFullBand, 0, way_under_test);
 }
 
-Maps scanned(const Scene& scene, const Angles& angles, int keep_psi = 1, float band = kFullBand) {
-  ScanWorkspace ws = workspace_for(scene, angles, band);
+Maps scanned(const Scene& scene, const Angles& angles, int keep_psi = 1) {
+  ScanWorkspace ws = workspace_for(scene, angles);
   Maps maps;
   scan_with(&ws, scene, angles, keep_psi, &maps);
   scan_workspace_free(&ws);
@@ -135,18 +132,6 @@ void expect_best_of(const Maps& maps, const std::vector<float>& angles,
     at_psi.push_back(found == angles.end() ? -1e30 : scores[static_cast<size_t>(found - angles.begin())][i]);
   }
   EXPECT_TRUE(all_near(at_psi, best, 2 * kScoreRounding)) << "the angle is not that of the largest score";
-}
-
-/// Whether the maps are the same on every number of cores.
-void expect_the_same_on_any_cores(const Scene& scene, const Angles& angles, float band) {
-  const Cores one(1);
-  const Maps want = scanned(scene, angles, 1, band);
-  for (const int cores : {2, 3, 4}) {
-    const Cores limit(cores);
-    const Maps got = scanned(scene, angles, 1, band);
-    EXPECT_TRUE(same_bits(got.ccmax, want.ccmax)) << cores;
-    EXPECT_TRUE(same_bits(got.psi, want.psi)) << cores;
-  }
 }
 
 }  // namespace
@@ -228,107 +213,17 @@ TEST_P(Scan, LeavesNothingBehindForTheNextTemplateOrMicrograph) {
 }
 
 TEST_P(Scan, DoesNotDependOnTheNumberOfCores) {
-  expect_the_same_on_any_cores(random_scene(60, 50, 16, 16, false), {0, 359, 15}, kFullBand);
-}
-
-#ifndef KESTRIX_CUDA
-
-// A sum of random waves up to a frequency of `band` that are even about the image's edges, as those of a band-passed
-// image are. The image so jumps from each edge to the opposite one.
-std::vector<float> band_passed_image(int nx, int ny, double band) {
-  const double pi = std::acos(-1.0);
-  std::vector<double> image(static_cast<size_t>(nx) * ny, 0.0);
-  const int most_x = static_cast<int>(2 * band * nx), most_y = static_cast<int>(2 * band * ny);
-  const std::vector<float> heights = random_values(static_cast<size_t>(most_x + 1) * (most_y + 1), 5, -1, 1);
-  for (int v = 0; v <= most_y; v++) {
-    std::vector<double> row(static_cast<size_t>(nx), 0.0);
-    for (int u = 0; u <= most_x; u++) {
-      if (std::hypot(u / (2.0 * nx), v / (2.0 * ny)) > band) continue;
-      const double height = static_cast<double>(heights[static_cast<size_t>(v) * (most_x + 1) + u]);
-      for (int x = 0; x < nx; x++) row[static_cast<size_t>(x)] += height * std::cos(pi * u * (x + 0.5) / nx);
-    }
-    for (int y = 0; y < ny; y++)
-      for (int x = 0; x < nx; x++)
-        image[static_cast<size_t>(y) * nx + x] += row[static_cast<size_t>(x)] * std::cos(pi * v * (y + 0.5) / ny);
-  }
-  return std::vector<float>(image.begin(), image.end());
-}
-
-bool divided_axes_are_cheaper(const Scene& scene, float band) {
-  LaneAxis axes[] = {lane_axis_split(scene.nx, scene.T_nx, band), lane_axis_split(scene.ny, scene.T_ny, band),
-                     lane_axis_whole(scene.nx, scene.T_nx), lane_axis_whole(scene.ny, scene.T_ny)};
-  const bool cheaper = lane_axes_cost(axes[0], axes[1]) < lane_axes_cost(axes[2], axes[3]);
-  for (LaneAxis& axis : axes) lane_axis_free(&axis);
-  return cheaper;
-}
-
-/// The maps of the plain way are the measure; scores are of the order of 1. ties: pixels whose angles tie but for
-/// rounding, beside those where they do by chance.
-void expect_maps_of_the_plain_way(const Scene& scene, const Angles& angles, float band, size_t ties = 0) {
-  const Maps got = scanned(scene, angles, 1, band);
-  way_under_test = kDeviceTransforms;
+  const Scene scene = random_scene(60, 50, 16, 16, false);
+  const Angles angles{0, 359, 15};
+  const Cores one(1);
   const Maps want = scanned(scene, angles);
-  way_under_test = kHostLanes;
-  EXPECT_TRUE(all_near(got.ccmax, want.ccmax, 2e-6));
-  size_t other_angles = 0;
-  for (size_t i = 0; i < want.psi.size(); i++) other_angles += want.psi[i] != got.psi[i];
-  EXPECT_LE(other_angles, want.psi.size() / 1000 + ties);
-}
-
-TEST(DividedScan, GivesTheMapsOfTheWholeOneToTheEdges) {
-  way_under_test = kHostLanes;
-  const float band = 0.1f;
-  for (const auto& [nx, ny, T_nx, T_ny] : {std::array{200, 180, 16, 13}, {190, 204, 21, 24}, {240, 240, 2, 9}}) {
-    Scene scene = random_scene(nx, ny, T_nx, T_ny, true);
-    scene.mic = band_passed_image(nx, ny, static_cast<double>(band));
-    SCOPED_TRACE(testing::Message() << nx << " x " << ny << ", template " << T_nx << " x " << T_ny);
-    ASSERT_TRUE(divided_axes_are_cheaper(scene, band));
-    for (const Angles& angles : {Angles{0, 359, 15}, Angles{0, 359, 7}, Angles{3, 300, 10}})
-      expect_maps_of_the_plain_way(scene, angles, band);
+  for (const int cores : {2, 3, 4}) {
+    const Cores limit(cores);
+    const Maps got = scanned(scene, angles);
+    EXPECT_TRUE(same_bits(got.ccmax, want.ccmax)) << cores;
+    EXPECT_TRUE(same_bits(got.psi, want.psi)) << cores;
   }
 }
-
-TEST(DividedScan, KeepsEveryFrequencyOfAnImageThatIsNotBandPassed) {
-  way_under_test = kHostLanes;
-  Scene scene = random_scene(200, 180, 16, 13, true);
-  expect_maps_of_the_plain_way(scene, {0, 359, 15}, 0.1f);
-  std::fill(scene.mic.begin(), scene.mic.end(), 0.5f);  // nothing but the frequency 0
-  expect_maps_of_the_plain_way(scene, {0, 359, 45}, 0.1f, scene.pixels());
-}
-
-TEST(DividedScan, DoesNotDependOnTheNumberOfCores) {
-  way_under_test = kHostLanes;
-  Scene scene = random_scene(200, 180, 16, 13, false);
-  scene.mic = band_passed_image(200, 180, 0.1);
-  expect_the_same_on_any_cores(scene, {0, 359, 15}, 0.1f);
-}
-
-TEST(HalfTurns, AreTakenWhereThePixelsShowThemAndEveryAngleIsTakenOnce) {
-  std::vector<float> angles;
-  for (int a = 0; a < 359; a += 15) angles.push_back(static_cast<float>(a));
-  for (const bool zero_rim : {true, false}) {
-    const Scene scene = random_scene(20, 20, 8, 8, zero_rim);
-    TurnPair pairs[24];
-    const int n = pair_turns(scene.T.data(), 8, 8, angles.data(), 24, pairs);
-    std::vector<float> taken;
-    int half_turns = 0;
-    for (const TurnPair* pair = pairs; pair < pairs + n; pair++) {
-      taken.push_back(pair->first.psi);
-      if (pair->has_second) taken.push_back(pair->second.psi);
-      if (!pair->has_half_turns) continue;
-      half_turns++;
-      taken.push_back(pair->first.half_turn_psi);
-      EXPECT_EQ(pair->first.psi + 180, pair->first.half_turn_psi);
-      if (pair->has_second) taken.push_back(pair->second.half_turn_psi);
-    }
-    std::sort(taken.begin(), taken.end());
-    EXPECT_EQ(angles, taken);
-    // Without a rim of zeros rounding decides which pixels of the box's edge stay at 0, 90, 180 and 270 degrees.
-    EXPECT_EQ(zero_rim, n == 6 && half_turns == 6) << n << " pairs, " << half_turns << " with half turns";
-  }
-}
-
-#endif
 
 TEST_P(Scan, StaysAtTheFirstAngleWhereAllTieAndGivesNoScoresWithNaN) {
   Scene scene = random_scene(24, 20, 7, 8, false);

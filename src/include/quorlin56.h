@@ -42,10 +42,15 @@ constexpr float kFullBand = 0.5f;
 
 /// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. band: the highest
 /// frequency of the micrographs to come, in cycles per pixel, as far as it is known; it decides on the fastest way, not
-/// on the result. The caller releases them with scan_workspace_free. Ends the run on a device error.
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band = kFullBand,
+/// on the result. cell: side of the grid's cells where their peaks are all that is wanted, 0 where maps are. The caller
+/// releases them with scan_workspace_free. Ends the run on a device error.
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band = kFullBand, int cell = 0,
                                  ScanWay way = kFastestScanWay);
 void scan_workspace_free(ScanWorkspace* ws);
+
+/// Whether the scan finds peaks without maps: then scan_search_by_one_template is to be called, else
+/// quorlin_ccmax_psi_by_one_template.
+bool scan_searches(const ScanWorkspace* ws);
 
 /// Number of angles of a scan: start, start + step, ... up to but not including stop, added in float.
 int count_scan_angles(float start, float stop, float step);
@@ -99,6 +104,18 @@ struct PeakWorkspace {
 /// Allocates for grid_nx by grid_ny cells and as many excluded points; released with peak_workspace_free.
 PeakWorkspace peak_workspace_new(int grid_nx, int grid_ny);
 void peak_workspace_free(PeakWorkspace* ws);
+
+/// Correlates one template with the micrograph of the last quorlin_transform_micrograph over all in-plane angles, as
+/// quorlin_ccmax_psi_by_one_template does, and leaves the peak of each cell in peaks->found, cc and psi: what the maps
+/// would have, up to rounding; cells without a score of at least cc_cutoff may have none. Prints the same. Returns 0.
+int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const float* mic, const float* mask,
+                                const float* T, float radius, float start, float stop, float step, float cc_cutoff);
+
+/// Removes of the peaks in ws->found, cc and psi what gpu_find_filter_ccmax_psi_grids_exclusive would, with the same
+/// arguments.
+void gpu_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi,
+                                          float cc_cutoff, int nx, int grid_size, const unsigned* excluded,
+                                          unsigned n_excluded);
 
 /// Finds each cell's peak and removes those below cc_cutoff, those near an excluded point and those near a better
 /// peak of a neighbouring cell; near is closer than the diagonal of a cell.

@@ -10,8 +10,8 @@
 namespace {
 
 // Of the Kaiser window whose integral blends the mirror images: what it adds to the band beyond its main lobe is some
-// 1e-6 of it (Kaiser and Schafer 1980, IEEE Trans. ASSP 28, 105).
-constexpr double kBlendShape = 13;
+// 1e-4 of it (Kaiser and Schafer 1980, IEEE Trans. ASSP 28, 105).
+constexpr double kBlendShape = 9;
 constexpr double kPi = 3.141592653589793;
 constexpr int kShortestBlend = 16;
 
@@ -30,39 +30,58 @@ int cheapest_side(int least, int most, Cost cost) {
   return best;
 }
 
+// Looking through the samples, in passes of a transform.
+constexpr double kExamineCost = 4;
+
 // Part of a spectrum of `side` values that a band takes up, widened by a blend over `length` pixels: the main lobe of a
 // Kaiser window.
 double blended_width(double band, int length) {
   return std::min(1.0, 2 * (band + std::sqrt(kBlendShape * kBlendShape + kPi * kPi) / (2 * kPi * length)));
 }
 
-LanePart part_new(int first, int count, int side) {
+// The largest step from which the samples of a side still hold a spectrum of this width.
+int step_of_side(int side, double width) {
+  for (int step = kMostStep; step > 1; step--)
+    if (side % step == 0 && lane_plan_handles(side / step) && width * step <= 1) return step;
+  return 1;
+}
+
+LanePart part_new(int first, int count, int before, int side) {
   LanePart part{};
   part.first = first;
   part.count = count;
+  part.before = before;
   part.plan = lane_plan_new(side);
+  part.step = 1;
+  part.samples = lane_plan_new(side);
   part.taps = host_new<LaneTap>(static_cast<size_t>(side));
   part.width = 1;
   return part;
 }
 
+// The i-th pixel behind that which the first correlation begins at.
+LaneTap* tap_at(const LanePart& part, int i) { return part.taps + (part.before + i) % part.plan.n; }
+
 // Correlations first to first + count - 1 by the pixels that they need, wrapped around, and zeros.
-LanePart wrapped_part(int first, int count, int n, int t, int side) {
-  LanePart part = part_new(first, count, side);
+LanePart wrapped_part(int first, int count, int n, int t, int before, int side) {
+  LanePart part = part_new(first, count, before, side);
   const int needed = side == n ? n : count + t - 1;
   for (int i = 0; i < side; i++) {
     const int pixel = (first + i) % n;
-    part.taps[i] = {pixel, pixel, i < needed ? 1.0f : 0.0f, 0.0f};
+    *tap_at(part, i) = {pixel, pixel, i < needed ? 1.0f : 0.0f, 0.0f};
   }
   return part;
 }
 
 // Correlations that don't wrap: behind the image's last pixel follow its mirror images, from the last pixel backwards
 // blended into those that lead up to the first.
-LanePart blended_part(int n, int t, int side, double width) {
-  LanePart part = part_new(0, n - t + 1, side);
+LanePart blended_part(int n, int t, int side, int step, double width) {
+  LanePart part = part_new(0, n - t + 1, kReach * step, side);
   part.width = width;
-  for (int i = 0; i < n; i++) part.taps[i] = {i, i, 1.0f, 0.0f};
+  part.step = step;
+  lane_plan_free(&part.samples);
+  part.samples = lane_plan_new(side / step);
+  for (int i = 0; i < n; i++) *tap_at(part, i) = {i, i, 1.0f, 0.0f};
   const int length = side - n;
   double total = 0;
   const auto window = [&](int i) {
@@ -77,9 +96,9 @@ LanePart blended_part(int n, int t, int side, double width) {
     // A blend longer than the image goes on in the mirror image's own mirror image.
     const int from_last = i % (2 * n);
     const int from_first = (length - 1 - i) % (2 * n);
-    part.taps[n + i] = {from_last < n ? n - 1 - from_last : from_last - n,
-                        from_first < n ? from_first : 2 * n - 1 - from_first, static_cast<float>(1 - at_first),
-                        static_cast<float>(at_first)};
+    *tap_at(part, n + i) = {from_last < n ? n - 1 - from_last : from_last - n,
+                            from_first < n ? from_first : 2 * n - 1 - from_first, static_cast<float>(1 - at_first),
+                            static_cast<float>(at_first)};
   }
   return part;
 }
@@ -90,38 +109,52 @@ LaneAxis lane_axis_whole(int n, int t) {
   const int side = lane_plan_handles(n) ? n : cheapest_side(n + t - 1, 2 * (n + t), cost_of_side);
   LaneAxis axis{};
   axis.n_parts = 1;
-  axis.parts[0] = wrapped_part(0, n, n, t, side);
+  axis.parts[0] = wrapped_part(0, n, n, t, 0, side);
   return axis;
 }
 
 LaneAxis lane_axis_split(int n, int t, double band) {
-  // Of each angle's work the transforms along the rows go with the side, those along the columns also with the width.
-  const int side = cheapest_side(n + kShortestBlend, 2 * n, [&](int candidate) {
-    return cost_of_side(candidate) * (n + 1.5 * blended_width(band, candidate - n) * candidate);
+  const auto width = [&](int side) { return blended_width(band, side - n); };
+  const auto step = [&](int side) { return step_of_side(side, width(side)); };
+  // Of each angle's work the transforms along the rows go with the samples both ways, those along the columns with the
+  // width and the samples, and the templates' own with the width and the side.
+  // The samples before the first correlation and behind the last come from the blend, too.
+  const int least = n + std::max(kShortestBlend, (2 * kReach + 2) * kMostStep - t);
+  const int side = cheapest_side(least, 2 * n, [&](int candidate) {
+    const double samples = candidate / step(candidate);
+    return samples * samples * (lane_plan_cost(candidate / step(candidate)) * 2 + kExamineCost) +
+           0.5 * width(candidate) * candidate * cost_of_side(candidate);
   });
   LaneAxis axis{};
   axis.n_parts = 2;
-  axis.parts[0] = blended_part(n, t, side, blended_width(band, side - n));
-  axis.parts[1] = wrapped_part(n - t + 1, t - 1, n, t, cheapest_side(2 * t - 2, 4 * t, cost_of_side));
+  axis.parts[0] = blended_part(n, t, side, step(side), width(side));
+  axis.parts[1] =
+      wrapped_part(n - t + 1, t - 1, n, t, kReach, cheapest_side(2 * t - 2 + 2 * kReach, 4 * t, cost_of_side));
   return axis;
 }
 
 void lane_axis_free(LaneAxis* axis) {
   for (LanePart& part : axis->parts) {
     lane_plan_free(&part.plan);
+    lane_plan_free(&part.samples);
     free(part.taps);
   }
   *axis = LaneAxis{};
 }
 
-double lane_axes_cost(const LaneAxis& x, const LaneAxis& y) {
+double lane_maps_cost(const LaneAxis& x, const LaneAxis& y) {
+  // Rows once; columns once back and, shared by two turns, once forth.
+  return y.parts[0].count * cost_of_side(x.parts[0].plan.n) + 1.5 * x.parts[0].plan.n * cost_of_side(y.parts[0].plan.n);
+}
+
+double lane_search_cost(const LaneAxis& x, const LaneAxis& y) {
   double cost = 0;
-  for (int j = 0; j < y.n_parts; j++) {
-    for (int i = 0; i < x.n_parts; i++) {
-      const LanePart& across = x.parts[i];
-      const LanePart& down = y.parts[j];
-      // Rows once; columns once back and, shared by two turns, once forth.
-      cost += down.count * cost_of_side(across.plan.n) + 1.5 * across.width * across.plan.n * cost_of_side(down.plan.n);
+  for (const LanePart& down : y.parts) {
+    for (const LanePart& across : x.parts) {
+      const double rows = down.count / down.step;
+      const double columns = across.width * across.plan.n;
+      cost += rows * across.samples.n * (lane_plan_cost(across.samples.n) + kExamineCost) +
+              columns * (cost_of_side(down.samples.n) + 0.5 * cost_of_side(down.plan.n));
     }
   }
   return cost;

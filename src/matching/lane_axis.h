@@ -7,6 +7,7 @@
 // wrap, from the pixels on both sides of the edge.
 #pragma once
 
+#include "matching/lane_samples.h"
 #include "platform/lane_fft.h"
 
 /// A pixel to transform: at_a times pixel a plus at_b times pixel b of the image.
@@ -15,11 +16,15 @@ struct LaneTap {
   float at_a, at_b;
 };
 
-/// Correlations first to first + count - 1 of an axis, by transforms of plan.n values.
+/// Correlations first to first + count - 1 of an axis, by transforms of plan.n values; the first is value `before` of the
+/// result. A search (lane_search.h) takes only every step-th value back, by transforms of samples.n = plan.n / step values.
 struct LanePart {
   int first, count;
+  int before;
   LanePlan plan;
-  LaneTap* taps;  // plan.n
+  int step;
+  LanePlan samples;
+  LaneTap* taps;  // plan.n, the pixel that the first correlation begins at being value `before`
   double width;   // of the spectrum of a band-passed image, expected: part of plan.n
 };
 
@@ -34,10 +39,11 @@ struct LaneAxis {
 LaneAxis lane_axis_whole(int n, int t);
 
 /// The same split into the inner and the edge part; t above 1. band: the highest frequency of the image, in cycles per
-/// pixel.
+/// pixel; the step of the inner part is the largest that its samples allow.
 LaneAxis lane_axis_split(int n, int t, double band);
 
 void lane_axis_free(LaneAxis* axis);
 
-/// The work for each angle of a scan with these axes, for choosing between ways to divide them.
-double lane_axes_cost(const LaneAxis& x, const LaneAxis& y);
+/// The work for each angle of maps over these axes in one part each, and of a search over these, for choosing.
+double lane_maps_cost(const LaneAxis& x, const LaneAxis& y);
+double lane_search_cost(const LaneAxis& x, const LaneAxis& y);

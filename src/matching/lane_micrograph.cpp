@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 #include "compute/process2d_raw_kernels.h"
 #include "host_memory.h"
@@ -13,9 +14,11 @@
 
 namespace {
 
-// Part of a micrograph's energy that the frequencies left out may hold. The scores that they would add are below the
-// rounding of single precision transforms.
-constexpr double kNegligibleEnergy = 1e-12;
+// Part of a micrograph's energy that the frequencies left out may hold. A search allows for what they would add.
+constexpr double kNegligibleEnergy = 1e-10;
+
+// Part of its energy that the rounding of single precision transforms is taken to change, with a wide margin.
+constexpr double kRoundingEnergy = 1e-12;
 
 // Eight rows of a region's pixels.
 void load_micrograph_rows(const LaneScan* scan, const Region& region, const float* mic, size_t y0, LaneValue* row) {
@@ -138,23 +141,47 @@ KeptFrequencies kept_up_to(size_t highest, size_t n, size_t unit) {
   return kept_count(kept) < units ? kept : KeptFrequencies{units, 0};
 }
 
+// Those up to the highest that the samples of a part can hold, at most to `highest`.
+KeptFrequencies kept_of_part(const LanePart& part, size_t highest, size_t unit) {
+  const auto n = static_cast<size_t>(part.plan.n);
+  const auto fitting = static_cast<size_t>(part.samples.n);
+  KeptFrequencies kept = kept_up_to(highest, n, unit);
+  while (low_values(kept, n, unit) + high_values(kept, n, unit) > fitting) kept = kept_up_to(--highest, n, unit);
+  return kept;
+}
+
+// Energy of the frequencies that aren't kept.
+double left_out(const double* energy, size_t n, const KeptFrequencies& kept, size_t unit) {
+  double sum = 0;
+  for (size_t k = low_values(kept, n, unit); k < n - high_values(kept, n, unit); k++) sum += energy[k];
+  return sum;
+}
+
+// The norm of what the region's pixels lose with the frequencies left out, and of what rounding may change.
+double lost_norm(const LaneScan* scan, const Region& region) {
+  const auto width = static_cast<size_t>(across(scan, region).plan.n);
+  const auto height = static_cast<size_t>(down(scan, region).plan.n);
+  const double total = std::accumulate(region.y_energy, region.y_energy + height, 0.0);
+  const double lost = left_out(region.x_energy, width, scan->kept_blocks[region.across], kLanes) +
+                      left_out(region.y_energy, height, scan->kept_rows[region.down], 1);
+  return std::sqrt((lost + kRoundingEnergy * total) * static_cast<double>(width * height));
+}
+
 void choose_kept_frequencies(LaneScan* scan) {
   size_t highest_x[2] = {}, highest_y[2] = {};
   for (int r = 0; r < scan->n_regions; r++) {
-    const Region& region = scan->regions[r];
+    Region& region = scan->regions[r];
     const auto width = static_cast<size_t>(across(scan, region).plan.n);
     const auto height = static_cast<size_t>(down(scan, region).plan.n);
-    const bool whole = scan->n_regions == 1;
-    if (!whole) measure_energies(scan, region);
+    measure_energies(scan, region);
     size_t& in_x = highest_x[region.across];
     size_t& in_y = highest_y[region.down];
-    in_x = std::max(in_x, whole ? width / 2 : highest_kept(region.x_energy, width));
-    in_y = std::max(in_y, whole ? height / 2 : highest_kept(region.y_energy, height));
+    in_x = std::max(in_x, highest_kept(region.x_energy, width));
+    in_y = std::max(in_y, highest_kept(region.y_energy, height));
   }
-  for (int i = 0; i < scan->x.n_parts; i++)
-    scan->kept_blocks[i] = kept_up_to(highest_x[i], static_cast<size_t>(scan->x.parts[i].plan.n), kLanes);
-  for (int j = 0; j < scan->y.n_parts; j++)
-    scan->kept_rows[j] = kept_up_to(highest_y[j], static_cast<size_t>(scan->y.parts[j].plan.n), 1);
+  for (int i = 0; i < scan->x.n_parts; i++) scan->kept_blocks[i] = kept_of_part(scan->x.parts[i], highest_x[i], kLanes);
+  for (int j = 0; j < scan->y.n_parts; j++) scan->kept_rows[j] = kept_of_part(scan->y.parts[j], highest_y[j], 1);
+  for (int r = 0; r < scan->n_regions; r++) scan->regions[r].lost = lost_norm(scan, scan->regions[r]);
 }
 
 }  // namespace
@@ -171,5 +198,5 @@ void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies
 
 void transform_regions(LaneScan* scan, const float* mic) {
   for (int r = 0; r < scan->n_regions; r++) transform_region(scan, scan->regions[r], mic);
-  choose_kept_frequencies(scan);
+  if (scan->n_regions > 1) choose_kept_frequencies(scan);
 }

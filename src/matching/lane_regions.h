@@ -23,6 +23,7 @@
 #include <cstddef>
 
 #include "matching/lane_axis.h"
+#include "matching/lane_turns.h"
 #include "platform/lane_fft.h"
 
 /// Frequencies at 0 and above, and below 0, which are the last ones of a spectrum: in values or blocks of values.
@@ -37,12 +38,13 @@ struct Region {
   size_t rows;               // of a block: the side in y, up to a multiple of eight
   LaneValue* mic;            // blocks * rows: the micrograph's spectrum over the number of its values
   LaneValue* mic_half_turn;  // the same for templates turned on by 180 degrees; null for scans of one angle
-  size_t product_rows;       // of a product's block: the correlations in y, up to a multiple of eight
-  LaneValue* products;       // for each pair of turns 2 * kept blocks * product_rows: columns done, re and im exchanged
-  LaneValue* maps;           // strips * count in x: as re the largest correlation so far, as im its angle
-  double* x_energy;          // blocks * kLanes: of each frequency of x
+  double* x_energy;          // blocks * kLanes: of each frequency of x, of a divided micrograph
   double* y_energy;          // rows
+  double lost;               // norm of what a divided micrograph's pixels lose with the frequencies left out
 };
+
+struct LaneMaps;
+struct LaneSearch;
 
 /// A run's scans; lane_scan.h is what the rest of the program sees of it.
 struct LaneScan {
@@ -53,10 +55,11 @@ struct LaneScan {
   KeptFrequencies kept_blocks[2];  // of each part of x, in blocks
   KeptFrequencies kept_rows[2];    // of each part of y
   size_t T_rows;                   // of a template's block: T_ny, up to a multiple of eight
-  LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
+  TurnedBoxes boxes;               // of the template at hand
   int pairs;                       // pairs of turns in a batch
-  LaneValue* spectra;              // turned and products lie in here
-  size_t spectra_values;
+  LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
+  LaneMaps* maps;                  // of a scan that makes maps
+  LaneSearch* search;              // of one that searches cells
   int threads;
   size_t scratch_values;  // of one thread's scratch
   LaneValue* scratch;     // threads * 6 * scratch_values
@@ -69,15 +72,24 @@ inline size_t up_to_lanes(size_t n) { return (n + kLanes - 1) / kLanes * kLanes;
 inline const LanePart& across(const LaneScan* scan, const Region& region) { return scan->x.parts[region.across]; }
 inline const LanePart& down(const LaneScan* scan, const Region& region) { return scan->y.parts[region.down]; }
 
-/// Strips of eight rows of a region's maps.
-inline size_t strips_of(const LaneScan* scan, const Region& region) {
-  return up_to_lanes(static_cast<size_t>(down(scan, region).count)) / kLanes;
-}
-
 /// Blocks of eight columns of a part's spectra.
 inline size_t width_in_blocks(const LanePart& part) { return up_to_lanes(static_cast<size_t>(part.plan.n)) / kLanes; }
 
+/// Most of them that a part can keep: as many as its samples hold.
+inline size_t most_kept_blocks(const LanePart& part) {
+  const size_t fitting = up_to_lanes(static_cast<size_t>(part.samples.n)) / kLanes + 2;
+  return fitting < width_in_blocks(part) ? fitting : width_in_blocks(part);
+}
+
 inline size_t kept_count(const KeptFrequencies& kept) { return kept.low + kept.high; }
+
+/// Of n values in units of `unit`, how many at the beginning and at the end are kept.
+inline size_t low_values(const KeptFrequencies& kept, size_t n, size_t unit) {
+  return kept.low * unit < n ? kept.low * unit : n;
+}
+inline size_t high_values(const KeptFrequencies& kept, size_t n, size_t unit) {
+  return kept.high == 0 ? 0 : n - ((n + unit - 1) / unit - kept.high) * unit;
+}
 
 /// Which of n is the i-th that is kept.
 inline size_t kept_place(const KeptFrequencies& kept, size_t i, size_t n) {
@@ -102,3 +114,19 @@ void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies
 
 /// Transforms the micrograph (nx*ny floats) into every region's spectra and chooses the frequencies to keep.
 void transform_regions(LaneScan* scan, const float* mic);
+
+// --- lane_products.cpp: the products of spectra, and their inverses along the columns ---
+
+/// Transforms eight rows of a pair's two boxes: rows y0 to y0 + 7 of the pair's `turned`.
+void transform_template_rows(const LaneScan* scan, const TurnPair& turns, size_t pair, size_t y0);
+
+/// Kept block i of a pair and a region: the templates' transform in y, its products with the micrograph's and their
+/// inverses in y, re and im exchanged, to product and, for the half turns, to half_turn_product: as many values as the
+/// part of y has samples. Either may be null.
+void correlate_columns(const LaneScan* scan, const Region& region, size_t pair, size_t i, LaneValue* product,
+                       LaneValue* half_turn_product);
+
+/// Begins the inverse in x of eight rows of the products of a pair: rows y, y + apart, y + 2 * apart, ... of each block
+/// to `row` (as many values as the part of x has samples) and on to lane_fft_divide_outer's parts.
+void divide_rows(const LaneScan* scan, const Region& region, const LaneValue* products, size_t rows, size_t y,
+                 size_t apart, LaneValue* row, LaneValue* parts);

@@ -1,14 +1,21 @@
 // The rotational scan's own way on the host: two angles in each complex transform, eight columns or rows side by side
-// in each step, all cores on the same angles. Gives the maps of the plain way up to the rounding of the transforms.
+// in each step, all cores on the same template. Either it makes maps, by transforms of the whole image (lane_maps.h), or
+// it searches the cells of a grid for their peaks without making maps, which is several times faster where the micrograph
+// is band-passed (lane_search.h).
 #pragma once
 
 struct LaneScan;
 
 /// Plans and allocates for scans of nx by ny images by T_nx by T_ny templates over n_angles angles; released with
-/// lane_scan_free. band: the highest frequency of the images in cycles per pixel, as far as it is known, else 0.5; it
-/// decides on the fastest way, not on the result. A lack of memory ends the run.
-LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band);
+/// lane_scan_free. A lack of memory ends the run.
+/// cell   side of the grid's cells in pixels where their peaks are all that is wanted, else 0
+/// band   the highest frequency of the images in cycles per pixel, as far as it is known, else 0.5; it decides on the
+///        fastest way, not on the result
+LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell);
 void lane_scan_free(LaneScan* scan);
+
+/// Whether it searches: then lane_scan_search is to be called, else lane_scan_template.
+bool lane_scan_searches(const LaneScan* scan);
 
 /// Transforms the micrograph (nx*ny floats) for the scans that follow.
 void lane_scan_transform_micrograph(LaneScan* scan, const float* mic);
@@ -18,3 +25,10 @@ void lane_scan_transform_micrograph(LaneScan* scan, const float* mic);
 /// ccmax and, unless map_psi is null, the earliest angle that gave it into map_psi: nx*ny floats each.
 void lane_scan_template(LaneScan* scan, const float* T, const float* psi, int n_angles, float divisor, float* ccmax,
                         float* map_psi);
+
+/// The peaks of the same map: for each cell of the grid the pixel y*nx + x of its largest value, the first in row order
+/// of those that tie, 0 if that is the cell's first pixel; the value; the earliest angle that gave it. Cells whose
+/// largest value is below `least` may have 0 and a lower value.
+/// found, cc, cell_psi   one entry per cell
+void lane_scan_search(LaneScan* scan, const float* T, const float* psi, int n_angles, float divisor, float least,
+                      unsigned* found, float* cc, float* cell_psi);

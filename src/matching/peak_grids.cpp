@@ -62,18 +62,25 @@ void peak_workspace_free(PeakWorkspace* ws) {
   *ws = PeakWorkspace{};
 }
 
-void gpu_find_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, const float* ccmax, const float* psi,
-                                               unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff,
-                                               int nx, int ny, int grid_size, const unsigned* excluded,
-                                               unsigned n_excluded) {
+void gpu_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi,
+                                          float cc_cutoff, int nx, int grid_size, const unsigned* excluded,
+                                          unsigned n_excluded) {
   const size_t cells = static_cast<size_t>(ws->grid_nx) * ws->grid_ny;
   const unsigned n_points = gather_excluded(ws, excluded, n_excluded);
-  CHECK_DEVICE(launch_cells<cuda_find_ccmax_psi_grids>(ws->grid_nx, ws->grid_ny, ccmax, psi, ws->found, ws->cc, ws->psi,
-                                                       nx, ny, ws->grid_nx, grid_size));
   CHECK_DEVICE(launch_cells<cuda_filter_ccmax_psi_grids_exclusive>(
       ws->grid_nx, ws->grid_ny, static_cast<const unsigned*>(ws->found), ws->kept, static_cast<const float*>(ws->cc),
       cc_cutoff, nx, ws->grid_nx, ws->grid_ny, grid_size, static_cast<const unsigned*>(ws->excluded), n_points));
   CHECK_DEVICE(cudaMemcpy(grid_index, ws->kept, cells * sizeof(unsigned), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(grid_cc, ws->cc, cells * sizeof(float), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(grid_psi, ws->psi, cells * sizeof(float), cudaMemcpyDeviceToHost));
+}
+
+void gpu_find_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, const float* ccmax, const float* psi,
+                                               unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff,
+                                               int nx, int ny, int grid_size, const unsigned* excluded,
+                                               unsigned n_excluded) {
+  CHECK_DEVICE(launch_cells<cuda_find_ccmax_psi_grids>(ws->grid_nx, ws->grid_ny, ccmax, psi, ws->found, ws->cc, ws->psi,
+                                                       nx, ny, ws->grid_nx, grid_size));
+  gpu_filter_ccmax_psi_grids_exclusive(ws, grid_index, grid_cc, grid_psi, cc_cutoff, nx, grid_size, excluded,
+                                       n_excluded);
 }

@@ -122,18 +122,15 @@ void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, cons
 
 #ifndef KESTRIX_CUDA
 
-// The scan's own way on the host.
-void scan_by_lanes(ScanWorkspace* ws, float* ccmax, float* psi, const float* T, float divisor, float start, float stop,
-                   float step) {
-  const int n_angles = count_scan_angles(start, stop, step);
+// The angles of a scan, n_angles of them, for free. Prints what a scan prints.
+float* angles_new(float start, float stop, float step, int n_angles) {
   auto* angles = host_new<float>(static_cast<size_t>(n_angles) + 1);
   ScanAngles taken{};
   for (int i = 0, count; (count = take_angles(start, stop, step, kMaxScanBatch, taken)) > 0; i += count)
     std::copy_n(taken.psi, count, angles + i);
   put_dots(n_angles);
   putchar('\n');
-  lane_scan_template(ws->lanes, T, angles, n_angles, divisor, ccmax, psi);
-  free(angles);
+  return angles;
 }
 
 #endif
@@ -162,7 +159,7 @@ int count_scan_angles(float start, float stop, float step) {
   return count;
 }
 
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band, ScanWay way) {
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band, int cell, ScanWay way) {
   ScanWorkspace ws{};
   ws.nx = nx;
   ws.ny = ny;
@@ -170,12 +167,13 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.T_ny = T_ny;
 #ifndef KESTRIX_CUDA
   if (way == kHostLanes) {
-    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band));
+    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell);
     return ws;
   }
 #endif
   static_cast<void>(way);
   static_cast<void>(band);
+  static_cast<void>(cell);
   ws.batch = batch_size(ws, n_angles);
   const auto batch = static_cast<size_t>(ws.batch);
   ws.padded = device_new<float>(batch * image_pixels(ws));
@@ -206,6 +204,14 @@ void scan_workspace_free(ScanWorkspace* ws) {
   *ws = ScanWorkspace{};
 }
 
+bool scan_searches(const ScanWorkspace* ws) {
+#ifndef KESTRIX_CUDA
+  return ws->lanes && lane_scan_searches(ws->lanes);
+#else
+  return ws->lanes != nullptr;
+#endif
+}
+
 void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
 #ifndef KESTRIX_CUDA
   if (ws->lanes) return lane_scan_transform_micrograph(ws->lanes, mic);
@@ -220,11 +226,26 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
 #ifndef KESTRIX_CUDA
   if (ws->lanes) {
-    scan_by_lanes(ws, ccmax, kept_psi, T, divisor, start, stop, step);
+    const int n_angles = count_scan_angles(start, stop, step);
+    float* angles = angles_new(start, stop, step, n_angles);
+    lane_scan_template(ws->lanes, T, angles, n_angles, divisor, ccmax, kept_psi);
+    free(angles);
     return 0;
   }
 #endif
   scan_by_device_transforms(ws, ccmax, kept_psi, T, divisor, start, stop, step);
+  return 0;
+}
+
+int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const float* mic, const float* mask,
+                                const float* T, float radius, float start, float stop, float step, float cc_cutoff) {
+#ifndef KESTRIX_CUDA
+  const float divisor = score_divisor(*ws, mic, mask, T, radius);
+  const int n_angles = count_scan_angles(start, stop, step);
+  float* angles = angles_new(start, stop, step, n_angles);
+  lane_scan_search(ws->lanes, T, angles, n_angles, divisor, cc_cutoff, peaks->found, peaks->cc, peaks->psi);
+  free(angles);
+#endif
   return 0;
 }
 

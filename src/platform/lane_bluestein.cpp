@@ -108,7 +108,7 @@ void any_length_fft(const AnyLengthPlan* plan, LaneValue* in, LaneValue* out, La
   if (!plan->chirp) return lane_fft(&plan->plan, in, out, scratch);
   const auto n = static_cast<size_t>(plan->n);
   turn_values(in, in, plan->chirp, n);
-  lane_fft_of_few(&plan->plan, in, n, out, scratch);
+  lane_fft_of_few(&plan->plan, in, n, static_cast<size_t>(plan->plan.n), 0, out, scratch);
   turn_and_exchange(out, plan->inverse, static_cast<size_t>(plan->plan.n));
   lane_fft(&plan->plan, out, in, scratch);
   exchange_and_turn(in, out, plan->chirp, n);

@@ -235,6 +235,21 @@ KERNEL_LOOP void last_pass(const LaneValue* x, LaneValue* y, size_t n, size_t ou
   for (size_t q = 0; q < step; q++) butterfly<Radix>(x + q, step, y + q * out_step, step * out_step, NoFactors{});
 }
 
+// The same of which only the first `low` values and the last `high` are wanted, neither more than a Radix-th of them.
+template <int Radix>
+KERNEL_LOOP void outer_last_pass(const LaneValue* x, LaneValue* y, size_t n, size_t out_step, size_t low, size_t high) {
+  const size_t step = n / Radix;
+  LaneValue all[Radix];
+  for (size_t q = 0; q < low; q++) {
+    butterfly<Radix>(x + q, step, all, 1, NoFactors{});
+    y[q * out_step] = all[0];
+  }
+  for (size_t q = step - high; q < step; q++) {
+    butterfly<Radix>(x + q, step, all, 1, NoFactors{});
+    y[(q + (Radix - 1) * step) * out_step] = all[Radix - 1];
+  }
+}
+
 // Calls f<Radix>() for the radix.
 template <class F>
 void for_radix(int radix, F f) {
@@ -254,10 +269,48 @@ void for_radix(int radix, F f) {
   }
 }
 
+// Takes a part through all its passes but the last, for which it calls last<Radix>(values, how many). A part of one value
+// is done.
+template <class Last>
+void finish_part(const LanePlan* plan, LaneValue* parts, int part, LaneValue* out, LaneValue* scratch, Last last) {
+  const size_t n = static_cast<size_t>(plan->n) / static_cast<size_t>(lane_plan_parts(plan));
+  LaneValue* from = parts + static_cast<size_t>(part) * n;
+  if (plan->n_passes < 2) {
+    out[0] = from[0];
+    return;
+  }
+  LaneValue* to = scratch;
+  size_t stride = 1;
+  for (int i = 1; i < plan->n_passes - 1; i++) {
+    for_radix(plan->radix[i], [&](auto radix) { middle_pass<radix()>(from, to, n, stride, plan->factors[i]); });
+    stride *= static_cast<size_t>(plan->radix[i]);
+    std::swap(from, to);
+  }
+  for_radix(plan->radix[plan->n_passes - 1], [&](auto radix) { last(radix, from, n); });
+}
+
 // The values of a part that its passes take to out + part, out + part + radix, ...
 void finish_parts(const LanePlan* plan, LaneValue* parts, LaneValue* out) {
   for (int part = 0; part < lane_plan_parts(plan); part++)
     lane_fft_part(plan, parts, part, out + part, static_cast<size_t>(lane_plan_parts(plan)), parts + plan->n);
+}
+
+// The same for those of the first `low` and the last `high` values of the transform.
+void finish_outer_parts(const LanePlan* plan, LaneValue* parts, size_t low, size_t high, LaneValue* out) {
+  const auto step = static_cast<size_t>(lane_plan_parts(plan));
+  const auto n = static_cast<size_t>(plan->n);
+  for (size_t part = 0; part < step; part++) {
+    const size_t low_of_part = low > part ? (low - part + step - 1) / step : 0;
+    const size_t high_of_part = n / step - (n - high + step - 1 - part) / step;
+    finish_part(plan, parts, static_cast<int>(part), out + part, parts + n,
+                [&](auto radix, LaneValue* from, size_t of_part) {
+                  if (std::max(low_of_part, high_of_part) * radix() <= of_part) {
+                    outer_last_pass<radix()>(from, out + part, of_part, step, low_of_part, high_of_part);
+                  } else {
+                    last_pass<radix()>(from, out + part, of_part, step);
+                  }
+                });
+  }
 }
 
 // Measured work of a pass for each value, relative to one of radix 4.
@@ -355,20 +408,8 @@ int lane_plan_parts(const LanePlan* plan) { return plan->n_passes == 0 ? 1 : pla
 
 void lane_fft_part(const LanePlan* plan, LaneValue* parts, int part, LaneValue* out, size_t out_step,
                    LaneValue* scratch) {
-  const size_t n = static_cast<size_t>(plan->n) / static_cast<size_t>(lane_plan_parts(plan));
-  LaneValue* from = parts + static_cast<size_t>(part) * n;
-  if (plan->n_passes < 2) {
-    out[0] = from[0];
-    return;
-  }
-  LaneValue* to = scratch;
-  size_t stride = 1;
-  for (int i = 1; i < plan->n_passes - 1; i++) {
-    for_radix(plan->radix[i], [&](auto radix) { middle_pass<radix()>(from, to, n, stride, plan->factors[i]); });
-    stride *= static_cast<size_t>(plan->radix[i]);
-    std::swap(from, to);
-  }
-  for_radix(plan->radix[plan->n_passes - 1], [&](auto radix) { last_pass<radix()>(from, out, n, out_step); });
+  finish_part(plan, parts, part, out, scratch,
+              [&](auto radix, LaneValue* from, size_t n) { last_pass<radix()>(from, out, n, out_step); });
 }
 
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch) {
@@ -381,12 +422,13 @@ void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneVal
   finish_parts(plan, scratch, out);
 }
 
-void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch) {
+void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, size_t low, size_t high, LaneValue* out,
+                     LaneValue* scratch) {
   const auto n = static_cast<size_t>(plan->n);
   const auto radix = static_cast<size_t>(lane_plan_parts(plan));
   if (n_in <= n / radix && plan->n_passes > 0) {
     spread(radix, in, n_in, scratch, n, plan->factors[0]);
-    return finish_parts(plan, scratch, out);
+    return finish_outer_parts(plan, scratch, low, high, out);
   }
   LaneValue* padded = scratch + n;
   memcpy(padded, in, n_in * sizeof(LaneValue));

@@ -46,8 +46,10 @@ double lane_plan_cost(int n);
 /// Exchanging re and im before and after gives the inverse.
 void lane_fft(const LanePlan* plan, const LaneValue* in, LaneValue* out, LaneValue* scratch);
 
-/// lane_fft of arrays of which only the first n_in values are not 0; in holds just these.
-void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, LaneValue* out, LaneValue* scratch);
+/// lane_fft of arrays of which only the first n_in values are not 0; in holds just these. Of the transform the first `low`
+/// and the last `high` values are wanted; what lies between may be left as it was. low + high <= n.
+void lane_fft_of_few(const LanePlan* plan, const LaneValue* in, size_t n_in, size_t low, size_t high, LaneValue* out,
+                     LaneValue* scratch);
 
 /// lane_fft of arrays of which only the first `low` and the last `high` values are not 0; low + high <= n. in holds these
 /// at their places among n values; what lies between is overwritten.

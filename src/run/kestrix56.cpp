@@ -229,25 +229,39 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
 }
 
-// One template: scan, peaks, candidate lines.
-void match_template(Run* run, int t, FILE* nonunique) {
+// The peaks of one template, from its maps or without them.
+void find_template_peaks(Run* run, const float* T) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
   const DeviceBuffers& device = run->device;
   HostBuffers& host = run->host;
-  const size_t pixels = work_pixels(run);
-  printf("Template %03d\n", t + 1);
-  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1,
-                                    device.d_T_stack + static_cast<size_t>(t) * template_pixels(run), para.radius_px,
-                                    para.psi_start, para.psi_end, para.ang_step);
+  const auto n_excluded = static_cast<unsigned>(grid_cells(run));
+  if (scan_searches(&run->scan)) {
+    scan_search_by_one_template(&run->scan, &run->peaks, device.d_mic, device.d_mask, T, para.radius_px, para.psi_start,
+                                para.psi_end, para.ang_step, para.cc_cutoff);
+    gpu_filter_ccmax_psi_grids_exclusive(&run->peaks, host.grid_index, host.grid_cc, host.grid_psi, para.cc_cutoff,
+                                         s.work_nx, s.grid_size, device.d_grid, n_excluded);
+    return;
+  }
+  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
+                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
   gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
                                             host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
-                                            device.d_grid, static_cast<unsigned>(grid_cells(run)));
-  output_quorlin_coord_one_temp(nonunique, host.grid_index, host.grid_cc, host.grid_psi, t,
+                                            device.d_grid, n_excluded);
+}
+
+// One template: scan, peaks, candidate lines.
+void match_template(Run* run, int t, FILE* nonunique) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  const size_t pixels = work_pixels(run);
+  printf("Template %03d\n", t + 1);
+  find_template_peaks(run, run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run));
+  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
                                 static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny, para.boxsize / para.shrink);
   if (para.write_ccmax_mic)
-    CHECK_DEVICE(cudaMemcpy(host.ccmax_stack + static_cast<size_t>(t) * pixels, device.d_ccmax, pixels * sizeof(float),
-                            cudaMemcpyDeviceToHost));
+    CHECK_DEVICE(cudaMemcpy(run->host.ccmax_stack + static_cast<size_t>(t) * pixels, run->device.d_ccmax,
+                            pixels * sizeof(float), cudaMemcpyDeviceToHost));
 }
 
 void match_all_templates(Run* run, const char* mic, FILE* nonunique) {

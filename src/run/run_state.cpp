@@ -101,7 +101,8 @@ void allocate_run(Run* run) {
   if (para.detect_ice || para.do_bandpass || para.do_pre_filter) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
   if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, &para);
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
-  run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para));
+  run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
+                                 para.write_ccmax_mic ? 0 : s.grid_size);
   run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);
 }
 

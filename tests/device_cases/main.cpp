@@ -211,7 +211,11 @@ void record_cells(int nx, int ny, int cell) {
   PeakWorkspace ws = peak_workspace_new(grid_nx, grid_ny);
   gpu_find_filter_ccmax_psi_grids_exclusive(&ws, average.data, sigma.data, index.data(), cc.data(), psi.data(), 0.9f,
                                             nx, ny, cell, marks.data, static_cast<unsigned>(cells));
+  std::vector<unsigned> more(cells);
+  gpu_filter_ccmax_psi_grids_exclusive(&ws, more.data(), cc.data(), psi.data(), 0.5f, nx, cell, marks.data,
+                                       static_cast<unsigned>(cells));
   peak_workspace_free(&ws);
+  record.push_back({"peaks.more" + tail, kSameBits, {more.begin(), more.end()}});
   record.push_back({"peaks.index" + tail, kSameBits, {index.begin(), index.end()}});
   record.push_back({"peaks.cc" + tail, kSameBits, cc});
   record.push_back({"peaks.psi" + tail, kSameBits, psi});
@@ -243,7 +247,7 @@ void record_scan(int n, int T_nx, int T_ny, float step, ScanWay way, const std::
   const size_t pixels = static_cast<size_t>(n) * n;
   const OnDevice<float> mic(noise(pixels, 111)), mask(std::vector<float>(pixels, 1.0f)), ccmax(pixels), psi(pixels),
       T(noise(static_cast<size_t>(T_nx) * T_ny, 112));
-  ScanWorkspace ws = scan_workspace_new(n, n, T_nx, T_ny, count_scan_angles(0.0f, 359.0f, step), kFullBand, way);
+  ScanWorkspace ws = scan_workspace_new(n, n, T_nx, T_ny, count_scan_angles(0.0f, 359.0f, step), kFullBand, 0, way);
   quorlin_transform_micrograph(&ws, mic.data);
   quorlin_ccmax_psi_by_one_template(&ws, mic.data, mask.data, ccmax.data, psi.data, 1, T.data, 9.0f, 0.0f, 359.0f,
                                     step);
