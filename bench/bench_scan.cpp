@@ -56,6 +56,9 @@ void bare_transforms_free(BareTransforms* bare) {
   fftwf_free(bare->spectrum);
 }
 
+// Side of the grid's cells for particles of 260 Å at 5.36 Å.
+constexpr int kCell = 27;
+
 // The scan prints its dots; they would bury the table.
 void silence_stdout(bool silent) {
   static FILE* null = fopen("/dev/null", "w");
@@ -72,7 +75,8 @@ float band_pass(float* mic, int side) {
   return 5.36f / 40.0f;
 }
 
-// Arguments: the working side, and whether the micrograph is band-passed as by default, or noise of all frequencies.
+// Arguments: the working side, and whether the micrograph is band-passed as by default and searched in the default's
+// cells, or noise of all frequencies, of which maps are made.
 void scan_72_angles(benchmark::State& state) {
   const int side = static_cast<int>(state.range(0));
   const int T_side = side / 16;
@@ -87,19 +91,26 @@ void scan_72_angles(benchmark::State& state) {
   for (int i = 0; i < T_side * T_side; i++)
     T[i] = i % T_side % (T_side - 1) && i / T_side % (T_side - 1) ? static_cast<float>(i % 17) - 8 : 0;
   const float band = state.range(1) ? band_pass(mic, side) : kFullBand;
-  ScanWorkspace scan = scan_workspace_new(side, side, T_side, T_side, kAngles, band);
+  const int cell = state.range(1) ? kCell : 0;
+  ScanWorkspace scan = scan_workspace_new(side, side, T_side, T_side, kAngles, band, cell);
+  PeakWorkspace peaks = peak_workspace_new((side - 1) / kCell + 1, (side - 1) / kCell + 1);
   BareTransforms bare = bare_transforms_new(side);
 
   const auto ours = [&] {
     silence_stdout(true);
     quorlin_transform_micrograph(&scan, mic);
-    quorlin_ccmax_psi_by_one_template(&scan, mic, mask, ccmax, psi, 1, T, static_cast<float>(T_side) / 2, 0.0f, 359.0f,
-                                      5.0f);
+    const auto radius = static_cast<float>(T_side) / 2;
+    if (scan_searches(&scan)) {
+      scan_search_by_one_template(&scan, &peaks, mic, mask, T, radius, 0.0f, 359.0f, 5.0f, 0.15f);
+    } else {
+      quorlin_ccmax_psi_by_one_template(&scan, mic, mask, ccmax, psi, 1, T, radius, 0.0f, 359.0f, 5.0f);
+    }
     silence_stdout(false);
   };
   run_paired(state, 1.5, ours, [&] { bare_transforms_run(bare); });
 
   bare_transforms_free(&bare);
+  peak_workspace_free(&peaks);
   scan_workspace_free(&scan);
   for (float* buffer : {mic, mask, ccmax, psi, T}) cudaFree(buffer);
 }
