@@ -110,6 +110,41 @@ void fold_rows(const LaneScan* scan, const TurnPair& turns, const float* psi, si
   }
 }
 
+// The whole spectrum of rows that become the real part from the lower half `row`, and of others that become the
+// imaginary part from `other`, re and im exchanged in all three. n values, written over `row`.
+KERNEL_LOOP void join_spectra(LaneValue* row, const LaneValue* other, size_t n) {
+  for (size_t k = 0; k <= n / 2; k++) {
+    const LaneValue a = row[k];
+    const LaneValue b = other[k];
+    if (k > 0) row[n - k] = {b.im - a.re, a.im + b.re};
+    row[k] = {a.re + b.im, a.im - b.re};
+  }
+}
+
+KERNEL_LOOP void take_only_angle(const Lane* values, LaneValue* best, size_t n, float psi) {
+  for (size_t x = 0; x < n; x++) take_best(&best[x], values[2 * x], psi);
+}
+
+// The inverse in x of two strips of the one angle's products, taken into the maps.
+void fold_row_pairs(const LaneScan* scan, float psi, size_t strip, size_t other) {
+  const ThreadScratch scratch = scratch_of_thread(scan);
+  const LanePart& part = across(scan, region_of(scan));
+  const KeptFrequencies& kept = scan->kept_blocks[0];
+  const size_t rows = scan->maps->product_rows;
+  const LaneValue* products = products_of(scan, 0, false);
+  gather_rows(part, kept, products, rows, strip * kLanes, 1, scratch.in);
+  if (other < strips_of(scan)) {
+    gather_rows(part, kept, products, rows, other * kLanes, 1, scratch.other_out);
+  } else {
+    std::fill_n(scratch.other_out, kept_count(kept) * kLanes, LaneValue{});
+  }
+  join_spectra(scratch.in, scratch.other_out, static_cast<size_t>(part.samples.n));
+  lane_fft(&part.samples, scratch.in, scratch.out, scratch.passes);
+  take_only_angle(&scratch.out->im, scan->maps->best + strip * width_of(scan), width_of(scan), psi);
+  if (other < strips_of(scan))
+    take_only_angle(&scratch.out->re, scan->maps->best + other * width_of(scan), width_of(scan), psi);
+}
+
 // Correlates `count` pairs of turns of the template with the micrograph and takes the results into the maps.
 void scan_pairs(const LaneScan* scan, const TurnPair* turns, const float* psi, size_t count) {
   const Region& region = region_of(scan);
@@ -121,13 +156,20 @@ void scan_pairs(const LaneScan* scan, const TurnPair* turns, const float* psi, s
     for (size_t i = 0; i < count * T_strips; i++)
       transform_template_rows(scan, turns[i / T_strips], i / T_strips, i % T_strips * kLanes);
 #pragma omp for schedule(dynamic)
-    for (size_t i = 0; i < region.blocks; i++)
+    for (size_t i = 0; i < kept_count(scan->kept_blocks[0]); i++)
       for (size_t pair = 0; pair < count; pair++)
         correlate_columns(scan, region, pair, i, products_of(scan, pair, false) + i * rows,
                           turns[pair].has_half_turns ? products_of(scan, pair, true) + i * rows : nullptr);
+    if (scan->n_angles == 1) {
+      const size_t half = (strips_of(scan) + 1) / 2;
 #pragma omp for schedule(dynamic)
-    for (size_t strip = 0; strip < strips_of(scan); strip++)
-      for (size_t pair = 0; pair < count; pair++) fold_rows(scan, turns[pair], psi, pair, strip);
+      for (size_t strip = 0; strip < half; strip++)
+        fold_row_pairs(scan, psi[turns[0].first.angle], strip, strip + half);
+    } else {
+#pragma omp for schedule(dynamic)
+      for (size_t strip = 0; strip < strips_of(scan); strip++)
+        for (size_t pair = 0; pair < count; pair++) fold_rows(scan, turns[pair], psi, pair, strip);
+    }
   }
 }
 

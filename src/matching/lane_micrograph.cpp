@@ -20,20 +20,30 @@ constexpr double kNegligibleEnergy = 1e-10;
 // Part of its energy that the rounding of single precision transforms is taken to change, with a wide margin.
 constexpr double kRoundingEnergy = 1e-12;
 
-// Eight rows of a region's pixels.
-void load_micrograph_rows(const LaneScan* scan, const Region& region, const float* mic, size_t y0, LaneValue* row) {
+// Eight rows of a region's pixels, none behind its last one; part: &LaneValue::re or &LaneValue::im.
+void load_micrograph_rows(const LaneScan* scan, const Region& region, const float* mic, size_t y0,
+                          Lane LaneValue::*part, LaneValue* row) {
   const LanePart& x_part = across(scan, region);
   const LanePart& y_part = down(scan, region);
-  memset(row, 0, region.blocks * kLanes * sizeof(LaneValue));
   for (int lane = 0; lane < kLanes && static_cast<int>(y0) + lane < y_part.plan.n; lane++) {
     const LaneTap at_y = y_part.taps[y0 + static_cast<size_t>(lane)];
     const float* a = mic + pixel_at(0, at_y.a, scan->nx);
     const float* b = mic + pixel_at(0, at_y.b, scan->nx);
     for (int i = 0; i < x_part.plan.n; i++) {
       const LaneTap at_x = x_part.taps[i];
-      row[i].re[lane] = at_y.at_a * (at_x.at_a * a[at_x.a] + at_x.at_b * a[at_x.b]) +
-                        at_y.at_b * (at_x.at_a * b[at_x.a] + at_x.at_b * b[at_x.b]);
+      (row[i].*part)[lane] = at_y.at_a * (at_x.at_a * a[at_x.a] + at_x.at_b * a[at_x.b]) +
+                             at_y.at_b * (at_x.at_a * b[at_x.a] + at_x.at_b * b[at_x.b]);
     }
+  }
+}
+
+// Splits the transform of rows in re and others in im, n values each, into the lower halves of both spectra.
+KERNEL_LOOP void split_spectra(const LaneValue* both, size_t n, LaneValue* in_re, LaneValue* in_im) {
+  for (size_t k = 0; k <= n / 2; k++) {
+    const LaneValue at = both[k];
+    const LaneValue opposite = both[k == 0 ? 0 : n - k];
+    in_re[k] = {(at.re + opposite.re) * 0.5f, (at.im - opposite.im) * 0.5f};
+    in_im[k] = {(at.im + opposite.im) * 0.5f, (opposite.re - at.re) * 0.5f};
   }
 }
 
@@ -72,24 +82,48 @@ LaneValue phases_of_block(const float* phases, size_t block, int n) {
   return of_block;
 }
 
+// Two strips of eight rows, for spectra of which only half is wanted: one as the real and one as the imaginary part.
+void transform_row_pairs(const LaneScan* scan, const Region& region, const float* mic, size_t strip, size_t other) {
+  const ThreadScratch scratch = scratch_of_thread(scan);
+  const LanePlan* plan = &across(scan, region).plan;
+  const size_t blocks = half_spectrum_blocks(across(scan, region));
+  memset(scratch.in, 0, region.blocks * kLanes * sizeof(LaneValue));
+  load_micrograph_rows(scan, region, mic, strip * kLanes, &LaneValue::re, scratch.in);
+  load_micrograph_rows(scan, region, mic, other * kLanes, &LaneValue::im, scratch.in);
+  lane_fft(plan, scratch.in, scratch.out, scratch.passes);
+  split_spectra(scratch.out, static_cast<size_t>(plan->n), scratch.in, scratch.other_out);
+  scatter_rows(scratch.in, region.mic, {blocks, 0}, blocks, region.rows, strip * kLanes);
+  if (other * kLanes < region.rows)
+    scatter_rows(scratch.other_out, region.mic, {blocks, 0}, blocks, region.rows, other * kLanes);
+}
+
 void transform_region(LaneScan* scan, const Region& region, const float* mic) {
   const LanePlan& x_plan = across(scan, region).plan;
   const LanePlan& y_plan = down(scan, region).plan;
   const auto height = static_cast<size_t>(y_plan.n);
+  const size_t blocks = scan->n_angles == 1 ? half_spectrum_blocks(across(scan, region)) : region.blocks;
   const float scale = 1 / (static_cast<float>(x_plan.n) * static_cast<float>(height));
   float* x_phases = phases_new(x_plan.n, scan->T_nx);
   float* y_phases = phases_new(y_plan.n, scan->T_ny);
 #pragma omp parallel num_threads(scan->threads)
   {
     const ThreadScratch scratch = scratch_of_thread(scan);
+    if (scan->n_angles == 1) {
+      const size_t strips = region.rows / kLanes;
+      const size_t half = (strips + 1) / 2;
 #pragma omp for schedule(dynamic)
-    for (size_t y = 0; y < region.rows; y += kLanes) {
-      load_micrograph_rows(scan, region, mic, y, scratch.in);
-      lane_fft(&x_plan, scratch.in, scratch.out, scratch.passes);
-      scatter_rows(scratch.out, region.mic, {region.blocks, 0}, region.blocks, region.rows, y);
+      for (size_t strip = 0; strip < half; strip++) transform_row_pairs(scan, region, mic, strip, strip + half);
+    } else {
+#pragma omp for schedule(dynamic)
+      for (size_t y = 0; y < region.rows; y += kLanes) {
+        memset(scratch.in, 0, region.blocks * kLanes * sizeof(LaneValue));
+        load_micrograph_rows(scan, region, mic, y, &LaneValue::re, scratch.in);
+        lane_fft(&x_plan, scratch.in, scratch.out, scratch.passes);
+        scatter_rows(scratch.out, region.mic, {region.blocks, 0}, region.blocks, region.rows, y);
+      }
     }
 #pragma omp for schedule(dynamic)
-    for (size_t b = 0; b < region.blocks; b++) {
+    for (size_t b = 0; b < blocks; b++) {
       LaneValue* column = region.mic + b * region.rows;
       lane_fft(&y_plan, column, scratch.out, scratch.passes);
       scale_column(scratch.out, height, scale, column);

@@ -28,23 +28,6 @@ KERNEL_LOOP void multiply_column(const LaneValue* mic, const LaneValue* turned, 
   }
 }
 
-// Rows y, y + apart, ... of each kept block become a row of n_row values that holds the frequencies of a part of x at
-// its beginning and its end. What of the last block lies behind a spectrum's end falls into the row's margin.
-void gather_rows(const LanePart& part, const KeptFrequencies& kept, const LaneValue* blocks, size_t rows, size_t y,
-                 size_t apart, LaneValue* row) {
-  constexpr size_t kAhead = 4;  // blocks lie too far apart for the processor to see the next one coming
-  const size_t count = kept_count(kept);
-  const auto dropped = static_cast<size_t>(part.plan.n - part.samples.n);
-  for (size_t i = 0; i < count; i++) {
-    const LaneValue* from = blocks + i * rows + y;
-    if (i + kAhead < count)
-      for (size_t k = 0; k < kLanes; k++) __builtin_prefetch(from + kAhead * rows + k * apart);
-    LaneValue* to = row + kept_place(kept, i, width_in_blocks(part)) * kLanes - (i < kept.low ? 0 : dropped);
-    lane_transpose(&from->re, 2 * apart, &to->re, 2);
-    lane_transpose(&from->im, 2 * apart, &to->im, 2);
-  }
-}
-
 }  // namespace
 
 void transform_template_rows(const LaneScan* scan, const TurnPair& turns, size_t pair, size_t y0) {
@@ -93,6 +76,22 @@ void correlate_columns(const LaneScan* scan, const Region& region, size_t pair, 
     multiply_column(mic, scratch.out, scratch.in, rows.low);
     multiply_column(mic + high, scratch.out + high, in_high, rows.high);
     lane_fft_of_outer(samples, scratch.in, rows.low, rows.high, half_turn_product, scratch.passes);
+  }
+}
+
+void gather_rows(const LanePart& part, const KeptFrequencies& kept, const LaneValue* products, size_t rows, size_t y,
+                 size_t apart, LaneValue* row) {
+  // What of the last block lies behind a spectrum's end falls into the row's margin.
+  constexpr size_t kAhead = 4;  // blocks lie too far apart for the processor to see the next one coming
+  const size_t count = kept_count(kept);
+  const auto dropped = static_cast<size_t>(part.plan.n - part.samples.n);
+  for (size_t i = 0; i < count; i++) {
+    const LaneValue* from = products + i * rows + y;
+    if (i + kAhead < count)
+      for (size_t k = 0; k < kLanes; k++) __builtin_prefetch(from + kAhead * rows + k * apart);
+    LaneValue* to = row + kept_place(kept, i, width_in_blocks(part)) * kLanes - (i < kept.low ? 0 : dropped);
+    lane_transpose(&from->re, 2 * apart, &to->re, 2);
+    lane_transpose(&from->im, 2 * apart, &to->im, 2);
   }
 }
 

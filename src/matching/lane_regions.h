@@ -75,6 +75,10 @@ inline const LanePart& down(const LaneScan* scan, const Region& region) { return
 /// Blocks of eight columns of a part's spectra.
 inline size_t width_in_blocks(const LanePart& part) { return up_to_lanes(static_cast<size_t>(part.plan.n)) / kLanes; }
 
+/// Those of the frequencies from 0 on that the others follow from where the pixels are real: all that a scan of one angle
+/// needs, whose transforms have nothing in their imaginary part.
+inline size_t half_spectrum_blocks(const LanePart& part) { return static_cast<size_t>(part.plan.n) / 2 / kLanes + 1; }
+
 /// Most of them that a part can keep: as many as its samples hold.
 inline size_t most_kept_blocks(const LanePart& part) {
   const size_t fitting = up_to_lanes(static_cast<size_t>(part.samples.n)) / kLanes + 2;
@@ -125,6 +129,11 @@ void transform_template_rows(const LaneScan* scan, const TurnPair& turns, size_t
 /// part of y has samples. Either may be null.
 void correlate_columns(const LaneScan* scan, const Region& region, size_t pair, size_t i, LaneValue* product,
                        LaneValue* half_turn_product);
+
+/// Rows y, y + apart, ... of each kept block of the products of a pair become a row of as many values as the part of x has
+/// samples, frequencies at its beginning and its end.
+void gather_rows(const LanePart& part, const KeptFrequencies& kept, const LaneValue* products, size_t rows, size_t y,
+                 size_t apart, LaneValue* row);
 
 /// Begins the inverse in x of eight rows of the products of a pair: rows y, y + apart, y + 2 * apart, ... of each block
 /// to `row` (as many values as the part of x has samples) and on to lane_fft_divide_outer's parts.

@@ -60,7 +60,7 @@ void set_up_regions(LaneScan* scan) {
       region->down = j;
       set_up_region(scan, region);
       scan->scratch_values = std::max({scan->scratch_values, region->blocks * kLanes, region->rows});
-      scan->kept_blocks[i] = {region->blocks, 0};
+      scan->kept_blocks[i] = {scan->n_angles == 1 ? half_spectrum_blocks(scan->x.parts[i]) : region->blocks, 0};
       scan->kept_rows[j] = {static_cast<size_t>(scan->y.parts[j].plan.n), 0};
     }
   }
