@@ -86,7 +86,7 @@ Peaks searched(ScanWorkspace* ws, const Scene& scene, const Angles& angles, floa
                                              angles.start, angles.stop, angles.step, least));
   });
   EXPECT_EQ(std::string(static_cast<size_t>(angles.count()), '.') + "\n", dots) << "a dot for each angle";
-  const Peaks result = peaks_in(peaks, scene.cells());
+  Peaks result = peaks_in(peaks, scene.cells());
   peak_workspace_free(&peaks);
   return result;
 }
@@ -94,7 +94,7 @@ Peaks searched(ScanWorkspace* ws, const Scene& scene, const Angles& angles, floa
 Peaks searched(const Scene& scene, const Angles& angles, float band, float least = -kInfinity) {
   ScanWorkspace ws =
       scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny, angles.count(), band, scene.cell, kHostLanes);
-  const Peaks result = scan_searches(&ws) ? searched(&ws, scene, angles, least) : Peaks{};
+  Peaks result = scan_searches(&ws) ? searched(&ws, scene, angles, least) : Peaks{};
   scan_workspace_free(&ws);
   return result;
 }
@@ -113,7 +113,7 @@ Peaks peaks_of_maps(const Scene& scene, const Angles& angles) {
     gpu_find_filter_ccmax_psi_grids_exclusive(&peaks, ccmax.data(), psi.data(), kept.data(), kept_cc.data(),
                                               kept_psi.data(), 0, scene.nx, scene.ny, scene.cell, nullptr, 0);
   });
-  const Peaks result = peaks_in(peaks, scene.cells());
+  Peaks result = peaks_in(peaks, scene.cells());
   peak_workspace_free(&peaks);
   scan_workspace_free(&ws);
   return result;

@@ -121,8 +121,8 @@ LaneAxis lane_axis_split(int n, int t, double band) {
   // The samples before the first correlation and behind the last come from the blend, too.
   const int least = n + std::max(kShortestBlend, (2 * kReach + 2) * kMostStep - t);
   const int side = cheapest_side(least, 2 * n, [&](int candidate) {
-    const double samples = candidate / step(candidate);
-    return samples * samples * (lane_plan_cost(candidate / step(candidate)) * 2 + kExamineCost) +
+    const int samples = candidate / step(candidate);
+    return samples * (samples * (lane_plan_cost(samples) * 2 + kExamineCost)) +
            0.5 * width(candidate) * candidate * cost_of_side(candidate);
   });
   LaneAxis axis{};
@@ -151,7 +151,7 @@ double lane_search_cost(const LaneAxis& x, const LaneAxis& y) {
   double cost = 0;
   for (const LanePart& down : y.parts) {
     for (const LanePart& across : x.parts) {
-      const double rows = down.count / down.step;
+      const int rows = down.count / down.step;
       const double columns = across.width * across.plan.n;
       cost += rows * across.samples.n * (lane_plan_cost(across.samples.n) + kExamineCost) +
               columns * (cost_of_side(down.samples.n) + 0.5 * cost_of_side(down.plan.n));

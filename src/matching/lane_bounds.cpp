@@ -51,7 +51,7 @@ ErrorBounds error_bounds_new(const LaneScan* scan, const CellGrid& cells) {
   ErrorBounds bounds{};
   bounds.error_norms = host_new<float>(cells_of(cells));
   bounds.halo = kReach * std::max(scan->x.parts[0].step, scan->y.parts[0].step) + kMostStep;
-  const auto both_sides = static_cast<size_t>(2 * bounds.halo);
+  const auto both_sides = 2 * static_cast<size_t>(bounds.halo);
   bounds.surrounded =
       host_new<float>((static_cast<size_t>(scan->nx) + both_sides) * (static_cast<size_t>(scan->ny) + both_sides));
   bounds.squared_errors =

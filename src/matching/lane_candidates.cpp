@@ -93,8 +93,8 @@ void candidates_add(CandidateList* list, const Candidate& candidate, const float
 
 WrappedImage wrapped_image_new(int nx, int ny, int T_nx, int T_ny) {
   WrappedImage image{nx, ny, T_nx, T_ny, 0, nullptr};
-  image.width = static_cast<size_t>(nx + T_nx + kLanes);
-  image.pixels = host_new<float>(image.width * static_cast<size_t>(ny + T_ny));
+  image.width = static_cast<size_t>(nx) + static_cast<size_t>(T_nx) + kLanes;
+  image.pixels = host_new<float>(image.width * (static_cast<size_t>(ny) + static_cast<size_t>(T_ny)));
   return image;
 }
 

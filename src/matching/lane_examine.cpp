@@ -1,6 +1,7 @@
 // Compiled with fused multiply-adds: what comes out is only held against limits that allow for far more than rounding.
 #include "matching/lane_examine.h"
 
+#include <limits>
 #include <type_traits>
 
 #include "platform/launch.h"
@@ -49,7 +50,7 @@ WIDE_KERNEL_LOOP bool rise_above(const Both* const* rows, int n_rows, size_t cou
   Both any = Both{} - 1;
   for (size_t x = 0; x < count; x++) {
     const Lane limit = limits->of_runs[limits->runs[x]];
-    Both best = rows[0][x + kReach];
+    Both best = Both{} - std::numeric_limits<float>::infinity();
     for (int r = 0; r < n_rows; r++) {
       const Both* row = rows[r] + x;
 #pragma GCC unroll 4

@@ -52,7 +52,7 @@ void set_limit(const SampleGrid& grid, const float* of_cells, int grid_nx, int x
       limit = std::min(
           limit, of_cells[static_cast<size_t>(cell_y) * static_cast<size_t>(grid_nx) + static_cast<size_t>(cell_x)]);
   for (int sample = y.begin; sample < y.end; sample++) {
-    const auto row = static_cast<size_t>(sample + kReach);
+    const auto row = static_cast<size_t>(sample) + kReach;
     limits[row % grid.n_strips * static_cast<size_t>(grid.x->n_runs) + static_cast<size_t>(x_run)]
           [row / grid.n_strips] = limit;
   }
