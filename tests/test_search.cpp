@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <array>
 
-#include "matching/lane_axis.h"
+#include "matching/lane_bounds.h"
 #include "matching/lane_samples.h"
+#include "matching/lane_scan.h"
 #include "matching/lane_turns.h"
 #include "quorlin56.h"
 #include "test_numeric.h"
@@ -136,6 +137,57 @@ void expect_peaks(const Peaks& got, const Peaks& want, float least) {
   EXPECT_LE(others, compared / 100 + 1) << "of " << compared;
 }
 
+/// Waves whose heights fall off around a column and a row.
+void check_error_bounds(double width) {
+  const int n = 300, t = 40, cell = 11;
+  Scene scene = random_scene({n, n, t, t, cell}, 0.1);
+  for (size_t i = 0; i < scene.mic.size(); i++)
+    scene.mic[i] *=
+        static_cast<float>(std::exp(-std::pow((i % n - 110.0) / width, 2) - std::pow((i / n - 90.0) / 60, 2)));
+  LaneScan* scan = lane_scan_new(n, n, t, t, 72, 0.11, cell);
+  lane_scan_transform_micrograph(scan, scene.mic.data());
+  const CellGrid cells{cell, scene.grid_nx(), scene.grid_ny()};
+  ErrorBounds bounds = error_bounds_new(scan, cells);
+  find_error_bounds(&bounds, scan, cells, scene.mic.data());
+  const auto error_at = [&](int x, int y) {
+    double worst = 0;
+    for (int dy = 0; dy < bounds.y.step; dy++) {
+      for (int dx = 0; dx < bounds.x.step; dx++) {
+        double error = -static_cast<double>(scene.mic[static_cast<size_t>(y) * n + x]);
+        for (int j = -kReach; j <= kReach; j++)
+          for (int i = -kReach; i <= kReach; i++)
+            error += static_cast<double>(bounds.y.of_offset[dy][j + kReach]) *
+                     static_cast<double>(bounds.x.of_offset[dx][i + kReach]) *
+                     static_cast<double>(
+                         scene.mic[static_cast<size_t>(y - dy - lowest_offset(bounds.y.step) + j * bounds.y.step) * n +
+                                   x - dx - lowest_offset(bounds.x.step) + i * bounds.x.step]);
+        worst = std::max(worst, error * error);
+      }
+    }
+    return worst;
+  };
+  // A row of cells whose templates reach from where the waves are to where they aren't.
+  const int cell_y = 6;
+  double lost = 0;
+  for (int r = 0; r < scan->n_regions; r++) lost = std::max(lost, scan->regions[r].lost);
+  for (int cell_x = 5; cell_x < 20; cell_x++) {
+    double largest = 0;
+    for (int x : {0, cell - 1}) {
+      for (int y : {0, cell - 1}) {
+        double sum = 0;
+        for (int j = 0; j < t; j++)
+          for (int i = 0; i < t; i++) sum += error_at(cell_x * cell + x - t / 2 + i, cell_y * cell + y - t / 2 + j);
+        largest = std::max(largest, std::sqrt(sum));
+      }
+    }
+    const double bound = static_cast<double>(bounds.error_norms[static_cast<size_t>(cell_y * cells.nx + cell_x)]);
+    EXPECT_GE(bound, largest + lost) << "cell " << cell_x;
+    EXPECT_LE(bound, 2 * largest + 5 * lost) << "cell " << cell_x;
+  }
+  error_bounds_free(&bounds);
+  lane_scan_free(scan);
+}
+
 }  // namespace
 
 TEST(Search, FindsThePeaksOfTheMapsToTheEdges) {
@@ -170,6 +222,19 @@ TEST(Search, IsRightForImagesThatAreNotWhatItWasPlannedFor) {
   expect_peaks(searched(narrow, {0, 359, 15}, 0.1f), peaks_of_maps(narrow, {0, 359, 15}), -kInfinity);
   scene.mic[100] = kNaN;
   for (const float score : searched(scene, {0, 359, 15}, 0.1f).cc) ASSERT_FALSE(score > -kInfinity) << score;
+}
+
+TEST(Search, TakesTheFirstOfEqualPixels) {
+  Scene scene = random_scene({200, 200, 16, 13, 9}, 0.1);
+  for (size_t i = 0; i < scene.mic.size(); i++)
+    scene.mic[i] = static_cast<float>(std::cos(std::acos(-1.0) * (i % 40) / 20));
+  const Peaks got = searched(scene, {0, 359, 15}, 0.1f);
+  size_t peaks = 0;
+  for (const unsigned pixel : got.found) {
+    peaks += pixel > 0;
+    EXPECT_EQ(0u, pixel / 200 % 9) << "not in its cell's first row";
+  }
+  EXPECT_GT(peaks, got.found.size() / 4);
 }
 
 TEST(Search, TakesMoreAnglesThanItHoldsTurnedTemplatesOf) {
@@ -256,6 +321,11 @@ TEST(SampleErrors, BoundWhatInterpolationIsOffAtEveryPixel) {
     EXPECT_GE(largest[static_cast<size_t>(cell)], 0.999 * most) << "cell " << cell;
     EXPECT_LE(largest[static_cast<size_t>(cell)], 6 * all_around) << "cell " << cell;
   }
+}
+
+TEST(ErrorBounds, AreThoseOfTheTemplatesThatBelongToEachCell) {
+  check_error_bounds(40);
+  check_error_bounds(22);
 }
 
 TEST(HalfTurns, AreTakenWhereThePixelsShowThemAndEveryAngleIsTakenOnce) {
