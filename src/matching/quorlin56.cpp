@@ -237,17 +237,27 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
   return 0;
 }
 
+#ifdef KESTRIX_CUDA
+
+// No workspace of a GPU searches.
+int scan_search_by_one_template(ScanWorkspace*, PeakWorkspace*, const float*, const float*, const float*, float, float,
+                                float, float, float) {
+  return 0;
+}
+
+#else
+
 int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const float* mic, const float* mask,
                                 const float* T, float radius, float start, float stop, float step, float cc_cutoff) {
-#ifndef KESTRIX_CUDA
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
   const int n_angles = count_scan_angles(start, stop, step);
   float* angles = angles_new(start, stop, step, n_angles);
   lane_scan_search(ws->lanes, T, angles, n_angles, divisor, cc_cutoff, peaks->found, peaks->cc, peaks->psi);
   free(angles);
-#endif
   return 0;
 }
+
+#endif
 
 void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const ScanAngles& angles, int count, int nx,
                                int ny) {
