@@ -84,7 +84,12 @@ void find_error_bounds(ErrorBounds* bounds, const LaneScan* scan, const CellGrid
   double lost = 0;
   for (int r = 0; r < scan->n_regions; r++) lost = std::max(lost, scan->regions[r].lost);
   lost *= 1 + gain_of(bounds->x) * gain_of(bounds->y);
-  for (size_t c = 0; c < cells_of(cells); c++)
-    bounds->error_norms[c] = static_cast<float>(std::sqrt(squares[c]) + lost);
+  double sum = 0;
+  for (size_t c = 0; c < cells_of(cells); c++) {
+    const double norm = std::sqrt(squares[c]) + lost;
+    bounds->error_norms[c] = static_cast<float>(norm);
+    sum += norm;
+  }
+  bounds->mean_norm = static_cast<float>(sum / static_cast<double>(cells_of(cells)));
   free(squares);
 }

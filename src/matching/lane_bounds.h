@@ -16,6 +16,7 @@ inline size_t cells_of(const CellGrid& grid) { return static_cast<size_t>(grid.n
 struct ErrorBounds {
   SampleWeights x, y;
   float* error_norms;
+  float mean_norm;  // of the cells'
 
   int halo;                // what follows is of use while they are found
   float* surrounded;       // the image continued as the inner parts continue it, halo pixels on all sides

@@ -60,6 +60,8 @@ struct LaneScan {
   LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
   LaneMaps* maps;                  // of a scan that makes maps
   LaneSearch* search;              // of one that searches cells
+  LaneScan* whole;                 // the maps that it falls back on; null until they are needed
+  bool whole_has_mic;              // whether that has the micrograph's spectrum
   int threads;
   size_t scratch_values;  // of one thread's scratch
   LaneValue* scratch;     // threads * 6 * scratch_values

@@ -10,6 +10,7 @@
 #include "matching/lane_regions.h"
 #include "matching/lane_search.h"
 #include "matching/lane_turns.h"
+#include "matching/quorlin56_kernels.h"
 
 namespace {
 
@@ -74,6 +75,36 @@ size_t bytes_of_pair(const LaneScan* scan) {
   return (turned_values(scan, scan->x.parts[0]) + turned_values(scan, scan->x.parts[1])) * sizeof(LaneValue);
 }
 
+// The peaks of the cells from maps of the whole image: what a search falls back on.
+void search_by_maps(LaneScan* scan, const float* T, const float* psi, int n_angles, float divisor, unsigned* found,
+                    float* cc, float* cell_psi) {
+  const int nx = scan->nx;
+  const int ny = scan->ny;
+  const int cell = lane_search_cell(scan);
+  const int grid_nx = (nx - 1) / cell + 1;
+  const size_t pixels = static_cast<size_t>(nx) * static_cast<size_t>(ny);
+  auto* ccmax = host_new<float>(pixels);
+  auto* map_psi = host_new<float>(pixels);
+  if (!scan->whole) scan->whole = lane_scan_new(nx, ny, scan->T_nx, scan->T_ny, scan->n_angles, 0.5, 0);
+  if (!scan->whole_has_mic) {
+    for (int y = 0; y < ny; y++) std::copy_n(lane_search_row(scan, y), nx, ccmax + pixel_at(0, y, nx));
+    lane_scan_transform_micrograph(scan->whole, ccmax);
+    scan->whole_has_mic = true;
+  }
+  lane_scan_template(scan->whole, T, psi, n_angles, divisor, ccmax, map_psi);
+  for (int gy = 0; gy * cell < ny; gy++)
+    for (int gx = 0; gx < grid_nx; gx++)
+      cuda_find_ccmax_psi_grids(gx, gy, ccmax, map_psi, found, cc, cell_psi, nx, ny, grid_nx, cell);
+  free(ccmax);
+  free(map_psi);
+}
+
+float energy_of(const float* T, int n) {
+  double energy = 0;
+  for (int i = 0; i < n; i++) energy += static_cast<double>(T[i]) * static_cast<double>(T[i]);
+  return static_cast<float>(energy);
+}
+
 }  // namespace
 
 LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell) {
@@ -114,6 +145,7 @@ void lane_scan_free(LaneScan* scan) {
   turned_boxes_free(&scan->boxes);
   lane_maps_free(scan->maps);
   lane_search_free(scan->search);
+  lane_scan_free(scan->whole);
   free(scan->scratch);
   free(scan);
 }
@@ -123,6 +155,7 @@ bool lane_scan_searches(const LaneScan* scan) { return scan->search != nullptr; 
 void lane_scan_transform_micrograph(LaneScan* scan, const float* mic) {
   transform_regions(scan, mic);
   if (scan->search) lane_search_prepare(scan, mic);
+  scan->whole_has_mic = false;
 }
 
 void lane_scan_template(LaneScan* scan, const float* T, const float* psi, int n_angles, float divisor, float* ccmax,
@@ -140,6 +173,8 @@ void lane_scan_template(LaneScan* scan, const float* T, const float* psi, int n_
 
 void lane_scan_search(LaneScan* scan, const float* T, const float* psi, int n_angles, float divisor, float least,
                       unsigned* found, float* cc, float* cell_psi) {
+  if (lane_search_is_vague(scan, energy_of(T, scan->T_nx * scan->T_ny), divisor))
+    return search_by_maps(scan, T, psi, n_angles, divisor, found, cc, cell_psi);
   auto* turns = host_new<TurnPair>(static_cast<size_t>(scan->boxes.room));
   lane_search_begin(scan);
   for (int first = 0; first < n_angles; first += scan->boxes.room) {

@@ -17,6 +17,9 @@
 
 namespace {
 
+// A bound of scores, as the mean of all cells, from which on maps are faster. Usual ones are below 0.01.
+constexpr float kVagueScore = 0.03f;
+
 // What one thread has to itself: its products and samples of a pair, and what it has found so far.
 struct SearchThread {
   LaneValue* products;   // of a pair and of its half turns
@@ -413,6 +416,16 @@ void lane_search_prepare(const LaneScan* scan, const float* mic) {
   find_error_bounds(&scan->search->bounds, scan, scan->search->cells, mic);
   wrapped_image_set(&scan->search->mic, mic);
 }
+
+bool lane_search_is_vague(const LaneScan* scan, float energy, float divisor) {
+  return scan->search->bounds.mean_norm * std::sqrt(energy) > kVagueScore * divisor;
+}
+
+const float* lane_search_row(const LaneScan* scan, int y) {
+  return scan->search->mic.pixels + static_cast<size_t>(y) * scan->search->mic.width;
+}
+
+int lane_search_cell(const LaneScan* scan) { return scan->search->cells.side; }
 
 void lane_search_begin(const LaneScan* scan) {
   std::fill_n(scan->search->peaks, cells_of(scan->search->cells), CellPeak{0, 0, -1});

@@ -15,6 +15,17 @@ void lane_search_free(LaneSearch* search);
 /// Prepares for searches in the micrograph (nx*ny floats) whose spectra the scan holds.
 void lane_search_prepare(const LaneScan* scan, const float* mic);
 
+/// Whether a search would let too many candidates through to be of use: in a micrograph with a few pixels that outshine
+/// all others by orders of magnitude, or with frequencies that it isn't supposed to have, the errors of interpolation can be
+/// more than scores differ by. energy: a template's sum of squares; divisor: what makes its correlations scores.
+bool lane_search_is_vague(const LaneScan* scan, float energy, float divisor);
+
+/// The micrograph that was prepared for: row y, nx floats.
+const float* lane_search_row(const LaneScan* scan, int y);
+
+/// Side of the cells.
+int lane_search_cell(const LaneScan* scan);
+
 /// Forgets the peaks of the last template.
 void lane_search_begin(const LaneScan* scan);
 
