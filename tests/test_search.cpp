@@ -224,6 +224,17 @@ TEST(Search, IsRightForImagesThatAreNotWhatItWasPlannedFor) {
   for (const float score : searched(scene, {0, 359, 15}, 0.1f).cc) ASSERT_FALSE(score > -kInfinity) << score;
 }
 
+TEST(Search, FallsBackOnMapsOfTheMicrographAtHand) {
+  const Scene first = random_scene({200, 180, 16, 13, 9}, 0.5);
+  Scene second = first;
+  second.mic = random_values(first.mic.size(), 77);
+  const Angles angles{0, 359, 15};
+  ScanWorkspace ws = scan_workspace_new(200, 180, 16, 13, angles.count(), 0.1f, 9, kHostLanes);
+  for (const Scene& scene : {first, second, first})
+    expect_peaks(searched(&ws, scene, angles, -kInfinity), peaks_of_maps(scene, angles), -kInfinity);
+  scan_workspace_free(&ws);
+}
+
 TEST(Search, TakesTheFirstOfEqualPixels) {
   Scene scene = random_scene({200, 200, 16, 13, 9}, 0.1);
   for (size_t i = 0; i < scene.mic.size(); i++)
