@@ -141,9 +141,10 @@ void expect_peaks(const Peaks& got, const Peaks& want, float least) {
 void check_error_bounds(double width) {
   const int n = 300, t = 40, cell = 11;
   Scene scene = random_scene({n, n, t, t, cell}, 0.1);
-  for (size_t i = 0; i < scene.mic.size(); i++)
-    scene.mic[i] *= static_cast<float>(
-        std::exp(-std::pow((i % n - 110.0) / width, 2) - std::pow((static_cast<double>(i / n) - 90) / 60, 2)));
+  for (int y = 0; y < n; y++)
+    for (int x = 0; x < n; x++)
+      scene.mic[static_cast<size_t>(y) * n + x] *=
+          static_cast<float>(std::exp(-std::pow((x - 110) / width, 2) - std::pow((y - 90) / 60.0, 2)));
   LaneScan* scan = lane_scan_new(n, n, t, t, 72, 0.11, cell);
   lane_scan_transform_micrograph(scan, scene.mic.data());
   const CellGrid cells{cell, scene.grid_nx(), scene.grid_ny()};
