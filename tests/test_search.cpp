@@ -94,7 +94,7 @@ Peaks searched(ScanWorkspace* ws, const Scene& scene, const Angles& angles, floa
 
 Peaks searched(const Scene& scene, const Angles& angles, float band, float least = -kInfinity) {
   ScanWorkspace ws =
-      scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny, angles.count(), band, scene.cell, kHostLanes);
+      scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny, angles.count(), band, scene.cell, kHostSearch);
   Peaks result = scan_searches(&ws) ? searched(&ws, scene, angles, least) : Peaks{};
   scan_workspace_free(&ws);
   return result;
@@ -145,7 +145,7 @@ void check_error_bounds(double width) {
     for (int x = 0; x < n; x++)
       scene.mic[static_cast<size_t>(y) * n + x] *=
           static_cast<float>(std::exp(-std::pow((x - 110) / width, 2) - std::pow((y - 90) / 60.0, 2)));
-  LaneScan* scan = lane_scan_new(n, n, t, t, 72, 0.11, cell);
+  LaneScan* scan = lane_scan_new(n, n, t, t, 72, 0.11, cell, true);
   lane_scan_transform_micrograph(scan, scene.mic.data());
   const CellGrid cells{cell, scene.grid_nx(), scene.grid_ny()};
   ErrorBounds bounds = error_bounds_new(scan, cells);
@@ -230,7 +230,7 @@ TEST(Search, FallsBackOnMapsOfTheMicrographAtHand) {
   Scene second = first;
   second.mic = random_values(first.mic.size(), 77);
   const Angles angles{0, 359, 15};
-  ScanWorkspace ws = scan_workspace_new(200, 180, 16, 13, angles.count(), 0.1f, 9, kHostLanes);
+  ScanWorkspace ws = scan_workspace_new(200, 180, 16, 13, angles.count(), 0.1f, 9, kHostSearch);
   for (const Scene& scene : {first, second, first})
     expect_peaks(searched(&ws, scene, angles, -kInfinity), peaks_of_maps(scene, angles), -kInfinity);
   scan_workspace_free(&ws);
@@ -266,7 +266,7 @@ TEST(Search, GivesTheSameOnAnyNumberOfCoresAndForTheNextMicrograph) {
   Peaks want;
   for (const int cores : {1, 2, 3, 7}) {
     const Cores limit(cores);
-    ScanWorkspace ws = scan_workspace_new(200, 180, 16, 13, angles.count(), 0.1f, 9, kHostLanes);
+    ScanWorkspace ws = scan_workspace_new(200, 180, 16, 13, angles.count(), 0.1f, 9, kHostSearch);
     searched(&ws, other, angles, 0.1f);
     const Peaks got = searched(&ws, scene, angles, 0.1f);
     scan_workspace_free(&ws);

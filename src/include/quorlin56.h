@@ -8,9 +8,9 @@
 /// Most angles that one pass of the scan takes together.
 constexpr int kMaxScanBatch = 64;
 
-/// The ways to go through a scan: batched transforms of the device, or the host's own (lane_scan.h). Both give the
-/// same maps up to rounding.
-enum ScanWay { kDeviceTransforms, kHostLanes };
+/// The ways to go through a scan: batched transforms of the device, or the host's own (lane_scan.h), which searches for
+/// peaks where that is faster, or, for tests, wherever it can. All give the same maps and peaks up to rounding.
+enum ScanWay { kDeviceTransforms, kHostLanes, kHostSearch };
 
 /// The faster way of this build's device. KESTRIX_DEVICE_WAYS is for tests that take a GPU's road on the host.
 #if defined(KESTRIX_CUDA) || defined(KESTRIX_DEVICE_WAYS)

@@ -33,6 +33,13 @@ int cheapest_side(int least, int most, Cost cost) {
 // Looking through the samples, in passes of a transform.
 constexpr double kExamineCost = 4;
 
+// Measured in the same unit, for all angles together: a cell's candidates, which grow with the first few angles, for each
+// pixel of the template the sums that decide between them, and, shared by two templates, for each pixel what is done for
+// the micrograph.
+constexpr double kCellCost = 60000;
+constexpr double kSumCost = 7;
+constexpr double kMicrographCost = 50;
+
 // Part of a spectrum of `side` values that a band takes up, widened by a blend over `length` pixels: the main lobe of a
 // Kaiser window.
 double blended_width(double band, int length) {
@@ -147,7 +154,7 @@ double lane_maps_cost(const LaneAxis& x, const LaneAxis& y) {
   return y.parts[0].count * cost_of_side(x.parts[0].plan.n) + 1.5 * x.parts[0].plan.n * cost_of_side(y.parts[0].plan.n);
 }
 
-double lane_search_cost(const LaneAxis& x, const LaneAxis& y) {
+double lane_search_cost(const LaneAxis& x, const LaneAxis& y, int n_angles, int cell, double T_pixels) {
   double cost = 0;
   for (const LanePart& down : y.parts) {
     for (const LanePart& across : x.parts) {
@@ -157,5 +164,11 @@ double lane_search_cost(const LaneAxis& x, const LaneAxis& y) {
               columns * (cost_of_side(down.samples.n) + 0.5 * cost_of_side(down.plan.n));
     }
   }
-  return cost;
+  const double pixels = static_cast<double>(x.parts[0].plan.n) * y.parts[0].plan.n;
+  const double cells = pixels / (static_cast<double>(cell) * cell);
+  // Where the spectrum leaves room in the samples, errors are small and candidates few.
+  const double fullness = std::max(x.parts[0].width * x.parts[0].step, y.parts[0].width * y.parts[0].step);
+  const double candidates = 0.2 + 0.8 * std::pow(fullness, 4);
+  return cost + cells * candidates * (kCellCost + kSumCost * T_pixels) / (n_angles + 8) +
+         pixels * kMicrographCost / n_angles;
 }

@@ -44,6 +44,8 @@ LaneAxis lane_axis_split(int n, int t, double band);
 
 void lane_axis_free(LaneAxis* axis);
 
-/// The work for each angle of maps over these axes in one part each, and of a search over these, for choosing.
+/// The work for each angle of maps over these axes in one part each, for choosing.
 double lane_maps_cost(const LaneAxis& x, const LaneAxis& y);
-double lane_search_cost(const LaneAxis& x, const LaneAxis& y);
+
+/// The same of a search of n_angles angles over divided axes, in cells of the side `cell`, with templates of T_pixels.
+double lane_search_cost(const LaneAxis& x, const LaneAxis& y, int n_angles, int cell, double T_pixels);

@@ -23,18 +23,16 @@ constexpr size_t kMostPairs = 8;
 // Fewer angles don't pay for the transforms of a divided micrograph.
 constexpr int kFewAngles = 8;
 
-// Smaller cells have so many peaks that deciding between their candidates takes longer than maps.
-constexpr int kSmallestCell = 6;
-
-// Divides the axes for a search if that pays. Returns whether it does.
-bool divide_axes(LaneScan* scan, double band, int cell) {
+// Divides the axes for a search if that pays, or in any case. Returns whether it did.
+bool divide_axes(LaneScan* scan, double band, int cell, bool in_any_case) {
   scan->x = lane_axis_whole(scan->nx, scan->T_nx);
   scan->y = lane_axis_whole(scan->ny, scan->T_ny);
-  if (cell < kSmallestCell || scan->n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2)
-    return false;
+  if (cell < 1 || scan->n_angles < kFewAngles || band >= 0.5 || std::min(scan->T_nx, scan->T_ny) < 2) return false;
   LaneAxis split_x = lane_axis_split(scan->nx, scan->T_nx, band);
   LaneAxis split_y = lane_axis_split(scan->ny, scan->T_ny, band);
-  const bool pays = lane_search_cost(split_x, split_y) < lane_maps_cost(scan->x, scan->y);
+  const bool pays =
+      in_any_case || lane_search_cost(split_x, split_y, scan->n_angles, cell,
+                                      static_cast<double>(scan->T_nx) * scan->T_ny) < lane_maps_cost(scan->x, scan->y);
   if (pays) {
     std::swap(scan->x, split_x);
     std::swap(scan->y, split_y);
@@ -107,7 +105,8 @@ float energy_of(const float* T, int n) {
 
 }  // namespace
 
-LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell) {
+LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell,
+                        bool search_if_possible) {
   auto* scan = host_new<LaneScan>(1);
   *scan = LaneScan{};
   scan->nx = nx;
@@ -117,7 +116,7 @@ LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   scan->T_rows = up_to_lanes(static_cast<size_t>(T_ny));
   scan->n_angles = n_angles;
   scan->threads = omp_get_max_threads();
-  const bool searches = divide_axes(scan, band, cell);
+  const bool searches = divide_axes(scan, band, cell, search_if_possible);
   set_up_regions(scan);
   scan->boxes = turned_boxes_new(T_nx, T_ny, n_angles);
   const size_t most = searches ? static_cast<size_t>(n_angles) : kMostPairs;

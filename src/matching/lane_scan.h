@@ -11,7 +11,9 @@ struct LaneScan;
 /// cell   side of the grid's cells in pixels where their peaks are all that is wanted, else 0
 /// band   the highest frequency of the images in cycles per pixel, as far as it is known, else 0.5; it decides on the
 ///        fastest way, not on the result
-LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell);
+/// search_if_possible   whether to search whatever it costs
+LaneScan* lane_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell,
+                        bool search_if_possible = false);
 void lane_scan_free(LaneScan* scan);
 
 /// Whether it searches: then lane_scan_search is to be called, else lane_scan_template.

@@ -166,8 +166,8 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
 #ifndef KESTRIX_CUDA
-  if (way == kHostLanes) {
-    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell);
+  if (way != kDeviceTransforms) {
+    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
     return ws;
   }
 #endif
