@@ -96,9 +96,9 @@ void fold_rows(const LaneScan* scan, const TurnPair& turns, const float* psi, si
   LaneValue* parts = scratch.passes;
   LaneValue* half_turn_parts = parts + plan->n;
   LaneValue* passes = half_turn_parts + plan->n;
-  divide_rows(scan, region, products_of(scan, pair, false), rows, y, 1, scratch.in, parts);
+  divide_rows(scan, region, products_of(scan, pair, false), rows, y, scratch.in, parts);
   if (turns.has_half_turns)
-    divide_rows(scan, region, products_of(scan, pair, true), rows, y, 1, scratch.in, half_turn_parts);
+    divide_rows(scan, region, products_of(scan, pair, true), rows, y, scratch.in, half_turn_parts);
   for (size_t first = 0; first < std::min(step, width_of(scan)); first++) {
     const size_t n = (width_of(scan) - first + step - 1) / step;
     LaneValue* best = scan->maps->best + strip * width_of(scan) + first;

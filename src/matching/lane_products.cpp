@@ -96,10 +96,10 @@ void gather_rows(const LanePart& part, const KeptFrequencies& kept, const LaneVa
 }
 
 void divide_rows(const LaneScan* scan, const Region& region, const LaneValue* products, size_t rows, size_t y,
-                 size_t apart, LaneValue* row, LaneValue* parts) {
+                 LaneValue* row, LaneValue* parts) {
   const LanePart& part = across(scan, region);
   const KeptFrequencies& kept = scan->kept_blocks[region.across];
   const auto width = static_cast<size_t>(part.plan.n);
-  gather_rows(part, kept, products, rows, y, apart, row);
+  gather_rows(part, kept, products, rows, y, 1, row);
   lane_fft_divide_outer(&part.samples, row, low_values(kept, width, kLanes), high_values(kept, width, kLanes), parts);
 }

@@ -137,7 +137,7 @@ void correlate_columns(const LaneScan* scan, const Region& region, size_t pair, 
 void gather_rows(const LanePart& part, const KeptFrequencies& kept, const LaneValue* products, size_t rows, size_t y,
                  size_t apart, LaneValue* row);
 
-/// Begins the inverse in x of eight rows of the products of a pair: rows y, y + apart, y + 2 * apart, ... of each block
-/// to `row` (as many values as the part of x has samples) and on to lane_fft_divide_outer's parts.
+/// Begins the inverse in x of rows y to y + 7 of each block of the products of a pair: to `row` (as many values as the part
+/// of x has samples) and on to lane_fft_divide_outer's parts.
 void divide_rows(const LaneScan* scan, const Region& region, const LaneValue* products, size_t rows, size_t y,
-                 size_t apart, LaneValue* row, LaneValue* parts);
+                 LaneValue* row, LaneValue* parts);

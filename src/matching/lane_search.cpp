@@ -90,13 +90,13 @@ LaneValue* strip_at(const SearchThread* thread, size_t strip, size_t width) {
 void transform_strip(const LaneScan* scan, const Region& region, const LaneValue* products, size_t strip,
                      size_t n_strips, bool negate_re, LaneValue* to) {
   const ThreadScratch scratch = scratch_of_thread(scan);
-  const LanePlan* plan = &across(scan, region).samples;
-  const auto n = static_cast<size_t>(plan->n);
-  LaneValue* parts = scratch.passes;
-  const int radix = lane_plan_parts(plan);
-  divide_rows(scan, region, products, product_rows(scan, region), strip, n_strips, scratch.in, parts);
-  for (int part = 0; part < radix; part++)
-    lane_fft_part(plan, parts, part, to + part, static_cast<size_t>(radix), parts + n);
+  const LanePart& part = across(scan, region);
+  const KeptFrequencies& kept = scan->kept_blocks[region.across];
+  const auto n = static_cast<size_t>(part.samples.n);
+  const auto width = static_cast<size_t>(part.plan.n);
+  gather_rows(part, kept, products, product_rows(scan, region), strip, n_strips, scratch.in);
+  lane_fft_of_outer(&part.samples, scratch.in, low_values(kept, width, kLanes), high_values(kept, width, kLanes), to,
+                    scratch.passes);
   if (negate_re)
     for (size_t x = 0; x < n; x++) to[x].re = -to[x].re;
 }
