@@ -9,6 +9,7 @@
 #include "conditioning.h"
 #include "cuda_general.h"
 #include "img_filter.h"
+#include "platform/wide_lanes.h"
 #include "quorlin56.h"
 
 namespace {
@@ -75,8 +76,8 @@ float band_pass(float* mic, int side) {
   return 5.36f / 40.0f;
 }
 
-// Arguments: the working side, and whether the micrograph is band-passed as by default and searched in the default's
-// cells, or noise of all frequencies, of which maps are made.
+// Arguments: the working side; whether the micrograph is band-passed as by default and searched in the default's cells,
+// or noise of all frequencies, of which maps are made; whether with AVX-512 where the processor has it, or as one without.
 void scan_72_angles(benchmark::State& state) {
   const int side = static_cast<int>(state.range(0));
   const int T_side = side / 16;
@@ -95,6 +96,7 @@ void scan_72_angles(benchmark::State& state) {
   ScanWorkspace scan = scan_workspace_new(side, side, T_side, T_side, kAngles, band, cell);
   PeakWorkspace peaks = peak_workspace_new((side - 1) / kCell + 1, (side - 1) / kCell + 1);
   BareTransforms bare = bare_transforms_new(side);
+  set_wide_lanes(state.range(2) != 0);
 
   const auto ours = [&] {
     silence_stdout(true);
@@ -109,6 +111,7 @@ void scan_72_angles(benchmark::State& state) {
   };
   run_paired(state, 1.5, ours, [&] { bare_transforms_run(bare); });
 
+  set_wide_lanes(true);
   bare_transforms_free(&bare);
   peak_workspace_free(&peaks);
   scan_workspace_free(&scan);
@@ -118,7 +121,7 @@ void scan_72_angles(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(scan_72_angles)
-    ->ArgsProduct({{512, 958, 1024, 1440, 2048}, {0, 1}})
-    ->ArgNames({"side", "band_passed"})
+    ->ArgsProduct({{512, 958, 1024, 1440, 2048}, {0, 1}, {0, 1}})
+    ->ArgNames({"side", "band_passed", "wide"})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);

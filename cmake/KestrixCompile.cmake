@@ -55,7 +55,8 @@ function(kestrix_use_device target)
   else()
     target_sources(${target} PRIVATE
       src/platform/host_runtime.cpp src/platform/host_fft.cpp src/platform/lane_bluestein.cpp
-      src/platform/lane_cosine.cpp src/platform/lane_cosine_1d.cpp src/platform/lane_fft.cpp)
+      src/platform/lane_cosine.cpp src/platform/lane_cosine_1d.cpp src/platform/lane_fft.cpp
+      src/platform/wide_lanes.cpp)
     target_include_directories(${target} PRIVATE ${FFTW3_INCLUDE_DIR})
     target_link_libraries(${target} PUBLIC ${FFTW3F_OMP_LIBRARY} ${FFTW3F_LIBRARY} OpenMP::OpenMP_CXX m)
   endif()

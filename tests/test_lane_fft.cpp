@@ -4,9 +4,12 @@
 #include "platform/lane_bluestein.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
+#include "platform/wide_lanes.h"
 #include "test_numeric.h"
 
 namespace {
@@ -49,17 +52,25 @@ struct Lanes {
   LaneValue* in;
 };
 
-/// Runs a transform of the first `low` and the last `high` of n values and checks it; what is between mustn't matter.
+/// Runs a transform of the first `low` and the last `high` of n values and checks it; what is between mustn't matter, and
+/// neither the width of the vectors that it goes by.
 template <class Transform>
 void check_transform(int n, int low, int high, Transform transform) {
   const Lanes lanes(n, low, high);
   LanePlan plan = lane_plan_new(n);
   const auto room = static_cast<size_t>(n);
-  LaneValue* buffers = lane_values_new(4 * room);
-  std::copy_n(lanes.in, n, buffers);
-  std::fill(buffers + low, buffers + n - high, LaneValue{Lane{} + 7, Lane{} + 7});
-  transform(&plan, buffers, buffers + room, buffers + 2 * room);
+  LaneValue* buffers = lane_values_new(5 * room);
+  LaneValue* wide = buffers + 4 * room;
+  for (const bool is_wide : {true, false}) {
+    set_wide_lanes(is_wide);
+    std::copy_n(lanes.in, n, buffers);
+    std::fill(buffers + low, buffers + n - high, LaneValue{Lane{} + 7, Lane{} + 7});
+    transform(&plan, buffers, buffers + room, buffers + 2 * room);
+    if (is_wide) std::copy_n(buffers + room, n, wide);
+  }
+  set_wide_lanes(true);
   for (const int lane : {0, 3, kLanes - 1}) lanes.expect_transformed(buffers + room, lane);
+  EXPECT_EQ(0, memcmp(wide, buffers + room, room * sizeof(LaneValue))) << n << " values, " << low << " and " << high;
   free(buffers);
   lane_plan_free(&plan);
 }
@@ -71,7 +82,8 @@ TEST(LaneFft, HandlesTheLengthsWithoutPrimesAboveFive) {
   for (const int n : {0, -8, 7, 14, 958, 1034, 65537}) EXPECT_FALSE(lane_plan_handles(n)) << n;
 }
 
-TEST(LaneFft, AgreesWithTheDefinition) {
+TEST(LaneFft, AgreesWithTheDefinitionByVectorsOfAnyWidth) {
+  if (!wide_lanes_possible()) printf("No AVX-512: only the narrower vectors are tested.\n");
   std::vector<int> lengths = {960, 1024, 1080, 1440};  // and all up to 320
   for (int n = 1; n <= 320; n++)
     if (lane_plan_handles(n)) lengths.push_back(n);

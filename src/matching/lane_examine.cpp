@@ -4,75 +4,71 @@
 #include <limits>
 #include <type_traits>
 
-#include "platform/launch.h"
+#include "platform/wide_lanes.h"
 
 namespace {
 
-// A LaneValue as one vector, that a processor with AVX-512 takes at once.
-typedef float Both __attribute__((vector_size(2 * kLanes * sizeof(float)), aligned(alignof(LaneValue))));
-
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12 && !defined(__SANITIZE_ADDRESS__)
-#define WIDE_KERNEL_LOOP __attribute__((target_clones("default", "arch=x86-64-v3", "arch=x86-64-v4")))
-#else
-#define WIDE_KERNEL_LOOP
-#endif
-
-const Both* both(const LaneValue* values) { return reinterpret_cast<const Both*>(values); }
+// Adds to sums what is interpolated for each offset but 0 from kTaps samples that lie `apart` values from each other.
+template <int Step, class Value>
+INTO_LOOP void weigh_samples(const Value* samples, size_t apart, const SampleWeights& weights, Value* sums) {
+#pragma GCC unroll 9
+  for (int j = 0; j < kTaps; j++) {
+    const Value value = samples[static_cast<size_t>(j) * apart];
+#pragma GCC unroll 4
+    for (int i = 0; i < Step; i++)
+      if (i + lowest_offset(Step) != 0) sums[i] = sums[i] + value * weights.of_offset[i][j];
+  }
+}
 
 // Interpolates n values in y for every offset but 0 from strips that lie `apart` values from each other, the first of
 // them at `first`; the results follow each other `apart` values from each other, too.
 template <int Step>
-WIDE_KERNEL_LOOP void interpolate_rows(const Both* first, size_t apart, size_t n, const SampleWeights* weights,
-                                       Both* out) {
-  for (size_t x = 0; x < n; x++) {
-    Both sums[Step]{};
-#pragma GCC unroll 9
-    for (int j = 0; j < kTaps; j++) {
-      const Both value = first[x + static_cast<size_t>(j) * apart];
+struct InterpolateRows {
+  template <class Value>
+  INTO_LOOP static void of(const LaneValue* first, size_t apart, size_t n, const SampleWeights* weights,
+                           LaneValue* out) {
+    const Value* values = values_of<Value>(first);
+    for (size_t x = 0; x < n; x++) {
+      Value sums[Step]{};
+      weigh_samples<Step>(values + x, apart, *weights, sums);
+      Value* to = values_of<Value>(out) + x;
 #pragma GCC unroll 4
-      for (int i = 0; i < Step; i++)
-        if (i + lowest_offset(Step) != 0) sums[i] += weights->of_offset[i][j] * value;
-    }
-    Both* to = out + x;
-#pragma GCC unroll 4
-    for (int i = 0; i < Step; i++) {
-      if (i + lowest_offset(Step) == 0) continue;
-      *to = sums[i];
-      to += apart;
-    }
-  }
-}
-
-template <int Step>
-WIDE_KERNEL_LOOP bool rise_above(const Both* const* rows, int n_rows, size_t count, const SampleWeights* weights,
-                                 const SampleLimits* limits, Both* above) {
-  const Lane in_re = Lane{} + limits->added_in_re;
-  Both any = Both{} - 1;
-  for (size_t x = 0; x < count; x++) {
-    const Lane limit = limits->of_runs[limits->runs[x]];
-    Both best = Both{} - std::numeric_limits<float>::infinity();
-    for (int r = 0; r < n_rows; r++) {
-      const Both* row = rows[r] + x;
-#pragma GCC unroll 4
-      for (int offset = 0; offset < Step; offset++) {
-        Both sum{};
-        if (offset + lowest_offset(Step) == 0) {
-          sum = row[kReach];
-        } else {
-#pragma GCC unroll 9
-          for (int j = 0; j < kTaps; j++) sum += weights->of_offset[offset][j] * row[j];
-        }
-        best = sum > best ? sum : best;
+      for (int i = 0; i < Step; i++) {
+        if (i + lowest_offset(Step) == 0) continue;
+        *to = sums[i];
+        to += apart;
       }
     }
-    best -= __builtin_shufflevector(limit + in_re, limit, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    above[x] = best;
-    any = best > any ? best : any;
   }
-  bool found = false;
-  for (int lane = 0; lane < 2 * kLanes; lane++) found |= any[lane] > 0;
-  return found;
-}
+};
+
+// Finds for each of `count` samples by how much the largest of the correlations around it is above its limit, and whether
+// any is.
+template <int Step>
+struct RiseAbove {
+  template <class Value>
+  INTO_LOOP static void of(const LaneValue* const* rows, int n_rows, size_t count, const SampleWeights* weights,
+                           const SampleLimits* limits, LaneValue* above, bool* found) {
+    const Lane lowest = Lane{} - std::numeric_limits<float>::infinity();
+    const Lane in_re = Lane{} + limits->added_in_re;
+    Value any = joined<Value>(lowest, lowest);
+    for (size_t x = 0; x < count; x++) {
+      const Lane limit = limits->of_runs[limits->runs[x]];
+      Value best = joined<Value>(lowest, lowest);
+      for (int r = 0; r < n_rows; r++) {
+        const Value* row = values_of<Value>(rows[r]) + x;
+        Value sums[Step]{};
+        weigh_samples<Step>(row, 1, *weights, sums);
+#pragma GCC unroll 4
+        for (int i = 0; i < Step; i++) best = larger(i + lowest_offset(Step) == 0 ? row[kReach] : sums[i], best);
+      }
+      best = best - joined<Value>(limit + in_re, limit);
+      values_of<Value>(above)[x] = best;
+      any = larger(best, any);
+    }
+    *found = has_positive(any);
+  }
+};
 
 // Calls f<Step>() for the step.
 template <class F>
@@ -93,9 +89,8 @@ void for_step(int step, F f) {
 
 SampleRows interpolate_in_y(const LaneValue* strip, size_t apart, size_t n, const SampleWeights& y, LaneValue* room) {
   SampleRows rows{};
-  for_step(y.step, [&](auto step) {
-    interpolate_rows<step()>(both(strip) - kReach * apart, apart, n, &y, reinterpret_cast<Both*>(room));
-  });
+  for_step(y.step,
+           [&](auto step) { run_over_lanes<InterpolateRows<step()>>(strip - kReach * apart, apart, n, &y, room); });
   rows.n_rows = y.step;
   for (int i = 0; i < y.step; i++) {
     const bool in_middle = i + lowest_offset(y.step) == 0;
@@ -107,13 +102,14 @@ SampleRows interpolate_in_y(const LaneValue* strip, size_t apart, size_t n, cons
 
 bool find_above(const SampleRows& rows, size_t x, size_t count, const SampleWeights& weights,
                 const SampleLimits& limits, LaneValue* above) {
-  const Both* from[kMostStep];
-  for (int r = 0; r < rows.n_rows; r++) from[r] = both(rows.rows[r] + x);
-  bool any = false;
+  const LaneValue* from[kMostStep];
+  for (int r = 0; r < rows.n_rows; r++) from[r] = rows.rows[r] + x;
+  bool found = false;
   for_step(weights.step, [&](auto step) {
-    any = rise_above<step()>(from, rows.n_rows, count, &weights, &limits, reinterpret_cast<Both*>(above));
+    run_over_lanes<RiseAbove<step()>>(static_cast<const LaneValue* const*>(from), rows.n_rows, count, &weights, &limits,
+                                      above, &found);
   });
-  return any;
+  return found;
 }
 
 float interpolated(const SampleRows& rows, int row, size_t x, const SampleWeights& weights, int offset, int lane) {
