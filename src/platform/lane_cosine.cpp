@@ -11,9 +11,7 @@
 #include "platform/lane_cosine_1d.h"
 #include "platform/lane_transpose.h"
 #include "platform/launch.h"
-
-// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
-#define INTO_LOOP __attribute__((always_inline)) inline
+#include "platform/wide_lanes.h"
 
 struct CosinePlans {
   CosineSide x, y;

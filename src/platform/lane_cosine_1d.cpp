@@ -6,18 +6,13 @@
 
 #include "host_memory.h"
 #include "platform/launch.h"
+#include "platform/wide_lanes.h"
 
 // The forward and inverse transform of n real values take one complex transform of n (Makhoul, IEEE Trans. ASSP 28
 // (1980) 27). The correlation at whole positions is such an inverse transform of n/2 values at the odd positions and, at
 // the even ones, a correlation of half the length; what can't be halved any more is the transform of an even array.
 
-// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
-#define INTO_LOOP __attribute__((always_inline)) inline
-
 namespace {
-
-INTO_LOOP LaneValue operator+(LaneValue a, LaneValue b) { return {a.re + b.re, a.im + b.im}; }
-INTO_LOOP LaneValue operator-(LaneValue a, LaneValue b) { return {a.re - b.re, a.im - b.im}; }
 
 // Arrays of no more values are not worth halving.
 constexpr int kLeastToHalve = 16;

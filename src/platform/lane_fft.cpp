@@ -17,29 +17,22 @@
 
 namespace {
 
-// The first pass divides a transform of n values into Radix transforms of n / Radix, one behind the other.
-template <int Radix>
+// The first pass divides a transform of n values into Radix transforms of n / Radix, one behind the other. Outer: only the
+// first and the last quarter of the values are not 0.
+template <int Radix, bool Outer = false>
 struct FirstPass {
   template <class Value>
   INTO_LOOP static void of(const LaneValue* in, LaneValue* out, size_t n, const float* factors) {
     const Value* x = values_of<Value>(in);
     Value* parts = values_of<Value>(out);
     const size_t part = n / Radix;
-    for (size_t p = 0; p < part; p++, factors += 2 * (Radix - 1))
-      butterfly<Radix>(x + p, part, parts + p, part, Factors{factors});
-  }
-};
-
-// The first pass where only the first and the last quarter of the values are not 0.
-template <int Radix>
-struct OuterFirstPass {
-  template <class Value>
-  INTO_LOOP static void of(const LaneValue* in, LaneValue* out, size_t n, const float* factors) {
-    const Value* x = values_of<Value>(in);
-    Value* parts = values_of<Value>(out);
-    const size_t part = n / Radix;
-    for (size_t p = 0; p < part; p++, factors += 2 * (Radix - 1))
-      outer_butterfly<Radix>(x + p, part, parts + p, part, Factors{factors});
+    for (size_t p = 0; p < part; p++, factors += 2 * (Radix - 1)) {
+      if constexpr (Outer) {
+        outer_butterfly<Radix>(x + p, part, parts + p, part, Factors{factors});
+      } else {
+        butterfly<Radix>(x + p, part, parts + p, part, Factors{factors});
+      }
+    }
   }
 };
 
@@ -304,8 +297,8 @@ void lane_fft_divide_outer(const LanePlan* plan, LaneValue* in, size_t low, size
   const size_t high_begin = narrow ? n - n / 4 : low_end;
   memset(in + low, 0, (low_end - low) * sizeof(LaneValue));
   memset(in + high_begin, 0, (n - high - high_begin) * sizeof(LaneValue));
-  if (narrow && radix == 4) return run_over_lanes<OuterFirstPass<4>>(in, parts, n, plan->factors[0]);
-  if (narrow) return run_over_lanes<OuterFirstPass<8>>(in, parts, n, plan->factors[0]);
+  if (narrow && radix == 4) return run_over_lanes<FirstPass<4, true>>(in, parts, n, plan->factors[0]);
+  if (narrow) return run_over_lanes<FirstPass<8, true>>(in, parts, n, plan->factors[0]);
   if (radix == 1) {
     parts[0] = in[0];
     return;

@@ -1,11 +1,10 @@
 // The transposition of eight by eight values in registers, for the loops that bring rows into columns.
 #pragma once
 
-#include "platform/lane_fft.h"
+#include "platform/wide_lanes.h"
 
-/// Row i of eight becomes column i, in place. Inlined whatever its size, so that it is compiled for the instruction set
-/// of the loop around it.
-__attribute__((always_inline)) inline void lane_transpose_block(Lane* rows) {
+/// Row i of eight becomes column i, in place.
+INTO_LOOP void lane_transpose_block(Lane* rows) {
   Lane pairs[8];
   Lane quads[8];
 #pragma GCC unroll 4
