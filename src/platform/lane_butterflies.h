@@ -5,7 +5,7 @@
 
 #include "platform/wide_lanes.h"
 
-// The factors of a butterfly's values but the first: cosine and sine of each.
+/// The factors of a butterfly's values but the first: cosine and sine of each.
 struct Factors {
   const float* next;
 };
@@ -14,14 +14,14 @@ INTO_LOOP Value turned(Value a, Factors factors, int k) {
   return turned_by(a, factors.next[2 * k - 2], factors.next[2 * k - 1]);
 }
 
-// The factors of a last pass, which are all 1.
+/// The factors of a last pass, which are all 1.
 struct NoFactors {};
 template <class Value>
 INTO_LOOP Value turned(Value a, NoFactors, int) {
   return a;
 }
 
-// A butterfly takes the Radix values x[k * in_step] to y[k * out_step], each but the first multiplied by its factor.
+/// A butterfly takes the Radix values x[k * in_step] to y[k * out_step], each but the first multiplied by its factor.
 template <class Value, class F>
 INTO_LOOP void butterfly_2(const Value* x, size_t in_step, Value* y, size_t out_step, F factors) {
   const Value x0 = x[0];
@@ -42,7 +42,7 @@ INTO_LOOP void butterfly_3(const Value* x, size_t in_step, Value* y, size_t out_
   y[2 * out_step] = turned(middle - side, factors, 2);
 }
 
-// What is left of a butterfly of radix 4 after its sums and differences of x[k] and x[k + 2].
+/// What is left of a butterfly of radix 4 after its sums and differences of x[k] and x[k + 2].
 template <class Value, class F>
 INTO_LOOP void finish_radix_4(Value even_sum, Value even_difference, Value odd_sum, Value odd_difference, Value* y,
                               size_t out_step, F factors) {
@@ -84,8 +84,8 @@ INTO_LOOP void butterfly_5(const Value* x, size_t in_step, Value* y, size_t out_
   y[4 * out_step] = turned(near - near_side, factors, 4);
 }
 
-// Two butterflies of radix 3, of the even and of the odd values, put together by prime factors: 6 = 2 * 3 needs no
-// factors between the two.
+/// Two butterflies of radix 3, of the even and of the odd values, put together by prime factors: 6 = 2 * 3 needs no
+/// factors between the two.
 template <class Value, class F>
 INTO_LOOP void butterfly_6(const Value* x, size_t in_step, Value* y, size_t out_step, F factors) {
   constexpr float kSin60 = 0.866025403784438647f;
@@ -107,7 +107,7 @@ INTO_LOOP void butterfly_6(const Value* x, size_t in_step, Value* y, size_t out_
   y[5 * out_step] = turned(even[2] - odd[2], factors, 5);
 }
 
-// What is left of a butterfly of radix 8 after its sums a and differences b of x[k] and x[k + 4].
+/// What is left of a butterfly of radix 8 after its sums a and differences b of x[k] and x[k + 4].
 template <class Value, class F>
 INTO_LOOP void finish_radix_8(Value a0, Value a1, Value a2, Value a3, Value b0, Value b1, Value b2, Value b3, Value* y,
                               size_t out_step, F factors) {
@@ -156,7 +156,7 @@ INTO_LOOP void butterfly(const Value* x, size_t in_step, Value* y, size_t out_st
   if constexpr (Radix == 8) butterfly_8(x, in_step, y, out_step, factors);
 }
 
-// The butterfly of radix 4 or 8 of which only the first and the last quarter of the values are not 0.
+/// The butterfly of radix 4 or 8 of which only the first and the last quarter of the values are not 0.
 template <int Radix, class Value>
 INTO_LOOP void outer_butterfly(const Value* x, size_t in_step, Value* y, size_t out_step, Factors factors) {
   const Value first = x[0];

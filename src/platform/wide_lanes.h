@@ -15,9 +15,9 @@
 /// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
 #define INTO_LOOP __attribute__((always_inline)) inline
 
-/// A LaneValue as one vector: re in its lower half, im in its upper one.
+/// A LaneValue as one vector: re in its lower half, im in its upper one. May stand for LaneValues in memory.
 typedef float WideVector __attribute__((vector_size(2 * kLanes * sizeof(float)), aligned(alignof(LaneValue))));
-struct WideValue {
+struct __attribute__((may_alias)) WideValue {
   WideVector both;
 };
 static_assert(sizeof(WideValue) == sizeof(LaneValue), "values lie in the same places");
