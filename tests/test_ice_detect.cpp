@@ -51,7 +51,8 @@ TEST_F(CellSearch, RecordsTheLastPixelBeyondALimitAndBeyondTheOneRecordedBefore)
     std::vector<float> lave, lsigma;
     unsigned pixel;
   } cells[] = {{{0, 0, 0, 0}, {0, 0, 0, 0}, 0},                  // clean
-               {{-1.5f, -1.5f, 1, 1}, {0, 2, 0, 2}, 0},          // at the limits
+               {{-2, 1, 0, 0}, {0, 2, 0, 0}, 0},                 // at two limits
+               {{2, -1.5f, 0, 0}, {0, 0, 0, 0}, 0},              // at the third
                {{0, 0, 0, 0}, {0, 3, 4, 3.5f}, 2},               // the roughest
                {{0, -2, -3, -2.5f}, {0, 0, 0, 0}, 2},            // the darkest
                {{0, 2, 3, 2.5f}, {0, 0, 0, 0}, 2},               // the brightest
@@ -73,6 +74,9 @@ TEST_F(CellSearch, RecordsTheLastPixelBeyondALimitAndBeyondTheOneRecordedBefore)
   std::vector<float> lave(35, 0.0f), lsigma(35, 0.0f);
   for (const size_t pixel : {8, 10, 20, 32, 34}) lave[pixel] = 2;
   EXPECT_EQ(std::vector<unsigned>({8, 10, 20, 0, 32, 34}), searched(lave, lsigma, 7, 3).grid);
+  std::vector<float> wide(80, 0.0f);
+  wide[77] = 2;
+  EXPECT_EQ(std::vector<unsigned>{77}, searched(wide, std::vector<float>(80, 0.0f), 40, 1000).grid);
 }
 
 TEST_F(RejectedList, HoldsWhatIsFartherThanHalfACellFromTheEdges) {

@@ -50,12 +50,14 @@ using Peak = DeviceTest;
 
 TEST_F(Peak, IsTheFirstOfTheLargestValuesOfItsCell) {
   EXPECT_EQ("1", left({{6, 6, 0.3f}, {8, 6, 0.5f}, {7, 7, 0.5f}, {9, 8, kNaN}}));
+  EXPECT_EQ("0", left({{6, 6, 0.5f}, {7, 6, 0.5f}})) << "in a row, too";
   EXPECT_EQ("", left({{5, 5, kNaN}, {6, 6, 0.5f}})) << "nothing is above a first pixel of NaN";
   EXPECT_EQ("", left({{5, 5, 0.5f}, {6, 6, 0.4f}})) << "a first pixel is none";
   EXPECT_EQ("1", left({{5, 5, -kInfinity}, {6, 6, 0.5f}, {7, 7, -kInfinity}}));
   // Cells that the edges cut; one that holds all.
   EXPECT_EQ(std::vector<unsigned>({0, 0, 23, 72, 0, 83}),
             peaks_of({{11, 1, 0.5f}, {0, 6, 0.5f}, {11, 6, 0.5f}}, 0, {}, 5, 12, 7));
+  EXPECT_EQ(std::vector<unsigned>({77}), peaks_of({{37, 1, 0.5f}}, 0, {}, 1000, 40, 2));
   EXPECT_EQ(std::vector<unsigned>({315}), peaks_of({{6, 6, 0.5f}, {15, 15, 0.7f}}, 0, {}, INT_MAX));
   EXPECT_EQ(std::vector<unsigned>({0}), peaks_of({{6, 6, 0.5f}, {15, 15, 0.7f}}, 0, {1}, INT_MAX));
 }
