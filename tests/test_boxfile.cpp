@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <set>
 #include <vector>
 
@@ -38,15 +39,15 @@ struct ReadHead {
   std::string data_line;
 };
 
-// What a STAR file's head says, and the first line of data.
-ReadHead read_head(const std::string& name, const std::string& content) {
+// What a STAR file's head says, and what is read from the place of a data line on.
+ReadHead read_head(const std::string& name, const std::string& content, long line = 0) {
   write_file(name, content);
   ReadHead read{};
   FILE* file = fopen(name.c_str(), "r");
   fseek(file, 0, SEEK_END);
   star_read_head(file, &read.head);
   set_info_index_from_star_head(&read.head, &read.index);
-  star_set_pointer(file, 0);
+  star_set_pointer(file, line);
   char text[1024] = "";
   if (fgets(text, sizeof text, file)) read.data_line = text;
   fclose(file);
@@ -162,14 +163,26 @@ TEST_F(StarFile, TheFirstLineThatIsNoHeadLineEndsTheHead) {
   EXPECT_EQ(0, read.index.CoordinateY);
 }
 
-TEST(StarKeywords, AreCompleteAndKnown) {
+TEST_F(StarFile, IsPlacedAtAnyDataLine) {
+  const std::string content = "data_\nloop_\n_rlnCoordinateX #1\none\n\ntwo\n_rlnCoordinateY #2\nthree";
+  const char* const lines[] = {"one\n", "two\n", "three", "three"};  // in the end the last one
+  for (long line = 0; line < 4; line++) EXPECT_EQ(lines[line], read_head(path("a.star"), content, line).data_line);
+}
+
+TEST(StarKeywords, AreCompleteAndEveryOneThatIsUsedSetsAFieldOfItsOwn) {
   std::set<std::string> keywords;
-  int n = 0;
+  int n = 0, used = 0;
+  ParticleInfoIndex none;
+  particle_info_index_init(&none);
   for (; STAR_HEAD_KEYWORDS[n][0]; n++) {
     keywords.insert(STAR_HEAD_KEYWORDS[n]);
     EXPECT_EQ(1, is_star_head_keyword(STAR_HEAD_KEYWORDS[n]));
+    ParticleInfoIndex probe = none;
+    set_info_index_from_keyword_number(STAR_HEAD_KEYWORDS[n], 1, &probe);
+    used += memcmp(&probe, &none, sizeof probe) != 0;
   }
   EXPECT_EQ(228, n);
+  EXPECT_EQ(29, used);
   EXPECT_EQ(227u, keywords.size());  // _rlnDataDimensionality stands twice
   for (const char* other : {"_rlncomment", "_rlnCommen", ""}) EXPECT_EQ(0, is_star_head_keyword(other)) << other;
 }

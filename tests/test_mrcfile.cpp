@@ -86,6 +86,18 @@ TEST(MrcHead, NewHeadHasEveryInitialValueAtItsOffset) {
   free(head);
 }
 
+TEST(MrcHead, NamesModes) {
+  std::string names;
+  for (const int mode : {-1, 0, 1, 2, 3, 4, 5, 6, 16, 20, 21, 22}) {
+    const MRC_HEAD head = head_of(1, 1, 1, mode);
+    names += mrc_get_head_mode(&head) + std::string(", ");
+  }
+  EXPECT_EQ(
+      "Unknown, Byte, Short, Float, Complex Short, Complex Float, Unknown, Unsigned Short, RGB, "
+      "Complex Float (Real, Imag), Complex Float (Amp, Rad), Complex Float (Amp, Deg), ",
+      names);
+}
+
 TEST_F(MrcFile, EveryReadableModeAndAxisGivesTheSamplesAsFloats) {
   constexpr int nx = 307, ny = 211, nz = 3;
   const struct {

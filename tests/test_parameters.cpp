@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <ctime>
 #include <functional>
 #include <iterator>
 #include <sstream>
@@ -215,10 +216,19 @@ TEST(Help, IsTheCheckedText) {
   EXPECT_EQ(golden("help_full.txt"), output_of([] { kestrix_help_full("kestrix"); }));
 }
 
-TEST(Tips, EveryBlockIsTheCheckedText) {
+TEST(Tips, EveryBlockIsTheCheckedTextAndTheRandomOneIsThatOfTheSecond) {
   std::string blocks;
-  for (int i = 0; i < kKestrixTips; i++) blocks += output_of([i] { kestrix_put_tip(i); });
+  const auto block = [](int tip) { return output_of([tip] { kestrix_put_tip(tip); }); };
+  for (int i = 0; i < kKestrixTips; i++) blocks += block(i);
   EXPECT_EQ(golden("tip_blocks.txt"), blocks);
+  const time_t before = time(nullptr);
+  const std::string printed = output_of(kestrix_put_one_random_tip);
+  bool found = false;
+  for (time_t second = before; second <= time(nullptr); second++) {
+    srand(static_cast<unsigned>(second));
+    found = found || printed == block(rand() % kKestrixTips);
+  }
+  EXPECT_TRUE(found) << printed;
 }
 
 TEST(Report, IsTheCheckedText) {
