@@ -6,8 +6,8 @@
 #include <cmath>
 #include <csignal>
 #include <limits>
-#include <map>
-#include <random>
+#include <set>
+#include <sstream>
 #include <vector>
 
 #include "boxfile.h"
@@ -19,8 +19,6 @@ namespace {
 struct Candidate {
   int x, y;  // centre
   float score;
-  int template_index = 0;
-  float psi = 0.0f;
 };
 
 struct Setting {
@@ -29,141 +27,90 @@ struct Setting {
   int box_w, box_h;
 };
 
-// A grid of 10 x 10 cells of 21 pixels.
+// A grid of 10 x 10 cells of 21 pixels; picks closer than the root of 882 pixels are neighbours.
 constexpr Setting kPlain = {210, 210, 30.0f, 0.1f, 1.0f, 2, 2};
 
-constexpr char kStarHead[] =
-    "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n_rlnClassNumber #4\n"
-    "_rlnAutopickFigureOfMerit #5\n";
-
+// The candidates as boxes of 7 x 6 pixels, their class numbers counted from 0.
 std::string candidate_lines(const std::vector<Candidate>& candidates) {
   std::string lines;
-  for (const Candidate& c : candidates) {
-    char line[256];
-    snprintf(line, sizeof line, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d\t%-8.3f\n", c.x - 3, c.y - 3, 7, 6, c.score,
-             c.template_index, c.psi);
-    lines += line;
-  }
+  for (const Candidate& c : candidates)
+    lines += std::to_string(c.x - 3) + " " + std::to_string(c.y - 3) + " 7 6 " + std::to_string(c.score) + "\t" +
+             std::to_string(&c - candidates.data()) + " 45.5\n";
   return lines;
 }
 
 class BoxFilter : public FolderTest {
  protected:
-  std::string filter(const Setting& s, const std::string& lines, int kind = 2, const std::string& excluded = "NULL") {
+  std::string filter(const Setting& s, const std::string& lines, int kind = 2, const std::string& excluded = "",
+                     int2 origin = {0, 0}) {
     write_file(path("m_nonunique.box"), lines);
+    write_file(path("excluded.box"), excluded);
     const std::string out = path(kind == 1 ? "m_quorlin.star" : "m_quorlin.box");
-    box_filter(s.nx, s.ny, s.min_dist, s.cutoff, s.shrink, s.box_w, s.box_h, {0, 0}, path("m_nonunique.box").c_str(),
-               excluded.c_str(), out.c_str(), kind);
+    box_filter(s.nx, s.ny, s.min_dist, s.cutoff, s.shrink, s.box_w, s.box_h, origin, path("m_nonunique.box").c_str(),
+               excluded.empty() ? "NULL" : path("excluded.box").c_str(), out.c_str(), kind);
     EXPECT_FALSE(std::filesystem::exists(out + "~"));
     return read_file(out);
   }
+
+  // Which of the candidates are in the list.
+  std::set<size_t> left(const Setting& s, const std::vector<Candidate>& candidates, const std::string& excluded = "") {
+    std::istringstream words(filter(s, candidate_lines(candidates), 2, excluded));
+    std::set<size_t> found;
+    std::string before, behind;
+    for (size_t index = 0; words >> before >> before >> before >> before >> before >> index >> behind;)
+      found.insert(index);
+    return found;
+  }
 };
 
-// The same selection told otherwise: cells in a map, removal as a flag, neighbours by clamped rows and
-// columns.
-struct Cell {
-  Candidate best;
-  bool alive;
-};
-using Cells = std::map<std::pair<int, int>, Cell>;
-
-Cells best_per_cell(const Setting& s, const std::vector<Candidate>& candidates, int c, int gx, int gy) {
-  Cells cells;
-  for (const Candidate& candidate : candidates) {
-    if (candidate.x < 0 || candidate.y < 0 || candidate.x / c >= gx || candidate.y / c >= gy) continue;
-    const auto key = std::make_pair(candidate.y / c, candidate.x / c);
-    const auto found = cells.find(key);
-    if (candidate.score <= (found == cells.end() ? 0.0f : found->second.best.score)) continue;
-    Candidate placed = candidate;
-    placed.y += placed.x / s.nx;  // past the right edge the position wraps
-    placed.x %= s.nx;
-    cells[key] = {placed, true};
-  }
-  return cells;
-}
-
-void remove_losers(const Setting& s, Cells& cells, int c, int gx, int gy) {
-  for (auto& [key, cell] : cells) {
-    const auto [row, column] = key;
-    bool beaten = row == 0 || column == 0 || row == gy - 1 || column == gx - 1;
-    for (int r = row - 1; r <= row + 1; r++) {
-      for (int q = column - 1; q <= column + 1; q++) {
-        const auto other = cells.find({r, q});
-        if (other == cells.end() || !other->second.alive || (r == row && q == column)) continue;
-        const int dx = cell.best.x - other->second.best.x;
-        const int dy = cell.best.y - other->second.best.y;
-        beaten |= dx * dx + dy * dy < 2 * c * c && cell.best.score <= other->second.best.score;
-      }
-    }
-    if (beaten || cell.best.score < s.cutoff) cell.alive = false;
-  }
-}
-
-std::string reference_list(const Setting& s, const std::vector<Candidate>& candidates,
-                           const std::vector<PTCL_BOX>& excluded, int kind) {
-  const int c = static_cast<int>(1.41421354f * s.min_dist / 2.0f);
-  const int gx = (s.nx + c - 1) / c;
-  const int gy = (s.ny + c - 1) / c;
-  Cells cells = best_per_cell(s, candidates, c, gx, gy);
-  remove_losers(s, cells, c, gx, gy);
-  std::string list = kind == 1 ? kStarHead : "";
-  for (const auto& [key, cell] : cells) {
-    const float x = static_cast<float>(cell.best.x) * s.shrink;
-    const float y = static_cast<float>(cell.best.y) * s.shrink;
-    const auto half_w = static_cast<float>(s.box_w >> 1);
-    const auto half_h = static_cast<float>(s.box_h >> 1);
-    bool stays = cell.alive && x > half_w && y > half_h && x < static_cast<float>(s.nx) * s.shrink - half_w &&
-                 y < static_cast<float>(s.ny) * s.shrink - half_h;
-    for (const PTCL_BOX& box : excluded) {
-      const int dx = static_cast<int>(x) - (box.x + box.w / 2);
-      const int dy = static_cast<int>(y) - (box.y + box.h / 2);
-      stays &= static_cast<float>(dx * dx + dy * dy) >= static_cast<float>(2 * c * c) * s.shrink * s.shrink;
-    }
-    if (!stays) continue;
-    char line[256];
-    if (kind == 1) {
-      snprintf(line, sizeof line, "%-8d%-8d%-8.6f\t%-8d%-8.6f\n", static_cast<int>(x), static_cast<int>(y),
-               cell.best.psi, cell.best.template_index, cell.best.score);
-    } else {
-      snprintf(line, sizeof line, "%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n", static_cast<int>(x - half_w),
-               static_cast<int>(y - half_h), s.box_w, s.box_h, cell.best.score, cell.best.template_index,
-               cell.best.psi);
-    }
-    list += line;
-  }
-  return list;
-}
+using Left = std::set<size_t>;
 
 }  // namespace
 
-TEST_F(BoxFilter, AgreesWithAnotherTellingOfItsRulesOnRandomCandidates) {
-  std::mt19937 random(11);
-  const auto in = [&](int low, int high) { return low + static_cast<int>(random() % (high - low + 1)); };
-  size_t lines = 0;
-  for (int round = 0; round < 40; round++) {
-    const auto real = [&](int low, int high) { return static_cast<float>(in(low * 8, high * 8)) / 8.0f; };
-    const Setting s = {in(150, 400), in(150, 400), real(4, 30), 0.25f, real(1, 5), in(0, 90), in(0, 90)};
-    std::vector<Candidate> candidates;
-    for (int i = 0; i < 3000; i++) {
-      const float score = static_cast<float>(in(-4, 64)) / 64.0f;  // few enough values for ties
-      candidates.push_back({in(-20, 450), in(-20, 450), score, in(0, 5), static_cast<float>(in(0, 719)) / 2.0f});
-    }
-    std::vector<PTCL_BOX> excluded;
-    std::string excluded_lines;
-    for (int i = 0; i < round % 4 * 5; i++) {
-      excluded.push_back({in(-50, 1500), in(-50, 1500), in(0, 99), in(0, 99), 0.0f, 0, 0.0f});
-      const PTCL_BOX& b = excluded.back();
-      excluded_lines += std::to_string(b.x) + " " + std::to_string(b.y) + " " + std::to_string(b.w) + " " +
-                        std::to_string(b.h) + "\n";
-    }
-    write_file(path("excluded.box"), excluded_lines);
-    for (const int kind : {2, 1}) {
-      const std::string list = filter(s, candidate_lines(candidates), kind, path("excluded.box"));
-      EXPECT_EQ(reference_list(s, candidates, excluded, kind), list) << round;
-      lines += static_cast<size_t>(std::count(list.begin(), list.end(), '\n'));
-    }
-  }
-  EXPECT_GT(lines, 2000u);
+TEST_F(BoxFilter, KeepsTheFirstOfTheBestInACellUnlessANeighbourBeatsIt) {
+  EXPECT_EQ(Left({1}), left(kPlain, {{50, 50, 0.3f}, {55, 52, 0.5f}, {45, 45, 0.5f}}));
+  EXPECT_EQ(Left({1}), left(kPlain, {{50, 50, 0.5f}, {70, 50, 0.5f}})) << "the first of a tie is removed";
+  EXPECT_EQ(Left({2}), left(kPlain, {{50, 50, 0.3f}, {68, 50, 0.4f}, {86, 50, 0.5f}}));
+  EXPECT_EQ(Left({0, 2}), left(kPlain, {{50, 50, 0.5f}, {68, 50, 0.4f}, {86, 50, 0.3f}})) << "a removed one beats none";
+  EXPECT_EQ(Left({0, 1}), left(kPlain, {{45, 45, 0.3f}, {66, 66, 0.5f}})) << "just far enough";
+  EXPECT_EQ(Left({1}), left(kPlain, {{45, 46, 0.3f}, {66, 66, 0.5f}}));
+  for (const int from : {-1, 1})
+    for (const auto& [dx, dy] : {std::pair{20, 0}, {0, 20}, {20, 20}, {20, -20}})
+      EXPECT_EQ(Left({1}), left(kPlain, {{115, 115, 0.3f}, {115 + from * dx, 115 + from * dy, 0.5f}})) << dx << dy;
+}
+
+TEST_F(BoxFilter, LeavesOutWhatIsWeakOutsideOrInTheOutermostCells) {
+  EXPECT_EQ(Left({0}), left(kPlain, {{50, 50, 0.1f}, {150, 50, 0.099f}}));
+  Setting any = kPlain;
+  any.cutoff = -1;
+  EXPECT_EQ(Left({2}), left(any, {{50, 50, 0.0f}, {100, 50, -0.5f}, {150, 50, 0.01f}}));
+  const std::vector<Candidate> rim = {{10, 50, 0.5f},   {50, 10, 0.5f},   {200, 50, 0.5f}, {50, 200, 0.5f},
+                                      {22, 22, 0.5f},   {188, 188, 0.5f}, {-3, 50, 0.9f},  {50, -3, 0.9f},
+                                      {300, 100, 0.9f}, {50, 300, 0.9f}};
+  EXPECT_EQ(Left({4, 5}), left(kPlain, rim));
+  Setting narrow = kPlain;
+  narrow.nx = 200;
+  EXPECT_EQ(Left({0}), left(narrow, {{188, 50, 0.3f}, {205, 50, 0.9f}})) << "past the right edge positions wrap";
+  const Setting large_box = {210, 210, 30.0f, 0.1f, 1.0f, 50, 60};
+  const std::vector<Candidate> near_edges = {{25, 60, 0.5f}, {26, 120, 0.5f}, {184, 60, 0.5f},  {185, 120, 0.5f},
+                                             {60, 30, 0.5f}, {100, 31, 0.5f}, {150, 179, 0.5f}, {105, 180, 0.5f}};
+  EXPECT_EQ(Left({1, 2, 5, 6}), left(large_box, near_edges));
+  const Setting shrunk = {210, 210, 30.0f, 0.1f, 2.0f, 2, 2};
+  EXPECT_EQ(Left({1, 2}), left(shrunk, {{50, 50, 0.5f}, {110, 50, 0.5f}, {100, 150, 0.5f}, {150, 100, 0.5f}},
+                               "154 95 10 11\n242 342 0 0\n340 239 5 5\n"))
+      << "excluded places lie in raw pixels";
+}
+
+TEST_F(BoxFilter, WritesRawPixelsInEitherFormTruncated) {
+  const Setting s = {210, 210, 30.0f, 0.1f, 2.5f, 7, 6};
+  const std::string one = candidate_lines({{51, 53, 0.3125f}});
+  EXPECT_EQ("124     129     7       6       0.312500\t0       45.500000\n", filter(s, one));
+  EXPECT_EQ("127     134     7       6       0.312500\t0       45.500000\n", filter(s, one, 2, "", {3, 5}));
+  const std::string head =
+      "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n_rlnAnglePsi #3\n_rlnClassNumber #4\n"
+      "_rlnAutopickFigureOfMerit #5\n";
+  EXPECT_EQ(head + "127     132     45.500000\t0       0.312500\n", filter(s, one, 1));
+  EXPECT_EQ(head + "130     137     45.500000\t0       0.312500\n", filter(s, one, 1, "", {3, 5}));
 }
 
 TEST_F(BoxFilter, BrokenLinesAreSkippedAndAbsurdSettingsSurvived) {
@@ -180,32 +127,27 @@ TEST_F(BoxFilter, BrokenLinesAreSkippedAndAbsurdSettingsSurvived) {
 
 TEST_F(BoxFilter, AListThatCannotBeWrittenEndsTheRunAndLeavesTheEarlierOneAlone) {
   std::vector<Candidate> candidates;
-  for (int i = 1; i < 9; i++)
-    for (int j = 1; j < 9; j++) candidates.push_back({i * 21 + 10, j * 21 + 10, 0.2f + 0.01f * static_cast<float>(i)});
+  for (int i = 0; i < 64; i++)
+    candidates.push_back({31 + i % 8 * 21, 31 + i / 8 * 21, 0.2f + 0.001f * static_cast<float>(i)});
   write_file(path("m_nonunique.box"), candidate_lines(candidates));
   write_file(path("m_quorlin.box"), "earlier\n");
-  const auto run = [&](const std::string& in, const std::string& out) {
+  const auto run = [&](const std::string& out) {
     return run_in_child([&] {
       signal(SIGXFSZ, SIG_IGN);
       const rlimit limit = {1000, 1000};
       setrlimit(RLIMIT_FSIZE, &limit);
-      box_filter(210, 210, 15.0f, 0.1f, 1.0f, 2, 2, {0, 0}, in.c_str(), "NULL", out.c_str(), 2);
+      box_filter(210, 210, 15.0f, 0.1f, 1.0f, 2, 2, {0, 0}, path("m_nonunique.box").c_str(), "NULL", out.c_str(), 2);
     });
   };
-  const ChildResult full = run(path("m_nonunique.box"), path("m_quorlin.box"));
+  const ChildResult full = run(path("m_quorlin.box"));
   EXPECT_EQ(1, full.status);
   EXPECT_TRUE(holds(full.out, "writing " + path("m_quorlin.box") + " failed, no space left?")) << full.out;
   EXPECT_EQ("earlier\n", read_file(path("m_quorlin.box")));
-  const std::string failed = fatal_line("box_filter", "boxfile", "open file failed.");
-  EXPECT_EQ("Cannot open file absent.box. Permission denied or wrong file name.\n" + failed,
-            run("absent.box", path("out.box")).out);
-  std::filesystem::create_directory(path("folder.box"));
-  for (const std::string& out : {path("absent/out.box"), path("folder.box"), path(std::string(300, 'x'))}) {
-    const ChildResult refused = run(path("m_nonunique.box"), out);
-    EXPECT_EQ(1, refused.status);
-    EXPECT_EQ("Cannot write to file " + out + ". Permission denied or no space left!\n" + failed, refused.out);
-  }
-  EXPECT_EQ(1, run(path("m_nonunique.box"), std::string(1023, 'x')).status);
+  const std::string absent = path("absent/out.box");
+  EXPECT_EQ("Cannot write to file " + absent + ". Permission denied or no space left!\n" +
+                fatal_line("box_filter", "boxfile", "open file failed."),
+            run(absent).out);
+  EXPECT_EQ(1, run(std::string(1023, 'x')).status);
 }
 
 // --- The candidates that it reads ---

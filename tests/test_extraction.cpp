@@ -1,5 +1,4 @@
 #include <climits>
-#include <cstring>
 #include <vector>
 
 #include "process2d_mrc.h"
@@ -16,15 +15,9 @@ class Extraction : public FolderTest {
  protected:
   // That movie, in 16-bit samples.
   void write_movie(const std::string& name, int nx, int ny, int nz, int claimed_nz) {
-    MRC_HEAD* claimed = mrc_new_head();
-    mrc_set_head_xyz_mode(claimed, nx, ny, claimed_nz, 1);
-    std::string file(reinterpret_cast<const char*>(claimed), sizeof *claimed);
-    free(claimed);
-    for (int i = 1; i <= nx * ny * nz; i++) {
-      file += static_cast<char>(i & 255);
-      file += static_cast<char>(i >> 8);
-    }
-    write_file(path(name), file);
+    std::string samples;
+    for (int i = 1; i <= nx * ny * nz; i++) samples += {static_cast<char>(i & 255), static_cast<char>(i >> 8)};
+    write_mrc(path(name), nx, ny, claimed_nz, 1, samples);
   }
 
   std::vector<float> extract(const std::string& movie, const std::string& boxes, int size, int invert) {
@@ -60,7 +53,7 @@ TEST_F(Extraction, BoxesAreCutFromEveryFrameWithZerosOutsideTheImage) {
       EXPECT_EQ(2, head.mode);
       EXPECT_EQ(8 * nz, head.nz);
       float* block = get_mrcf_data_ptcls(path("m.mrc").c_str(), path("m_quorlin.box").c_str(), 0, invert);
-      EXPECT_EQ(0, memcmp(block, expected.data(), expected.size() * sizeof(float)));
+      EXPECT_EQ(expected, std::vector<float>(block, block + expected.size()));
       free(block);
     }
   }
@@ -74,6 +67,7 @@ TEST_F(Extraction, TheFirstBoxHoldsForAllUpToTheMostBoxes) {
   EXPECT_EQ(std::vector<float>(10240, 15.0f), extract("m.mrcs", boxes, 0, 0));
   EXPECT_EQ(0u, extract("m.mrcs", "", 64, 0).size());
   EXPECT_EQ(0, head.nx + head.ny + head.nz);
+  EXPECT_EQ(0.0f, head.amax);
 }
 
 TEST_F(Extraction, AbsurdSizesAndFilesThatDisagreeEndTheRunWithoutAStack) {

@@ -6,59 +6,20 @@
 
 namespace {
 
-struct Limits {
-  float lave_min, lave_max, lsigma_cutoff;
-};
-
 /// What the search leaves in each cell.
 struct Cells {
   std::vector<unsigned> grid;
   std::vector<float> lave, lsigma;
 };
 
-/// The search as a plain loop. A running value starts at the cell's first pixel and follows every recorded one.
-Cells searched(const std::vector<float>& lave, const std::vector<float>& lsigma, int Nx, int Ny, int box,
-               const Limits& limits) {
-  Cells cells;
-  for (int y0 = 0; y0 < Ny; y0 += box) {
-    for (int x0 = 0; x0 < Nx; x0 += box) {
-      unsigned point = 0;
-      float A = lave[static_cast<size_t>(y0) * Nx + x0], B = lsigma[static_cast<size_t>(y0) * Nx + x0];
-      for (int y = y0; y < Ny && y < y0 + box; y++) {
-        for (int x = x0; x < Nx && x < x0 + box; x++) {
-          const size_t i = static_cast<size_t>(y) * Nx + x;
-          const bool rough = lsigma[i] > limits.lsigma_cutoff && lsigma[i] > B;
-          const bool dark = lave[i] < limits.lave_min && lave[i] < A;
-          const bool bright = lave[i] > limits.lave_max && lave[i] > A;
-          if (!rough && !dark && !bright) continue;
-          A = lave[i];
-          B = lsigma[i];
-          point = static_cast<unsigned>(i);
-        }
-      }
-      cells.grid.push_back(point);
-      cells.lave.push_back(A);
-      cells.lsigma.push_back(B);
-    }
-  }
-  return cells;
-}
-
-Cells searched_on_device(const std::vector<float>& lave, const std::vector<float>& lsigma, int Nx, int Ny, int box,
-                         const Limits& limits) {
-  const size_t n = static_cast<size_t>((Nx - 1) / box + 1) * ((Ny - 1) / box + 1);
+/// The search in maps of one row of cells, with -1.5 and 1 as the limits of the average and 2 as that of sigma.
+Cells searched(const std::vector<float>& lave, const std::vector<float>& lsigma, int Nx, int box) {
+  const int Ny = static_cast<int>(lave.size()) / Nx;
+  const auto n = static_cast<size_t>((Nx - 1) / box + 1) * ((Ny - 1) / box + 1);
   const auto a = to_device(lave), s = to_device(lsigma), grid_lave = unwritten(n), grid_lsigma = unwritten(n);
   const auto grid = to_device(std::vector<unsigned>(n, 12345u));
-  hcuda_find_sigma_grids(a.get(), s.get(), grid.get(), grid_lave.get(), grid_lsigma.get(), Nx, Ny, box, limits.lave_min,
-                         limits.lave_max, limits.lsigma_cutoff);
+  hcuda_find_sigma_grids(a.get(), s.get(), grid.get(), grid_lave.get(), grid_lsigma.get(), Nx, Ny, box, -1.5f, 1, 2);
   return {to_host(grid, n), to_host(grid_lave, n), to_host(grid_lsigma, n)};
-}
-
-/// Maps of few different values, so that many equal each other or a limit, with NaN among them.
-std::vector<float> coarse_map(size_t n, unsigned seed, float nan_share) {
-  std::vector<float> map = random_values(n, seed, -4, 4), choice = random_values(n, seed + 1, 0, 1);
-  for (size_t i = 0; i < n; i++) map[i] = choice[i] < nan_share ? kNaN : std::round(map[i] * 2) / 2;
-  return map;
 }
 
 class RejectedList : public FolderTest {
@@ -85,23 +46,37 @@ struct IceDetection : FolderTest {
 
 using CellSearch = DeviceTest;
 
-TEST_F(CellSearch, EqualsAPlainLoopOnMapsWithTiesLimitsAndNaN) {
-  const int Nx = 47, Ny = 38;
-  const size_t n = static_cast<size_t>(Nx) * Ny;
-  const Limits limits{-1.5f, 1.0f, 2.0f};  // values that the maps hold
-  unsigned seed = 1;
-  for (const int box : {1, 2, 5, 7, 16, 46, 47, 1000, INT_MAX}) {
-    for (const float nan_share : {0.0f, 0.1f, 0.6f}) {
-      SCOPED_TRACE(testing::Message() << "cells of " << box << ", NaN " << nan_share);
-      const std::vector<float> lave = coarse_map(n, seed++, nan_share), lsigma = coarse_map(n, seed++, nan_share);
-      // A plain loop's own index would overflow with the largest cell.
-      const Cells want = searched(lave, lsigma, Nx, Ny, std::min(box, 1000), limits);
-      const Cells got = searched_on_device(lave, lsigma, Nx, Ny, box, limits);
-      EXPECT_EQ(want.grid, got.grid);
-      EXPECT_TRUE(same_bits(got.lave, want.lave));
-      EXPECT_TRUE(same_bits(got.lsigma, want.lsigma));
+TEST_F(CellSearch, RecordsTheLastPixelBeyondALimitAndBeyondTheOneRecordedBefore) {
+  const struct {
+    std::vector<float> lave, lsigma;
+    unsigned pixel;
+  } cells[] = {{{0, 0, 0, 0}, {0, 0, 0, 0}, 0},                  // clean
+               {{-2, 1, 0, 0}, {0, 2, 0, 0}, 0},                 // at two limits
+               {{2, -1.5f, 0, 0}, {0, 0, 0, 0}, 0},              // at the third
+               {{0, 0, 0, 0}, {0, 3, 4, 3.5f}, 2},               // the roughest
+               {{0, -2, -3, -2.5f}, {0, 0, 0, 0}, 2},            // the darkest
+               {{0, 2, 3, 2.5f}, {0, 0, 0, 0}, 2},               // the brightest
+               {{0, 0, 0, 0}, {0, 3, 3, 0}, 1},                  // the first of equals
+               {{-4, -3, 0, 0}, {5, 4, 0, 0}, 0},                // less than the first pixel, which isn't recorded
+               {{0, 2, -2, 0}, {0, 0, 0, 3}, 3},                 // bright, then dark, then rough
+               {{kNaN, -2, 0, 0}, {kNaN, 3, kNaN, 0}, 0},        // nothing is beyond NaN
+               {{0, kNaN, 2, kNaN}, {0, kNaN, kNaN, kNaN}, 2}};  // and NaN is beyond nothing
+  for (const auto& cell : cells) {
+    SCOPED_TRACE(testing::Message() << "cell " << &cell - cells);
+    for (const int box : {2, 1000, INT_MAX}) {
+      const Cells got = searched(cell.lave, cell.lsigma, 2, box);
+      EXPECT_EQ(std::vector<unsigned>{cell.pixel}, got.grid);
+      EXPECT_TRUE(same_bits(got.lave, {cell.lave[cell.pixel]}));
+      EXPECT_TRUE(same_bits(got.lsigma, {cell.lsigma[cell.pixel]}));
     }
   }
+  // Cells of 3 pixels, the last ones cut off.
+  std::vector<float> lave(35, 0.0f), lsigma(35, 0.0f);
+  for (const size_t pixel : {8, 10, 20, 32, 34}) lave[pixel] = 2;
+  EXPECT_EQ(std::vector<unsigned>({8, 10, 20, 0, 32, 34}), searched(lave, lsigma, 7, 3).grid);
+  std::vector<float> wide(80, 0.0f);
+  wide[77] = 2;
+  EXPECT_EQ(std::vector<unsigned>{77}, searched(wide, std::vector<float>(80, 0.0f), 40, 1000).grid);
 }
 
 TEST_F(RejectedList, HoldsWhatIsFartherThanHalfACellFromTheEdges) {
@@ -143,13 +118,17 @@ TEST_F(IceDetection, MarksTheContaminatedCellsAndWritesListsAndMaps) {
   mirror_pad_free(&pad);
 
   const std::vector<float> lave = read_image(path("m_bg.mrc")).data, lsigma = read_image(path("m_lsigma.mrc")).data;
-  const Cells want = searched(lave, lsigma, N, N, box, {-1, 1, 1.3f});
-  EXPECT_EQ(want.grid, to_host(d_grid, 25));
+  const std::vector<unsigned> marks = to_host(d_grid, 25);
   // The patch is 6 deep: float transforms are off by some 1e-6 in the means, 1e-5 in those of squares.
   EXPECT_TRUE(all_near(lave, windowed_mean(widened(image), N, N, static_cast<double>(3.6f), 2), 1e-5));
   EXPECT_TRUE(all_near(lsigma, windowed_sigma(image, N, N, static_cast<double>(4.7f), 2), 2e-4));
-  EXPECT_NE(0u, want.grid[12]) << "the patch";
-  output_ice_coord(path("again").c_str(), want.grid.data(), want.lave.data(), want.lsigma.data(), N, N, {0, 0}, box, 2,
+  EXPECT_NE(0u, marks[12]) << "the patch";
+  std::vector<float> marked_lave, marked_lsigma;
+  for (const unsigned mark : marks) {
+    marked_lave.push_back(lave[mark]);
+    marked_lsigma.push_back(lsigma[mark]);
+  }
+  output_ice_coord(path("again").c_str(), marks.data(), marked_lave.data(), marked_lsigma.data(), N, N, {0, 0}, box, 2,
                    2);
   EXPECT_EQ(read_file(path("again")), read_file(path("m_rejected.box")));
 }

@@ -6,130 +6,72 @@
 
 namespace {
 
-/// The peaks of a map's cells.
-struct Peaks {
-  std::vector<unsigned> index;
-  std::vector<float> cc, psi;
+struct Dot {
+  int x, y;
+  float cc;
 };
 
-/// A correlation map and how its peaks are looked for.
-struct Search {
-  int nx, ny, cell;
-  std::vector<float> ccmax;
-  float cutoff = 0;
-  std::vector<unsigned> excluded;
-
-  int across() const { return (nx - 1) / cell + 1; }
-  int down() const { return (ny - 1) / cell + 1; }
-  size_t cells() const { return static_cast<size_t>(across()) * down(); }
-  unsigned point(int x, int y) const { return static_cast<unsigned>(y * nx + x); }
-};
-
-/// An angle for each pixel, to tell whence a cell's angle comes.
-float angle_of(size_t pixel) { return static_cast<float>(pixel) * 0.25f; }
-
-Peaks found(const Search& s) {
-  std::vector<float> angles;
-  for (size_t i = 0; i < s.ccmax.size(); i++) angles.push_back(angle_of(i));
-  const auto ccmax = to_device(s.ccmax), psi = to_device(angles);
-  const auto excluded = to_device(s.excluded);
-  Peaks peaks{std::vector<unsigned>(s.cells(), 4711u), std::vector<float>(s.cells()), std::vector<float>(s.cells())};
-  PeakWorkspace ws = peak_workspace_new(s.across(), s.down());
-  gpu_find_filter_ccmax_psi_grids_exclusive(&ws, ccmax.get(), psi.get(), peaks.index.data(), peaks.cc.data(),
-                                            peaks.psi.data(), s.cutoff, s.nx, s.ny, s.cell, excluded.get(),
-                                            static_cast<unsigned>(s.excluded.size()));
+/// The peaks of the cells of a map of -1 with some other pixels, each by its index, or 0 where there is none.
+std::vector<unsigned> peaks_of(const std::vector<Dot>& dots, float cutoff = 0,
+                               const std::vector<unsigned>& excluded = {}, int cell = 5, int nx = 20, int ny = 20) {
+  std::vector<float> map(static_cast<size_t>(nx) * ny, -1.0f), angles;
+  for (const Dot& dot : dots) map[static_cast<size_t>(dot.y) * nx + dot.x] = dot.cc;
+  for (size_t i = 0; i < map.size(); i++) angles.push_back(static_cast<float>(i) * 0.25f);
+  const auto ccmax = to_device(map), psi = to_device(angles);
+  const auto places = to_device(excluded);
+  const int across = (nx - 1) / cell + 1, down = (ny - 1) / cell + 1;
+  const size_t cells = static_cast<size_t>(across) * down;
+  std::vector<unsigned> index(cells, 4711u);
+  std::vector<float> cc(cells), angle(cells);
+  PeakWorkspace ws = peak_workspace_new(across, down);
+  gpu_find_filter_ccmax_psi_grids_exclusive(&ws, ccmax.get(), psi.get(), index.data(), cc.data(), angle.data(), cutoff,
+                                            nx, ny, cell, places.get(), static_cast<unsigned>(excluded.size()));
   peak_workspace_free(&ws);
-  return peaks;
+  for (size_t c = 0; c < cells; c++)
+    EXPECT_TRUE(index[c] == 0 || (cc[c] == map[index[c]] && angle[c] == angles[index[c]])) << "cell " << c;
+  return index;
 }
 
-/// Largest value of each cell, from its first pixel on; index 0 where that is the first pixel.
-Peaks cell_maxima(const Search& s) {
-  Peaks peaks;
-  const int cell = std::min(s.cell, 1000);  // places in a larger one would overflow
-  for (int y0 = 0; y0 < s.ny; y0 += cell) {
-    for (int x0 = 0; x0 < s.nx; x0 += cell) {
-      float best = s.ccmax[s.point(x0, y0)];
-      unsigned at = 0;
-      for (int y = y0; y < std::min(y0 + cell, s.ny); y++)
-        for (int x = x0; x < std::min(x0 + cell, s.nx); x++)
-          if (s.ccmax[s.point(x, y)] > best) {
-            best = s.ccmax[s.point(x, y)];
-            at = s.point(x, y);
-          }
-      peaks.index.push_back(at);
-      peaks.cc.push_back(best);
-      peaks.psi.push_back(at ? angle_of(at) : kNaN);
-    }
-  }
-  return peaks;
-}
-
-bool near(const Search& s, unsigned a, unsigned b) {
-  const long dx = static_cast<long>(a) % s.nx - static_cast<long>(b) % s.nx;
-  const long dy = static_cast<long>(a) / s.nx - static_cast<long>(b) / s.nx;
-  return dx * dx + dy * dy < 2L * s.cell * s.cell;
-}
-
-/// Which peaks remain when every decision is taken on all that were found.
-Peaks filtered(const Search& s) {
-  const Peaks all = cell_maxima(s);
-  Peaks kept = all;
-  for (int gy = 0; gy < s.down(); gy++) {
-    for (int gx = 0; gx < s.across(); gx++) {
-      const size_t i = static_cast<size_t>(gy) * s.across() + gx;
-      bool beaten = all.cc[i] < s.cutoff;
-      for (const unsigned e : s.excluded) beaten = beaten || near(s, all.index[i], e);
-      for (int dy = -1; dy <= 1; dy++) {
-        for (int dx = -1; dx <= 1; dx++) {
-          if (gx + dx < 0 || gx + dx >= s.across() || gy + dy < 0 || gy + dy >= s.down()) continue;
-          const size_t n = static_cast<size_t>(gy + dy) * s.across() + gx + dx;
-          beaten = beaten || (near(s, all.index[i], all.index[n]) && all.cc[i] < all.cc[n]);
-        }
-      }
-      if (beaten) kept.index[i] = 0;
-    }
-  }
-  return kept;
-}
-
-size_t survivors(const Peaks& peaks) {
-  return peaks.index.size() - static_cast<size_t>(std::count(peaks.index.begin(), peaks.index.end(), 0u));
+/// Which of the dots are peaks.
+std::string left(const std::vector<Dot>& dots, float cutoff = 0, const std::vector<unsigned>& excluded = {}) {
+  const std::vector<unsigned> peaks = peaks_of(dots, cutoff, excluded);
+  std::string found;
+  for (const Dot& dot : dots)
+    if (std::count(peaks.begin(), peaks.end(), static_cast<unsigned>(dot.y * 20 + dot.x)) == 1)
+      found += std::to_string(&dot - dots.data());
+  EXPECT_EQ(found.size(),
+            static_cast<size_t>(std::count_if(peaks.begin(), peaks.end(), [](unsigned p) { return p > 0; })));
+  return found;
 }
 
 }  // namespace
 
 using Peak = DeviceTest;
 
-TEST_F(Peak, SearchEqualsAPlainOneOnMapsWithTiesNaNAndInfinities) {
-  const int sizes[][3] = {{60, 60, 7},  {64, 40, 8}, {41, 53, 12},     {30, 30, 1},
-                          {20, 20, 50}, {90, 70, 5}, {21, 20, INT_MAX}};
-  unsigned seed = 1;
-  size_t left = 0, removed = 0;
-  for (const auto& size : sizes) {
-    for (int kind = 0; kind < 8; kind++) {
-      const size_t pixels = static_cast<size_t>(size[0]) * size[1];
-      Search s{size[0], size[1], size[2], random_values(pixels, seed++, -1, 1), 0, {}};
-      const std::vector<float> choice = random_values(s.ccmax.size(), seed++, 0, 1);
-      for (size_t i = 0; i < s.ccmax.size(); i++) {
-        if (kind % 2) s.ccmax[i] = std::round(s.ccmax[i] * 8) / 8;  // ties
-        if (kind & 2 && choice[i] < 0.2f) s.ccmax[i] = kNaN;
-        if (kind & 2 && choice[i] > 0.8f) s.ccmax[i] = -kInfinity;
-      }
-      s.cutoff = kind & 1 ? 0.875f : 0.3f;  // a value that peaks have, and one that none has
-      const auto n_excluded = static_cast<size_t>(kind & 4 ? s.cells() : 0);
-      for (const float v : random_values(n_excluded, seed++, 0, 1))
-        s.excluded.push_back(v < 0.9f ? 0u : static_cast<unsigned>(v * 3571) % static_cast<unsigned>(s.ccmax.size()));
-      SCOPED_TRACE(testing::Message() << s.nx << " x " << s.ny << ", cells of " << s.cell << ", kind " << kind);
-      const Peaks got = found(s), want = filtered(s);
-      EXPECT_EQ(want.index, got.index);
-      EXPECT_TRUE(same_bits(got.cc, want.cc));
-      for (size_t i = 0; i < got.index.size(); i++) EXPECT_TRUE(got.index[i] == 0 || got.psi[i] == want.psi[i]) << i;
-      left += survivors(got);
-      removed += survivors(cell_maxima(s)) - survivors(got);
-    }
-  }
-  EXPECT_GT(left, 500u) << "too few peaks to tell";
-  EXPECT_GT(removed, 500u);
+TEST_F(Peak, IsTheFirstOfTheLargestValuesOfItsCell) {
+  EXPECT_EQ("1", left({{6, 6, 0.3f}, {8, 6, 0.5f}, {7, 7, 0.5f}, {9, 8, kNaN}}));
+  EXPECT_EQ("0", left({{6, 6, 0.5f}, {7, 6, 0.5f}})) << "in a row, too";
+  EXPECT_EQ("", left({{5, 5, kNaN}, {6, 6, 0.5f}})) << "nothing is above a first pixel of NaN";
+  EXPECT_EQ("", left({{5, 5, 0.5f}, {6, 6, 0.4f}})) << "a first pixel is none";
+  EXPECT_EQ("1", left({{5, 5, -kInfinity}, {6, 6, 0.5f}, {7, 7, -kInfinity}}));
+  // Cells that the edges cut; one that holds all.
+  EXPECT_EQ(std::vector<unsigned>({0, 0, 23, 72, 0, 83}),
+            peaks_of({{11, 1, 0.5f}, {0, 6, 0.5f}, {11, 6, 0.5f}}, 0, {}, 5, 12, 7));
+  EXPECT_EQ(std::vector<unsigned>({77}), peaks_of({{37, 1, 0.5f}}, 0, {}, 1000, 40, 2));
+  EXPECT_EQ(std::vector<unsigned>({315}), peaks_of({{6, 6, 0.5f}, {15, 15, 0.7f}}, 0, {}, INT_MAX));
+  EXPECT_EQ(std::vector<unsigned>({0}), peaks_of({{6, 6, 0.5f}, {15, 15, 0.7f}}, 0, {1}, INT_MAX));
+}
+
+TEST_F(Peak, IsRemovedByACloseHigherOneOrAnExcludedPlaceOrTheCutoff) {
+  for (const int from : {-1, 1})
+    for (const auto& [dx, dy] : {std::pair{4, 0}, {0, 4}, {4, 4}, {4, -4}})
+      EXPECT_EQ("1", left({{7, 7, 0.3f}, {7 + from * dx, 7 + from * dy, 0.5f}})) << dx << ", " << dy;
+  EXPECT_EQ("01", left({{7, 7, 0.5f}, {11, 7, 0.5f}})) << "a tie";
+  EXPECT_EQ("0", left({{7, 7, 0.5f}, {11, 7, 0.4f}, {15, 7, 0.3f}})) << "even by one that is removed itself";
+  EXPECT_EQ("01", left({{6, 6, 0.3f}, {11, 11, 0.5f}})) << "just far enough, at the root of 50 pixels";
+  EXPECT_EQ("1", left({{7, 6, 0.3f}, {11, 11, 0.5f}}));
+  EXPECT_EQ("1", left({{7, 7, 0.874f}, {7, 17, 0.875f}}, 0.875f));
+  EXPECT_EQ("12", left({{4, 4, 0.5f}, {7, 2, 0.5f}, {17, 16, 0.5f}, {12, 17, 0.5f}}, 0, {0, 12 * 20 + 9}));
 }
 
 TEST(CellSize, IsTheLeastDistanceOverTheRootOfTwoTruncated) {

@@ -23,7 +23,7 @@ using Resampling = DeviceTest;
 using Transforms = DeviceTest;
 
 TEST_F(Resampling, ByNothingReproducesEveryPixelExactlyAndReadsNoOther) {
-  for (const Size size : {Size{1, 1}, Size{8, 8}, Size{9, 9}, Size{40, 33}, Size{7, 64}}) {
+  for (const Size size : {Size{1, 1}, Size{8, 8}, Size{40, 33}}) {
     std::vector<float> image = random_values(static_cast<size_t>(size.nx) * size.ny, 1);
     // A pixel that leaked into a neighbour, with whatever small weight, would turn it into NaN.
     for (size_t i = 0; i < image.size(); i += 5) image[i] = kNaN;

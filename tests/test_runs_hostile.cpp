@@ -9,24 +9,11 @@
 
 namespace {
 
-/// Micrographs of 300 x 280 pixels of 8 Å.
-class RunOnBad : public WholeRun {
+constexpr char kSettings[] = "--speed 0 --cc_cutoff 0.25 ";
+
+class RunOnBad : public SmallRun {
  protected:
-  void simulate_small(const std::string& options = "") const {
-    simulate("--nx 300 --ny 280 --apix 8 --dose 2 " + options);
-  }
-
-  ProgramRun run(const std::string& options) const {
-    return kestrix("--apixM 8 --diameter 260 --speed 0 --cc_cutoff 0.25 " + options);
-  }
-
-  /// A file of a header and so many bytes.
-  void write_mrc(const std::string& name, int nx, int ny, int nz, int mode, size_t bytes) const {
-    MRC_HEAD* head = mrc_new_head();
-    mrc_set_head_xyz_mode(head, nx, ny, nz, mode);
-    write_file(path(name), std::string(reinterpret_cast<const char*>(head), sizeof *head) + std::string(bytes, '\7'));
-    free(head);
-  }
+  ProgramRun run(const std::string& options) const { return SmallRun::run(kSettings + options); }
 
   void write_image(const std::string& name, const std::vector<float>& pixels, int nx, int ny, int nz = 1) const {
     ASSERT_EQ(pixels.size(), static_cast<size_t>(nx) * ny * nz);
@@ -34,10 +21,7 @@ class RunOnBad : public WholeRun {
   }
 
   void expect_fatal(const std::string& options, const std::string& words) const {
-    const ProgramRun result = run(options);
-    EXPECT_EQ(1, result.status) << options;
-    EXPECT_TRUE(holds(result.output, words)) << options << ": " << result.output;
-    EXPECT_TRUE(holds(result.output, "! Exit now!\n")) << options;
+    SmallRun::expect_fatal(kSettings + options, words);
   }
 
   /// The run goes on with that note, finds nothing and leaves complete lists.
@@ -64,7 +48,7 @@ TEST_F(RunOnBad, FilesThatAreNoMicrographsAreRefusedWithTheirSizes) {
   expect_fatal("text.mrc", "which no micrograph has: is it an MRC file");
   const int sizes[][2] = {{0, 300}, {-300, -280}, {INT_MAX, 1}, {INT_MIN, INT_MIN}, {65536, 65536}, {65535, 65535}};
   for (const auto& size : sizes) {
-    write_mrc("bad.mrc", size[0], size[1], 1, 2, 1000);
+    write_mrc(path("bad.mrc"), size[0], size[1], 1, 2, std::string(1000, 7));
     expect_fatal("bad.mrc", "the header of bad.mrc gives a size of " + std::to_string(size[0]) + " x " +
                                 std::to_string(size[1]) + " pixels, which no micrograph has: is it an MRC file");
   }
@@ -118,7 +102,7 @@ TEST_F(RunOnBad, NamesAreNeverTakenForFormatsOrOptions) {
 
 TEST_F(RunOnBad, SampleTypesThatCannotBeReadCountAsZero) {
   for (const auto& [mode, text] : {std::pair{4, "4 (Complex Float)"}, {-1, "-1 (Unknown)"}}) {
-    write_mrc("odd.mrc", 300, 280, 1, mode, 300 * 280 * 8);
+    write_mrc(path("odd.mrc"), 300, 280, 1, mode, std::string(300 * 280 * 8, 7));
     expect_no_picks("odd.mrc", "Kestrix: odd.mrc: samples of MRC mode " + std::string(text) +
                                    " can't be read; the image counts as 0 everywhere.\n");
   }

@@ -5,17 +5,14 @@
 
 namespace {
 
-/// A micrograph of 300 x 280 pixels of 8 Å; particles of 260 Å.
-class RunRefuses : public WholeRun {
+class RunRefuses : public SmallRun {
  protected:
   void SetUp() override {
     REQUIRE_DEVICE();
-    simulate("--nx 300 --ny 280 --apix 8 --dose 2 --templates 2");
+    simulate_small("--templates 2");
   }
 
-  ProgramRun run(const std::string& options) const {
-    return kestrix("--apixM 8 --diameter 260 --speed 1 sim_001.mrc " + options);
-  }
+  ProgramRun run(const std::string& options) const { return SmallRun::run("--speed 1 sim_001.mrc " + options); }
 };
 
 constexpr char kTemplates[] = " --T sim_templates.mrcs --apixT 16 ";
@@ -27,18 +24,14 @@ TEST_F(RunRefuses, ValuesThatCannotWorkAndNamesThem) {
   std::string deep = "./";
   while (deep.size() < 1004) deep += "./";
   const std::pair<std::string, std::string> cases[] = {
-      {"--apixM nan", ": --apixM is nan: "},
-      {"--boxsize -86", "--boxsize is -86: "},
       {"--apixM 1e30", "--boxsize is 0: "},
-      {T + "--ang_step 0.0009", "--ang_step is "},
       {"--min_dist 22.6", "--min_dist 22.6 "},
       {"--min_dist 1e-30", "--min_dist 1e-30 "},
       {T + "--apixT 0.1", "sim_templates.mrcs come out smaller than 1 pixel"},
       {T + "--apixT 1e30", "larger than the working image of 150 x 150"},
       {"--diameter 20 --min_dist 200", "the automatic template would come out smaller than 1 pixel (0 x 0)"},
       {"--diameter 1000", "the automatic template would come out as 160 x 160 pixels, larger than"},
-      {"--T gone.mrcs", "open file failed."},
-      {T + "--T_norm_type 2 --diameter 1 --boxsize 9 --min_dist 200", "template 1 is zero everywhere"}};
+      {"--T gone.mrcs", "open file failed."}};
   for (const auto& c : cases) {
     const ProgramRun result = run(c.first);
     EXPECT_EQ(1, result.status) << c.first;
@@ -73,10 +66,8 @@ TEST_F(RunRefuses, ExcludedCoordinatesFromListsThatItOverwritesItself) {
 TEST_F(RunRefuses, SizesThatLeaveNoWorkingImage) {
   const std::vector<float> pixels(15 * 14, 1.0F);
   mrcf_write_xyz_data(path("sim_001.mrc").c_str(), pixels.data(), 15, 14, 1);
-  const ProgramRun result = run("--speed 4");
-  EXPECT_EQ(1, result.status);
-  EXPECT_TRUE(
-      holds(result.output, "sim_001.mrc of 15 x 14 pixels is too small to be shrunk by 8; give a lower --speed"));
+  expect_fatal("--speed 4 sim_001.mrc",
+               "sim_001.mrc of 15 x 14 pixels is too small to be shrunk by 8; give a lower --speed");
 }
 
 TEST_F(RunRefuses, NothingWithoutSayingWhyWhateverTheValue) {

@@ -93,6 +93,14 @@ inline Image read_image(const std::string& name) {
   return image;
 }
 
+/// Writes a plain head of these sizes and that mode with samples behind it.
+inline void write_mrc(const std::string& name, int nx, int ny, int nz, int mode, const std::string& samples) {
+  MRC_HEAD head;
+  mrc_init_head(&head);
+  mrc_set_head_xyz_mode(&head, nx, ny, nz, mode);
+  write_file(name, std::string(reinterpret_cast<const char*>(&head), sizeof head) + samples);
+}
+
 // --- Code and its output ---
 
 /// What code leaves on standard output, less line numbers.

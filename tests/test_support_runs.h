@@ -71,3 +71,21 @@ class WholeRun : public FolderTest {
     return score_matching(truth, found, match_picks(truth, found, 0.5 * 130 / 4), has_areas ? &areas : nullptr);
   }
 };
+
+/// Runs of micrographs of 300 x 280 pixels of 8 Å.
+class SmallRun : public WholeRun {
+ protected:
+  void simulate_small(const std::string& options = "") const {
+    simulate("--nx 300 --ny 280 --apix 8 --dose 2 " + options);
+  }
+
+  ProgramRun run(const std::string& options) const { return kestrix("--apixM 8 --diameter 260 " + options); }
+
+  /// The run must end with status 1 by a line that holds the words.
+  void expect_fatal(const std::string& options, const std::string& words) const {
+    const ProgramRun result = run(options);
+    EXPECT_EQ(1, result.status) << options;
+    EXPECT_TRUE(holds(result.output, words)) << options << ": " << result.output;
+    EXPECT_TRUE(holds(result.output, "! Exit now!\n")) << options;
+  }
+};
