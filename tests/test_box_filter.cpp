@@ -127,6 +127,7 @@ TEST_F(BoxFilter, BrokenLinesAreSkippedAndAbsurdSettingsSurvived) {
 
 TEST_F(BoxFilter, AListThatCannotBeWrittenEndsTheRunAndLeavesTheEarlierOneAlone) {
   std::vector<Candidate> candidates;
+  candidates.reserve(64);
   for (int i = 0; i < 64; i++)
     candidates.push_back({31 + i % 8 * 21, 31 + i / 8 * 21, 0.2f + 0.001f * static_cast<float>(i)});
   write_file(path("m_nonunique.box"), candidate_lines(candidates));
