@@ -4,7 +4,7 @@
 // pieces, by way of memory, and lose half of the speed by it. A loop is a structure with the function
 //     template <class Value> INTO_LOOP static void of(const LaneValue* from, LaneValue* to, ...)
 // that goes through values_of<Value>(from); run_over_lanes<Loop>(from, to, ...) runs it. What the operations below give
-// has the same bits for both kinds.
+// has the same bits for both kinds, unless a source is compiled with fused multiply-adds.
 #pragma once
 
 #include <type_traits>
