@@ -17,7 +17,7 @@ KERNEL void cuda_empty(unsigned long i, unsigned char* d) { d[i] = 0; }
 void device_failure(const char* text, int line, const char* unit_name) {
   fflush(stdout);
   fprintf(stderr, "Error %s at line %d in file %s\n", text, line, unit_name);
-  exit(EXIT_FAILURE);
+  end_run(EXIT_FAILURE);
 }
 
 int check_and_set_gid(int& gid) {

@@ -9,12 +9,21 @@
 
 namespace {
 
+void (*way_out)(int status) = nullptr;
+
 bool is_pipe(const char* name) {
   struct stat status {};
   return stat(name, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
 }  // namespace
+
+void set_way_out(void (*leave)(int status)) { way_out = leave; }
+
+void end_run(int status) {
+  if (way_out) way_out(status);
+  exit(status);
+}
 
 void fatal_error(const char* function, const char* unit, int line, const char* format, ...) {
   printf("Error in function %s(), file %s on line %d: ", function, unit, line);
@@ -23,7 +32,7 @@ void fatal_error(const char* function, const char* unit, int line, const char* f
   vprintf(format, arguments);
   va_end(arguments);
   printf("! Exit now!\n");
-  exit(EXIT_FAILURE);
+  end_run(EXIT_FAILURE);
 }
 
 void warning(const char* function, const char* unit, int line, const char* format, ...) {

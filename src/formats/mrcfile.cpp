@@ -217,7 +217,7 @@ int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEA
   printf("      Nx      Ny      Nz      Mode             File:\n");
   print_sizes(name1, head1);
   print_sizes(name2, head2);
-  exit(EXIT_FAILURE);
+  end_run(EXIT_FAILURE);
 }
 
 long get_file_size(FILE* file) {

@@ -3,6 +3,14 @@
 
 #include <cstdio>
 
+/// The one way out for a run that can't go on: ends the process with the given status. What has been written to files
+/// stays.
+[[noreturn]] void end_run(int status);
+
+/// Has end_run call `leave`, which must not return, in place of exit: for a front end with more to end than its own
+/// process, and for tests that go on. Null: exit again.
+void set_way_out(void (*leave)(int status));
+
 /// Prints "Error in function ..., file ... on line ...: TEXT! Exit now!" on standard output and ends the
 /// process with status 1. function, unit and line say where; format and what follows make TEXT as in printf.
 [[noreturn]] void fatal_error(const char* function, const char* unit, int line, const char* format, ...)

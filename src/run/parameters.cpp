@@ -132,7 +132,7 @@ void store_value(const Option& option, const char* value, Kestrix_Para* para) {
       "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m%s!\x1b[m Exit now. Check your input please.\n\n",
       __func__, unit, __LINE__, argument);
   kestrix_print_valid_options();
-  exit(EXIT_SUCCESS);
+  end_run(EXIT_SUCCESS);
 }
 
 // Takes in argv[i] and, if it is an option, its value, to which i moves on.

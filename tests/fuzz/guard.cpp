@@ -5,9 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "failure.h"
+
 // The linker's --wrap sends every call of these functions to __wrap_..., and __real_... to the function itself.
 extern "C" {
-[[noreturn]] void __real_exit(int status);
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_aligned_alloc(size_t alignment, size_t size);
@@ -27,7 +28,9 @@ struct Held {
 
 Held blocks, files;
 bool guarding = false;
-jmp_buf at_exit;
+jmp_buf at_end;
+
+[[noreturn]] void leave_call(int) { longjmp(at_end, 1); }
 
 void* hold(Held* held, void* item) {
   if (!guarding || !item) return item;
@@ -52,11 +55,6 @@ void release_all() {
 }  // namespace
 
 extern "C" {
-
-[[noreturn]] void __wrap_exit(int status) {
-  if (guarding) longjmp(at_exit, 1);
-  __real_exit(status);
-}
 
 void* __wrap_malloc(size_t size) { return hold(&blocks, __real_malloc(size)); }
 
@@ -83,12 +81,14 @@ int __wrap_fclose(FILE* file) {
 
 bool returns_normally(void (*call)(const char*), const char* argument) {
   bool returned = false;
+  set_way_out(leave_call);
   guarding = true;
-  if (setjmp(at_exit) == 0) {
+  if (setjmp(at_end) == 0) {
     call(argument);
     returned = true;
   }
   guarding = false;
+  set_way_out(nullptr);
   if (returned && blocks.n + files.n > 0) {
     fprintf(stderr, "%d blocks and %d files are left behind\n", blocks.n, files.n);
     abort();

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "failure.h"
 #include "str_utils.h"
 
 namespace {
@@ -84,7 +85,7 @@ void refuse(const char* format, ...) {
   vfprintf(stderr, format, arguments);
   va_end(arguments);
   fprintf(stderr, "\n");
-  exit(EXIT_FAILURE);
+  end_run(EXIT_FAILURE);
 }
 
 void print_help(const char* usage, const char* purpose, const Option* options, size_t count) {
