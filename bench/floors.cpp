@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "bench/paired.h"
-#include "host_memory.h"
 #include "mrcfile.h"
+#include "platform/host_memory.h"
 #include "process2d_raw.h"
 
 namespace {

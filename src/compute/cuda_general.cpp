@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "failure.h"
+#include "platform/failure.h"
 #include "platform/launch.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include <cmath>
 
-#include "failure.h"
 #include "math_utils.h"
+#include "platform/failure.h"
 
 namespace {
 constexpr char unit[] = "math_utils";

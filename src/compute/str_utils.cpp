@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "failure.h"
+#include "platform/failure.h"
 
 namespace {
 constexpr char unit[] = "str_utils";

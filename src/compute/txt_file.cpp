@@ -1,12 +1,11 @@
 #include "txt_file.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cstring>
 
-#include "failure.h"
+#include "platform/failure.h"
 #include "str_utils.h"
 
 namespace {
@@ -28,12 +27,6 @@ const AccessTest* find_access_test(char letter) {
   for (const AccessTest& test : kAccessTests)
     if (toupper(static_cast<unsigned char>(letter)) == test.letter) return &test;
   return nullptr;
-}
-
-const char* kind_of_file(mode_t mode) {
-  if (S_ISDIR(mode)) return "folder";
-  if (S_ISFIFO(mode)) return "pipe";
-  return S_ISSOCK(mode) ? "socket" : "device";
 }
 
 }  // namespace
@@ -73,11 +66,4 @@ int check_file_access(const char* path, const char* modes) {
     }
   }
   return 0;
-}
-
-bool check_file_regular(const char* path) {
-  struct stat status {};
-  if (stat(path, &status) != 0 || S_ISREG(status.st_mode)) return true;
-  safety_note(path, "is a %s and is not read; give a regular file.", kind_of_file(status.st_mode));
-  return false;
 }

@@ -5,7 +5,7 @@
 #include "conditioning.h"
 #include "conditioning/conditioning_kernels.h"
 #include "cuda_general.h"
-#include "failure.h"
+#include "platform/failure.h"
 #include "platform/launch.h"
 
 namespace {

@@ -5,8 +5,8 @@
 #include "conditioning.h"
 #include "conditioning/conditioning_kernels.h"
 #include "cuda_general.h"
-#include "failure.h"
 #include "mrcfile.h"
+#include "platform/failure.h"
 #include "platform/launch.h"
 #include "str_utils.h"
 

@@ -1,8 +1,8 @@
 // The mirrored image's transforms and its band-pass filters.
 #include "conditioning.h"
 #include "cuda_general.h"
-#include "failure.h"
 #include "img_filter.h"
+#include "platform/failure.h"
 #include "process2d_raw.h"
 
 #ifndef KESTRIX_CUDA

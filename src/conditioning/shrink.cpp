@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "conditioning.h"
-#include "failure.h"
-#include "host_memory.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 

@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "failure.h"
-#include "host_memory.h"
 #include "math_utils.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 
 namespace {
 

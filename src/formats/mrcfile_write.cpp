@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "cuda_general.h"
-#include "failure.h"
-#include "host_memory.h"
 #include "mrcfile.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "str_utils.h"
 #include "text_numbers.h"
 #include "txt_file.h"

@@ -17,7 +17,3 @@ bool read_next_line(char* line, FILE* file);
 /// Tests path for each letter of modes from left to right, in any case: F exists, R readable, W writable,
 /// X executable. Returns 0, or -1 after a warning on standard output about the first test that fails.
 int check_file_access(const char* path, const char* modes);
-
-/// Returns false for a folder, pipe or device, which could keep a run waiting or reading for ever, after a line on
-/// standard error that tells what it is; true for a regular file and where there is nothing.
-bool check_file_regular(const char* path);

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 
 namespace {
 

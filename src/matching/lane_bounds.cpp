@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "platform/lane_fft.h"
 #include "platform/launch.h"
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <limits>
 
-#include "host_memory.h"
 #include "matching/lane_samples.h"
+#include "platform/host_memory.h"
 
 namespace {
 

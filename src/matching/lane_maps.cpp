@@ -6,10 +6,10 @@
 #include <cstring>
 #include <limits>
 
-#include "host_memory.h"
 #include "matching/lane_maps.h"
 #include "matching/lane_regions.h"
 #include "matching/quorlin56_kernels.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 
 struct LaneMaps {

@@ -8,8 +8,8 @@
 #include <numeric>
 
 #include "compute/process2d_raw_kernels.h"
-#include "host_memory.h"
 #include "matching/lane_regions.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 
 namespace {

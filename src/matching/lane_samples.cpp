@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 
 namespace {

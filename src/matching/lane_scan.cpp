@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "host_memory.h"
 #include "matching/lane_maps.h"
 #include "matching/lane_regions.h"
 #include "matching/lane_search.h"
 #include "matching/lane_turns.h"
 #include "matching/quorlin56_kernels.h"
+#include "platform/host_memory.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <limits>
 
-#include "host_memory.h"
 #include "matching/lane_bounds.h"
 #include "matching/lane_candidates.h"
 #include "matching/lane_examine.h"
 #include "matching/lane_grid.h"
 #include "matching/lane_samples.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "host_memory.h"
 #include "matching/quorlin56_kernels.h"
+#include "platform/host_memory.h"
 #include "platform/lane_fft.h"
 #include "platform/launch.h"
 

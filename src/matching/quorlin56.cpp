@@ -4,8 +4,8 @@
 #ifndef KESTRIX_CUDA
 #include <omp.h>
 
-#include "host_memory.h"
 #include "matching/lane_scan.h"
+#include "platform/host_memory.h"
 #endif
 
 #include <algorithm>

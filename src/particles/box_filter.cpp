@@ -10,8 +10,8 @@
 #include <cstring>
 
 #include "boxfile.h"
-#include "failure.h"
-#include "host_memory.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "str_utils.h"
 #include "text_numbers.h"
 #include "txt_file.h"

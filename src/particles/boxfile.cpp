@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "failure.h"
+#include "platform/failure.h"
 #include "starfile.h"
 #include "str_utils.h"
 #include "text_numbers.h"

@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "failure.h"
-#include "host_memory.h"
 #include "math_utils.h"
 #include "mrcfile.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "str_utils.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "platform/lane_cosine_1d.h"
 #include "platform/lane_transpose.h"
 #include "platform/launch.h"

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "host_memory.h"
+#include "platform/host_memory.h"
 #include "platform/lane_butterflies.h"
 #include "platform/lane_transpose.h"
 #include "platform/launch.h"

@@ -9,9 +9,9 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "failure.h"
 #include "math_utils.h"
 #include "pick_records.h"
+#include "platform/failure.h"
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
 #include "reports.h"

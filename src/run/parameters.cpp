@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "cuda_general.h"
-#include "failure.h"
+#include "platform/failure.h"
 #include "reports.h"
 #include "run/para_field.h"
 #include "str_utils.h"

@@ -6,9 +6,9 @@
 #include <initializer_list>
 
 #include "cuda_general.h"
-#include "failure.h"
-#include "host_memory.h"
 #include "math_utils.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "process2d_raw.h"
 #include "templates.h"
 

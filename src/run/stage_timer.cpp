@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "failure.h"
+#include "platform/failure.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "cuda_general.h"
-#include "failure.h"
-#include "host_memory.h"
 #include "mrcfile.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "process2d_raw.h"
 #include "str_utils.h"
 #include "templates.h"

@@ -2,9 +2,9 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "failure.h"
-#include "host_memory.h"
 #include "math_utils.h"
+#include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "process2d_raw.h"
 #include "templates.h"
 

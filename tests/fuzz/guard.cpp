@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "failure.h"
+#include "platform/failure.h"
 
 // The linker's --wrap sends every call of these functions to __wrap_..., and __real_... to the function itself.
 extern "C" {

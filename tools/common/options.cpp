@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "failure.h"
+#include "platform/failure.h"
 #include "str_utils.h"
 
 namespace {

@@ -1,9 +1,9 @@
-#include "host_memory.h"
+#include "platform/host_memory.h"
 
 #include <cstdint>
 #include <cstdlib>
 
-#include "failure.h"
+#include "platform/failure.h"
 
 namespace {
 constexpr char unit[] = "host_memory";

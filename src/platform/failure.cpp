@@ -1,11 +1,9 @@
-#include "failure.h"
+#include "platform/failure.h"
 
 #include <sys/stat.h>
 
 #include <cstdarg>
 #include <cstdlib>
-
-#include "txt_file.h"
 
 namespace {
 
@@ -14,6 +12,12 @@ void (*way_out)(int status) = nullptr;
 bool is_pipe(const char* name) {
   struct stat status {};
   return stat(name, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+const char* kind_of_file(mode_t mode) {
+  if (S_ISDIR(mode)) return "folder";
+  if (S_ISFIFO(mode)) return "pipe";
+  return S_ISSOCK(mode) ? "socket" : "device";
 }
 
 }  // namespace
@@ -42,6 +46,13 @@ void warning(const char* function, const char* unit, int line, const char* forma
   vprintf(format, arguments);
   va_end(arguments);
   printf("!\n");
+}
+
+bool check_file_regular(const char* path) {
+  struct stat status {};
+  if (stat(path, &status) != 0 || S_ISREG(status.st_mode)) return true;
+  safety_note(path, "is a %s and is not read; give a regular file.", kind_of_file(status.st_mode));
+  return false;
 }
 
 FILE* open_to_read(const char* name, const char* function, const char* unit, int line) {

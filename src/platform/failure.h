@@ -20,6 +20,10 @@ void set_way_out(void (*leave)(int status));
 void warning(const char* function, const char* unit, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
+/// Returns false for a folder, pipe or device, which could keep a run waiting or reading for ever, after a line on
+/// standard error that tells what it is; true for a regular file and where there is nothing.
+bool check_file_regular(const char* path);
+
 /// Opens a regular file for reading. On failure, and of anything that is no regular file, prints which file, then the
 /// fatal error "open file failed.".
 FILE* open_to_read(const char* name, const char* function, const char* unit, int line);
