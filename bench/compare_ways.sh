@@ -5,16 +5,13 @@
 # The micrograph, where one is given, is picked as well. Exit status 0 if all picks are the same but for ties.
 set -eu
 cd "$(dirname "$0")/.."
-tools/install_packages.sh build >/dev/null
-for way in own device; do
-  flags=
-  [ $way = own ] || flags=-DKESTRIX_DEVICE_WAYS
-  cmake -S . -B build/ways/$way -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS=$flags >/dev/null
-  cmake --build build/ways/$way -j "$(nproc)" --target kestrix kestrix_simulate >/dev/null
-done
+tools/install_packages.sh build test >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DKESTRIX_TESTS=ON >/dev/null
+cmake --build build -j "$(nproc)" --target kestrix_faulty kestrix_simulate >/dev/null
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/own" "$work/device"
+declare -A switch=([own]= [device]=gpu_road)  # of the program whose device does as a test says
 
 # pick NAME OPTIONS...: both ways, each in its own folder
 pick() {
@@ -22,14 +19,14 @@ pick() {
   shift
   for way in own device; do
     ln -sf "$work/$name.mrc" "$work/$way/$name.mrc"
-    build/ways/$way/kestrix "$@" "$work/$way/$name.mrc" >"$work/$way/$name.log" || tail -n 3 "$work/$way/$name.log"
+    KESTRIX_TEST_FAULTS=${switch[$way]} build/tests/kestrix_faulty "$@" "$work/$way/$name.mrc" >"$work/$way/$name.log" || tail -n 3 "$work/$way/$name.log"
   done
   printf '%s: %s\n' "$name" "$*" | sed "s|$work/||g"
 }
 
 # simulate NAME NX NY MODE DIAMETER SEED
 simulate() {
-  build/ways/own/kestrix_simulate --prefix "$work/$1_" --number 1 --nx "$2" --ny "$3" --mode "$4" --apix 1.34 \
+  build/kestrix_simulate --prefix "$work/$1_" --number 1 --nx "$2" --ny "$3" --mode "$4" --apix 1.34 \
     --diameter "$5" --apixT 2.68 --dose 90 --seed "$6" --ice 4 >/dev/null
   mv "$work/$1_001.mrc" "$work/$1.mrc"
 }

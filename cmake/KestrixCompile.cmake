@@ -47,16 +47,12 @@ function(kestrix_compile_for_device target)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${KESTRIX_FLAGS}>)
 endfunction()
 
-# Gives the library that holds the device layer its sources and libraries.
+# Gives the library that holds the device layer its libraries.
 function(kestrix_use_device target)
   if(KESTRIX_CUDA)
     target_compile_definitions(${target} PUBLIC KESTRIX_CUDA=1)
     target_link_libraries(${target} PUBLIC CUDA::cudart CUDA::cufft OpenMP::OpenMP_CXX)
   else()
-    target_sources(${target} PRIVATE
-      src/platform/host_runtime.cpp src/platform/host_fft.cpp src/platform/lane_bluestein.cpp
-      src/platform/lane_cosine.cpp src/platform/lane_cosine_1d.cpp src/platform/lane_fft.cpp
-      src/platform/wide_lanes.cpp)
     target_include_directories(${target} PRIVATE ${FFTW3_INCLUDE_DIR})
     target_link_libraries(${target} PUBLIC ${FFTW3F_OMP_LIBRARY} ${FFTW3F_LIBRARY} OpenMP::OpenMP_CXX m)
   endif()

@@ -3,6 +3,7 @@
 //   malloc, malloc_host, memcpy, launch, fft   the n-th and every later call of that kind fails; -n, but for fft: the
 //                                              n-th alone
 //   devices                                    how many there are
+//   gpu_road                                   runs go by the device's own transforms, as on a GPU
 //   capability                                 of each, in order; -1 for one that gives no properties
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +36,10 @@ bool set_faults() {
   strcpy(text, wanted);
   char* rest = nullptr;
   for (char* fault = strtok_r(text, ",", &rest); fault; fault = strtok_r(nullptr, ",", &rest)) {
+    if (strcmp(fault, "gpu_road") == 0) {
+      faults.device_transforms = true;
+      continue;
+    }
     const bool understood = sscanf(fault, "malloc=%ld", &faults.fail_malloc_at) == 1 ||
                             sscanf(fault, "malloc_host=%ld", &faults.fail_malloc_host_at) == 1 ||
                             sscanf(fault, "memcpy=%ld", &faults.fail_memcpy_at) == 1 ||

@@ -53,7 +53,7 @@ TEST_F(ComparePicks, RefusesToCompareNothing) {
   EXPECT_EQ(1, compare().status);
 }
 
-#ifdef KESTRIX_FAULTY_GPU_ROAD
+#ifdef KESTRIX_FAULTY
 
 // Not on a GPU, but by the transforms, launches and batches that a run uses there.
 TEST_F(ComparePicks, FindsTheSamePicksOnAGpusRoadAsOnTheHosts) {
@@ -64,7 +64,7 @@ TEST_F(ComparePicks, FindsTheSamePicksOnAGpusRoadAsOnTheHosts) {
   const std::string arguments =
       "' sim_001.mrc sim_002.mrc --T sim_templates.mrcs --apixM 5 --apixT 10 --diameter 260 --speed 1 --ang_step 20";
   ASSERT_EQ(0, run_program(path("a"), "'" KESTRIX_PROGRAM + arguments).status);
-  ASSERT_EQ(0, run_program(path("b"), "'" KESTRIX_FAULTY_GPU_ROAD + arguments).status);
+  ASSERT_EQ(0, run_program(path("b"), "KESTRIX_TEST_FAULTS=gpu_road '" KESTRIX_FAULTY + arguments).status);
   const ProgramRun run = compare();
   EXPECT_EQ(0, run.status) << run.output;
   EXPECT_FALSE(holds(run.output, "All 2 lists: 0 picks")) << run.output;

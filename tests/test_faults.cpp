@@ -22,7 +22,8 @@ using Files = std::map<std::string, std::string>;
 /// Two micrographs picked with every output and filter that there is, so that every use of the device is on the way.
 class FaultyRuns : public FolderTest {
  protected:
-  explicit FaultyRuns(const char* program = KESTRIX_FAULTY) : program_(program) {}
+  /// road   what stands before the faults: nothing, or the switch to a GPU's road
+  explicit FaultyRuns(const char* road = "") : road_(road) {}
 
   void SetUp() override {
     const ProgramRun simulated = run_program(path(""), KESTRIX_SIMULATE
@@ -46,8 +47,8 @@ class FaultyRuns : public FolderTest {
         "--lsigma_cutoff 9 --do_pre_filter --write_pref_mic --write_bg_mic --write_bgfree_mic --write_lsigma_mic "
         "--write_mic_mask --write_ccmax_mic --extract_raw --exclusive_picking --excluded_suffix _bad.box "
         "--mask_excluded";
-    return run_program(path(""),
-                       leaks + "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + faults + " '" + program_ + arguments);
+    return run_program(
+        path(""), leaks + "OMP_NUM_THREADS=1 KESTRIX_TEST_FAULTS=" + road_ + faults + " '" KESTRIX_FAULTY + arguments);
   }
 
   /// The files that a run left, by name.
@@ -120,13 +121,13 @@ class FaultyRuns : public FolderTest {
   }
 
   static constexpr char kFirstDone[] = "File mic001.mrc finished.";
-  std::string program_;
+  std::string road_;
   Files clean_files_;
 };
 
 class FaultyGpuRoadRuns : public FaultyRuns {
  protected:
-  FaultyGpuRoadRuns() : FaultyRuns(KESTRIX_FAULTY_GPU_ROAD) {}
+  FaultyGpuRoadRuns() : FaultyRuns("gpu_road,") {}
 };
 
 const std::string kNothing = "(no such line)";

@@ -1,6 +1,4 @@
-// The host's own transforms; a CUDA build has none of them.
-#ifndef KESTRIX_CUDA
-
+// The host's own transforms.
 #include "platform/lane_bluestein.h"
 
 #include <algorithm>
@@ -132,5 +130,3 @@ TEST(LaneFft, OfLengthsWithLargePrimesAgreesWithTheDefinition) {
     any_length_plan_free(&plan);
   }
 }
-
-#endif

@@ -29,13 +29,10 @@ Angles only(float a) { return {a, a + 1, 360}; }
 
 constexpr float kUntouched = -77;
 
-ScanWay way_under_test = kFastestScanWay;  // set by the fixture
+ScanWay way_under_test = kDeviceTransforms;  // set by the fixture
 
-#ifdef KESTRIX_CUDA
-constexpr ScanWay kWays[] = {kDeviceTransforms};
-#else
-constexpr ScanWay kWays[] = {kDeviceTransforms, kHostLanes};
-#endif
+const std::vector<ScanWay> kWays =
+    kOnGpu ? std::vector<ScanWay>{kDeviceTransforms} : std::vector<ScanWay>{kDeviceTransforms, kHostLanes};
 
 /// A random scene, a quarter of it masked. With a rim of zeros around the template it doesn't matter on which side of
 /// the template's edge a rounded source position falls.

@@ -2,15 +2,13 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "conditioning.h"
 #include "test_numeric.h"
 
-#ifdef KESTRIX_CUDA
-constexpr PadWay kPadWays[] = {kPaddedTransforms};
-#else
-constexpr PadWay kPadWays[] = {kPaddedTransforms, kHostCosines};
-#endif
+inline const std::vector<PadWay> kPadWays =
+    kOnGpu ? std::vector<PadWay>{kPaddedTransforms} : std::vector<PadWay>{kPaddedTransforms, kHostCosines};
 
 struct PadWayTest : testing::TestWithParam<PadWay> {
   void SetUp() override { REQUIRE_DEVICE(); }

@@ -6,9 +6,7 @@
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
-#ifndef KESTRIX_CUDA
 #include "platform/lane_cosine.h"
-#endif
 
 namespace {
 
@@ -28,8 +26,6 @@ void mean_by_spectrum(MirrorPad* pad, const DiscWindow* window, const float2* sp
                                                  pad->ny, window->sum));
 }
 
-#ifndef KESTRIX_CUDA
-
 // The disc is even about the middle of the padded image: the mirror image of its first quadrant.
 DiscWindow cosine_window(MirrorPad* pad, float cx, float cy, float R, float soft) {
   const size_t pixels = static_cast<size_t>(pad->nx) * pad->ny;
@@ -44,8 +40,6 @@ DiscWindow cosine_window(MirrorPad* pad, float cx, float cy, float R, float soft
   return window;
 }
 
-#endif
-
 }  // namespace
 
 DiscWindow disc_window_new(MirrorPad* pad, float R, float soft) {
@@ -53,9 +47,7 @@ DiscWindow disc_window_new(MirrorPad* pad, float R, float soft) {
   const int NY = 2 * pad->ny;
   const float cx = (static_cast<float>(NX) - 1.0f) / 2.0f;
   const float cy = (static_cast<float>(NY) - 1.0f) / 2.0f;
-#ifndef KESTRIX_CUDA
   if (pad->cosines) return cosine_window(pad, cx, cy, R, soft);
-#endif
   DiscWindow window{};
   window.spectrum = device_new<float2>((static_cast<size_t>(pad->nx) + 1) * NY);
   hcuda_2d_generate_rmask_soft(pad->padded, NX, NY, cx, cy, R, soft);
@@ -71,10 +63,8 @@ void disc_window_free(DiscWindow* window) {
 }
 
 void hcuda_2d_bg_mpad(MirrorPad* pad, const DiscWindow* window, float* out) {
-#ifndef KESTRIX_CUDA
   // The phases of image and disc cancel in the product, which leaves a transform at the whole positions.
   if (pad->cosines) return cosine_correlate(pad->cosines, pad->coefficients, window->coefficients, out);
-#endif
   mean_by_spectrum(pad, window, pad->spectrum, out);
 }
 
@@ -85,9 +75,7 @@ void hcuda_2d_local_ave_softR_mpad(MirrorPad* pad, const DiscWindow* window, flo
 void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, const float* in, float* out,
                                      float* scratch) {
   hcuda_2d_bg_mpad(pad, window, scratch);
-#ifndef KESTRIX_CUDA
   if (pad->cosines) return cosine_deviation(pad->cosines, in, window->coefficients, scratch, out);
-#endif
   hcuda_2d_sqr(out, in, pad->nx, pad->ny);
   hcuda_2d_mirror_pad(pad->padded, out, pad->nx, pad->ny);
   CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->product));

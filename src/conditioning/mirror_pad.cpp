@@ -5,9 +5,7 @@
 #include "platform/failure.h"
 #include "process2d_raw.h"
 
-#ifndef KESTRIX_CUDA
 #include "platform/lane_cosine.h"
-#endif
 
 namespace {
 
@@ -15,14 +13,10 @@ constexpr char unit[] = "img_filter";
 
 int padded_side(const MirrorPad* pad) { return 2 * pad->nx; }
 
-#ifndef KESTRIX_CUDA
-
 void plan_cosines(MirrorPad* pad) {
   pad->coefficients = device_new<float>(cosine_coefficients(pad->nx, pad->ny));
   pad->cosines = cosine_plans_new(pad->nx, pad->ny);
 }
-
-#endif
 
 void transform_back(MirrorPad* pad, float* out) {
   CHECK_CUFFT(cufftExecC2R(pad->inverse, pad->spectrum, pad->padded));
@@ -35,13 +29,10 @@ MirrorPad mirror_pad_new(int nx, int ny, PadWay way) {
   MirrorPad pad{};
   pad.nx = nx;
   pad.ny = ny;
-#ifndef KESTRIX_CUDA
   if (way == kHostCosines) {
     plan_cosines(&pad);
     return pad;
   }
-#endif
-  static_cast<void>(way);
   const size_t values = (static_cast<size_t>(nx) + 1) * (2 * static_cast<size_t>(ny));
   pad.padded = device_new<float>(4 * static_cast<size_t>(nx) * ny);
   pad.spectrum = device_new<float2>(values);
@@ -52,9 +43,7 @@ MirrorPad mirror_pad_new(int nx, int ny, PadWay way) {
 }
 
 void mirror_pad_free(MirrorPad* pad) {
-#ifndef KESTRIX_CUDA
   cosine_plans_free(pad->cosines);
-#endif
   if (pad->padded) {
     cufftDestroy(pad->forward);
     cufftDestroy(pad->inverse);
@@ -67,9 +56,7 @@ void mirror_pad_free(MirrorPad* pad) {
 }
 
 void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
-#ifndef KESTRIX_CUDA
   if (pad->cosines) return cosine_forward(pad->cosines, in, pad->coefficients);
-#endif
   hcuda_2d_mirror_pad(pad->padded, in, pad->nx, pad->ny);
   CHECK_CUFFT(cufftExecR2C(pad->forward, pad->padded, pad->spectrum));
 }
@@ -77,12 +64,10 @@ void hcuda_2d_mpad_transform(MirrorPad* pad, const float* in) {
 void hcuda_2d_bandpass_softR_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2,
                                   float soft) {
   hcuda_2d_mpad_transform(pad, in);
-#ifndef KESTRIX_CUDA
   if (pad->cosines) {
     const int kept = hcuda_cosine_bandpass_softR(pad->coefficients, padded_side(pad), apix, res1, res2, soft);
     return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
-#endif
   hcuda_c2d_bandpass_softR(pad->spectrum, padded_side(pad), apix, res1, res2, soft);
   transform_back(pad, out);
 }
@@ -97,12 +82,10 @@ void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, fl
 }
 
 void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2) {
-#ifndef KESTRIX_CUDA
   if (pad->cosines) {
     const int kept = hcuda_cosine_bandpass_guas(pad->coefficients, padded_side(pad), apix, res1, res2);
     return cosine_inverse(pad->cosines, pad->coefficients, kept, out);
   }
-#endif
   hcuda_c2d_bandpass_guas(pad->spectrum, padded_side(pad), apix, res1, res2);
   transform_back(pad, out);
 }

@@ -9,7 +9,7 @@
 #include "conditioning.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 #include "process2d_raw.h"
 
 namespace {

@@ -28,12 +28,8 @@ void cpu_2d_extend_even(float* data, int nx, int ny, int shrink);
 /// the image itself (host). Both give the same up to rounding.
 enum PadWay { kPaddedTransforms, kHostCosines };
 
-/// The faster way of this build's device. KESTRIX_DEVICE_WAYS is for tests that take a GPU's road on the host.
-#if defined(KESTRIX_CUDA) || defined(KESTRIX_DEVICE_WAYS)
-constexpr PadWay kFastestPadWay = kPaddedTransforms;
-#else
-constexpr PadWay kFastestPadWay = kHostCosines;
-#endif
+/// The faster way of the device. Cosine transforms are for the host device alone: they follow its pointers.
+inline PadWay fastest_pad_way() { return device_transforms_wanted() ? kPaddedTransforms : kHostCosines; }
 
 struct CosinePlans;
 
@@ -51,7 +47,7 @@ struct MirrorPad {
 };
 
 /// Plans and allocates; released with mirror_pad_free. Ends the run on a device error.
-MirrorPad mirror_pad_new(int nx, int ny, PadWay way = kFastestPadWay);
+MirrorPad mirror_pad_new(int nx, int ny, PadWay way = fastest_pad_way());
 void mirror_pad_free(MirrorPad* pad);
 
 // --- Band-pass filters. Images of N by N floats on the device; the output is the filtered image times (2N)^2. ---

@@ -12,12 +12,8 @@ constexpr int kMaxScanBatch = 64;
 /// peaks where that is faster, or, for tests, wherever it can. All give the same maps and peaks up to rounding.
 enum ScanWay { kDeviceTransforms, kHostLanes, kHostSearch };
 
-/// The faster way of this build's device. KESTRIX_DEVICE_WAYS is for tests that take a GPU's road on the host.
-#if defined(KESTRIX_CUDA) || defined(KESTRIX_DEVICE_WAYS)
-constexpr ScanWay kFastestScanWay = kDeviceTransforms;
-#else
-constexpr ScanWay kFastestScanWay = kHostLanes;
-#endif
+/// The fastest way of the device. The host's own ways are for the host device alone: they follow its pointers.
+inline ScanWay fastest_scan_way() { return device_transforms_wanted() ? kDeviceTransforms : kHostLanes; }
 
 struct LaneScan;
 
@@ -45,7 +41,7 @@ constexpr float kFullBand = 0.5f;
 /// on the result. cell: side of the grid's cells where their peaks are all that is wanted, 0 where maps are. The caller
 /// releases them with scan_workspace_free. Ends the run on a device error.
 ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band = kFullBand, int cell = 0,
-                                 ScanWay way = kFastestScanWay);
+                                 ScanWay way = fastest_scan_way());
 void scan_workspace_free(ScanWorkspace* ws);
 
 /// Whether the scan finds peaks without maps: then scan_search_by_one_template is to be called, else

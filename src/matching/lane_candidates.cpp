@@ -8,7 +8,7 @@
 
 #include "platform/host_memory.h"
 #include "platform/lane_fft.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

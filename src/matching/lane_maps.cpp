@@ -10,7 +10,7 @@
 #include "matching/lane_regions.h"
 #include "matching/quorlin56_kernels.h"
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 struct LaneMaps {
   size_t product_rows;  // of a product's block: the side in y, up to a multiple of eight

@@ -10,7 +10,7 @@
 #include "compute/process2d_raw_kernels.h"
 #include "matching/lane_regions.h"
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "matching/lane_regions.h"
 #include "matching/lane_turns.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

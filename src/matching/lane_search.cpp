@@ -13,7 +13,7 @@
 #include "matching/lane_grid.h"
 #include "matching/lane_samples.h"
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "matching/quorlin56_kernels.h"
 #include "platform/host_memory.h"
 #include "platform/lane_fft.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

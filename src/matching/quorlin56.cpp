@@ -1,12 +1,10 @@
 // The rotational scan: one template against the micrograph over all in-plane angles.
 #include "quorlin56.h"
 
-#ifndef KESTRIX_CUDA
 #include <omp.h>
 
 #include "matching/lane_scan.h"
 #include "platform/host_memory.h"
-#endif
 
 #include <algorithm>
 #include <cmath>
@@ -30,13 +28,7 @@ size_t image_pixels(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx)
 size_t spectrum_values(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx / 2 + 1) * ws.ny; }
 
 // On the host one angle for each core, and a few at least, so that the maps are updated once for several angles.
-int wanted_batch() {
-#ifdef KESTRIX_CUDA
-  return 16;
-#else
-  return std::max(4, omp_get_max_threads());
-#endif
-}
+int wanted_batch() { return kOnGpu ? 16 : std::max(4, omp_get_max_threads()); }
 
 int batch_size(const ScanWorkspace& ws, int n_angles) {
   const size_t bytes = 2 * image_pixels(ws) * sizeof(float) + spectrum_values(ws) * sizeof(float2);
@@ -120,8 +112,6 @@ void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, cons
   hcuda_2d_divide_inplace(ccmax, nx, ny, divisor);
 }
 
-#ifndef KESTRIX_CUDA
-
 // The angles of a scan, n_angles of them, for free. Prints what a scan prints.
 float* angles_new(float start, float stop, float step, int n_angles) {
   auto* angles = host_new<float>(static_cast<size_t>(n_angles) + 1);
@@ -132,8 +122,6 @@ float* angles_new(float start, float stop, float step, int n_angles) {
   putchar('\n');
   return angles;
 }
-
-#endif
 
 }  // namespace
 
@@ -165,15 +153,10 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.ny = ny;
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
-#ifndef KESTRIX_CUDA
   if (way != kDeviceTransforms) {
     ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
     return ws;
   }
-#endif
-  static_cast<void>(way);
-  static_cast<void>(band);
-  static_cast<void>(cell);
   ws.batch = batch_size(ws, n_angles);
   const auto batch = static_cast<size_t>(ws.batch);
   ws.padded = device_new<float>(batch * image_pixels(ws));
@@ -189,9 +172,7 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
 }
 
 void scan_workspace_free(ScanWorkspace* ws) {
-#ifndef KESTRIX_CUDA
   lane_scan_free(ws->lanes);
-#endif
   if (ws->padded) {
     cudaFree(ws->padded);
     cudaFree(ws->correlation);
@@ -204,18 +185,10 @@ void scan_workspace_free(ScanWorkspace* ws) {
   *ws = ScanWorkspace{};
 }
 
-bool scan_searches(const ScanWorkspace* ws) {
-#ifndef KESTRIX_CUDA
-  return ws->lanes && lane_scan_searches(ws->lanes);
-#else
-  return ws->lanes != nullptr;
-#endif
-}
+bool scan_searches(const ScanWorkspace* ws) { return ws->lanes && lane_scan_searches(ws->lanes); }
 
 void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
-#ifndef KESTRIX_CUDA
   if (ws->lanes) return lane_scan_transform_micrograph(ws->lanes, mic);
-#endif
   // A real-to-complex transform out of place leaves its input as it was.
   CHECK_CUFFT(cufftExecR2C(ws->mic_plan, const_cast<float*>(mic), ws->mic_spectrum));
 }
@@ -224,7 +197,6 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
                                       int keep_psi, const float* T, float radius, float start, float stop, float step) {
   float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
-#ifndef KESTRIX_CUDA
   if (ws->lanes) {
     const int n_angles = count_scan_angles(start, stop, step);
     float* angles = angles_new(start, stop, step, n_angles);
@@ -232,20 +204,9 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
     free(angles);
     return 0;
   }
-#endif
   scan_by_device_transforms(ws, ccmax, kept_psi, T, divisor, start, stop, step);
   return 0;
 }
-
-#ifdef KESTRIX_CUDA
-
-// No workspace of a GPU searches.
-int scan_search_by_one_template(ScanWorkspace*, PeakWorkspace*, const float*, const float*, const float*, float, float,
-                                float, float, float) {
-  return 0;
-}
-
-#else
 
 int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const float* mic, const float* mask,
                                 const float* T, float radius, float start, float stop, float step, float cc_cutoff) {
@@ -256,8 +217,6 @@ int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const f
   free(angles);
   return 0;
 }
-
-#endif
 
 void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const ScanAngles& angles, int count, int nx,
                                int ny) {

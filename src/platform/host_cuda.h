@@ -94,14 +94,15 @@ cufftResult cufftDestroy(cufftHandle plan);
 /// What the host device pretends. Counts of calls start at 1 and include every call since the process began;
 /// 0 lets every call succeed.
 struct HostDeviceFaults {
-  int device_count = 1;          // devices 0 .. device_count - 1 exist
-  int capability[8][2] = {};     // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
-                                 // device that gives no properties
-  long fail_malloc_at = 0;       // the n-th and every later cudaMalloc fails; -n: the n-th alone
-  long fail_malloc_host_at = 0;  // likewise cudaMallocHost
-  long fail_memcpy_at = 0;       // likewise cudaMemcpy
-  long fail_launch_at = 0;       // likewise the wait after a launch
-  long fail_fft_at = 0;          // the n-th and every later planning or running of a transform
+  int device_count = 1;            // devices 0 .. device_count - 1 exist
+  int capability[8][2] = {};       // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
+                                   // device that gives no properties
+  long fail_malloc_at = 0;         // the n-th and every later cudaMalloc fails; -n: the n-th alone
+  long fail_malloc_host_at = 0;    // likewise cudaMallocHost
+  long fail_memcpy_at = 0;         // likewise cudaMemcpy
+  long fail_launch_at = 0;         // likewise the wait after a launch
+  long fail_fft_at = 0;            // the n-th and every later planning or running of a transform
+  bool device_transforms = false;  // runs go a GPU's road, by the transforms above
 };
 
 /// The pretence in force; all healthy unless a test changes it.

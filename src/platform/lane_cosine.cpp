@@ -10,7 +10,7 @@
 #include "platform/host_memory.h"
 #include "platform/lane_cosine_1d.h"
 #include "platform/lane_transpose.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 #include "platform/wide_lanes.h"
 
 struct CosinePlans {

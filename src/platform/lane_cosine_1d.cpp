@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "platform/host_memory.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 #include "platform/wide_lanes.h"
 
 // The forward and inverse transform of n real values take one complex transform of n (Makhoul, IEEE Trans. ASSP 28

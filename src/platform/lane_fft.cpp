@@ -13,7 +13,7 @@
 #include "platform/host_memory.h"
 #include "platform/lane_butterflies.h"
 #include "platform/lane_transpose.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 namespace {
 

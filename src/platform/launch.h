@@ -5,6 +5,7 @@
 #pragma once
 
 #include "platform/device.h"
+#include "platform/loops.h"
 
 #ifdef KESTRIX_CUDA
 
@@ -12,8 +13,6 @@
 #ifndef __CUDACC__
 #error "include platform/launch.h in the source itself, not by way of another header, and run cmake again"
 #endif
-
-#define KERNEL_LOOP
 
 namespace launch_detail {
 
@@ -83,14 +82,6 @@ cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
 }
 
 #else
-
-// Loops over kernel bodies are compiled once for any x86-64 and once for those with AVX2 and fused multiply-add; the
-// program picks at start-up. Both give the same bits, since nothing is contracted or reassociated.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12 && !defined(__SANITIZE_ADDRESS__)
-#define KERNEL_LOOP __attribute__((target_clones("default", "arch=x86-64-v3")))
-#else
-#define KERNEL_LOOP
-#endif
 
 /// Fewer elements than this run on one core: waking the others would cost more than they save.
 constexpr unsigned long kParallelFrom = 32768;

@@ -10,7 +10,7 @@
 #include <type_traits>
 
 #include "platform/lane_fft.h"
-#include "platform/launch.h"
+#include "platform/loops.h"
 
 /// Inlined whatever its size, so that it is compiled for the instruction set of the loop around it.
 #define INTO_LOOP __attribute__((always_inline)) inline

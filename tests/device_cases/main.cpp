@@ -267,7 +267,7 @@ int main(int argc, char** argv) {
   for (const auto& size : {int2{64, 40}, int2{97, 33}, int2{142, 142}}) record_image(size.x, size.y);
   for (const int n : {64, 118}) {
     record_filters(n, kPaddedTransforms, "");
-    record_filters(n, kFastestPadWay, ".fastest");
+    record_filters(n, fastest_pad_way(), ".fastest");
   }
   record_cells(100, 60, 7);
   record_cells(250, 250, 3);
@@ -275,7 +275,7 @@ int main(int argc, char** argv) {
   for (const auto& T : {int2{24, 24}, int2{17, 21}, int2{90, 90}}) {
     const float step = T.x == 90 ? 360.0f : T.x == 17 ? 50.0f : 5.0f;
     record_scan(90, T.x, T.y, step, kDeviceTransforms, "");
-    record_scan(90, T.x, T.y, step, kFastestScanWay, ".fastest");
+    record_scan(90, T.x, T.y, step, fastest_scan_way(), ".fastest");
   }
   if (write_record(argv[1], record)) return 0;
   fprintf(stderr, "%s can't be written\n", argv[1]);
