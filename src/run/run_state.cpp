@@ -1,4 +1,4 @@
-#include "run_state.h"
+#include "run/picking.h"
 
 #include <algorithm>
 #include <cstdlib>

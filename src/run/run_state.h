@@ -65,9 +65,6 @@ void allocate_run(Run* run);
 /// Normalises the templates one by one and moves them to the device, inverted unless dont_invertT.
 void prepare_templates(Run* run);
 
-/// Frees everything that the functions above allocated.
-void free_run(Run* run);
-
 /// Pixels of the working image, of a template, cells of the grid.
 size_t work_pixels(const Run* run);
 size_t template_pixels(const Run* run);

@@ -1,0 +1,287 @@
+// The road of one micrograph, stage by stage.
+#include "run/picking.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "cuda_general.h"
+#include "math_utils.h"
+#include "pick_records.h"
+#include "platform/failure.h"
+#include "process2d_mrc.h"
+#include "process2d_raw.h"
+#include "reports.h"
+#include "stage_timer.h"
+#include "str_utils.h"
+#include "txt_file.h"
+
+namespace {
+
+constexpr char unit[] = "kestrix56";
+constexpr int2 kOrigin{0, 0};
+
+/// The names that belong to one micrograph.
+struct MicrographNames {
+  const char* mic;             // the micrograph
+  char box[kTextBytes];        // final list, box form
+  char star[kTextBytes];       // final list, STAR form
+  char nonunique[kTextBytes];  // candidates
+  char excluded[kTextBytes];   // excluded coordinates, or "NULL"
+};
+
+void set_names(MicrographNames* names, const char* mic, const Kestrix_Para* para) {
+  names->mic = mic;
+  set_outname_by_suffix(names->box, mic, "_quorlin.box");
+  if (para->exclusive_picking) {
+    set_outname_by_suffix(names->excluded, mic, para->excluded_suffix);
+  } else {
+    strlcpy(names->excluded, "NULL");
+  }
+  set_name_shrinked_box(names->nonunique, mic, para->shrink);
+  set_outname_by_suffix(names->star, mic, "_quorlin.star");
+}
+
+int is_file_quorlin_done(const char* name) { return access(name, R_OK) == 0; }
+
+bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
+  if (!para->do_unfinished) return false;
+  if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
+  printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
+  return true;
+}
+
+void write_device_image(const float* d, const Run* run, const char* mic, const char* suffix) {
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic, suffix);
+  mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
+}
+
+// Reads section 0, shrunk, into work_mic; zeros if the file holds no samples that can be read. Returns whether it does.
+bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) {
+  note_extended_header(name, head);
+  if (!mrc_mode_readable(head->mode)) {
+    safety_note(name, "samples of MRC mode %d (%s) can't be read; the image counts as 0 everywhere.", head->mode,
+                mrc_get_head_mode(head));
+    memset(run->host.work_mic, 0, work_pixels(run) * sizeof(float));
+    return false;
+  }
+  const unsigned long missing = mrc_missing_samples(f, head, 0);
+  if (missing > 0)
+    safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
+                static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
+  mrc_read_meanshrink_even(f, head, run->para.shrink, run->host.work_mic);
+  return true;
+}
+
+// Reads the micrograph's excluded coordinates, if it has any; otherwise their name becomes "NULL".
+int read_excluded(Run* run, MicrographNames* names) {
+  if (!check_box_file(names->excluded)) {
+    strlcpy(names->excluded, "NULL");
+    return 0;
+  }
+  const int n = read_all_ptcl_boxes(run->host.excluded_boxes, static_cast<int>(grid_cells(run)), names->excluded);
+  printf("%8d particles in file %s excluded from auto-picking \n", n, names->excluded);
+  const RunSizes& s = run->sizes;
+  note_excluded_outside(run->host.excluded_boxes, n, s.work_nx, s.work_ny, run->para.shrink, names->excluded);
+  return n;
+}
+
+bool is_flat(const float* d, size_t n) {
+  const float first = d[0];
+  return first == first && std::none_of(d, d + n, [first](float v) { return v < first || v > first; });
+}
+
+bool is_finite(const float* d, size_t n) {
+  float sum = 0;
+#pragma omp parallel for simd schedule(static) reduction(+ : sum)
+  for (size_t i = 0; i < n; i++) sum += d[i] * 0.0f;
+  return sum == 0.0f;
+}
+
+// Brings the shrunk image to the device. Returns false where nothing can be picked, of which the user has been told.
+bool upload_working_image(Run* run, const char* name, bool readable) {
+  const RunSizes& s = run->sizes;
+  const size_t pixels = work_pixels(run);
+  cpu_2d_extend_even(run->host.work_mic, s.nx, s.ny, run->para.shrink);
+  CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
+  if (!is_finite(run->host.work_mic, pixels)) {
+    safety_note(name, "holds values that are not finite, or too large to be averaged; nothing can be picked.");
+    return false;
+  }
+  if (!is_flat(run->host.work_mic, pixels)) return true;
+  if (readable) safety_note(name, "the image has no variation; nothing can be picked.");
+  // Without a deviation to divide by no pixel has a normalised value; rounding must not make one up.
+  hcuda_2d_memset(run->device.d_mic, std::numeric_limits<float>::quiet_NaN(), s.work_nx, s.work_ny);
+  return false;
+}
+
+// Says so if the normalised d_mic holds no values. One pixel tells: a deviation of 0 or of no number spoils them all.
+void note_not_normalised(const Run* run, const char* name) {
+  float pixel = 0;
+  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(&pixel, run->device.d_mic, sizeof pixel)));
+  if (!std::isfinite(pixel))
+    safety_note(name,
+                "can't be normalised, its values being too large or too small for single precision, or all filtered "
+                "away; nothing can be picked.");
+}
+
+// Whether any cell is left to pick in; says so if none is.
+bool is_any_cell_open(Run* run, const char* name) {
+  unsigned* cells = run->host.grid_index;
+  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(cells, run->device.d_grid, grid_cells(run) * sizeof(unsigned))));
+  const bool open = std::any_of(cells, cells + grid_cells(run), [](unsigned point) { return point == 0; });
+  if (!open) safety_note(name, "every cell is excluded; nothing can be picked.");
+  return open;
+}
+
+// Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
+// Returns whether any is left open.
+bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  unsigned* d_grid = run->device.d_grid;
+  hcuda_empty(d_grid, grid_cells(run) * sizeof(unsigned));
+  if (para.detect_ice)
+    hcuda_2d_ice_detect(&run->pad, &run->ice, run->device.d_mic, s.work_nx, s.work_ny, kOrigin, d_grid, s.grid_size,
+                        names->mic, &para);
+  if (para.mask_excluded && excluded_n > 0)
+    add_excluded_coords_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, run->host.excluded_boxes, excluded_n,
+                               para.shrink);
+  if (!is_str_null(para.global_excluded_box))
+    add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
+                             run->host.global_boxes);
+  return is_any_cell_open(run, names->mic);
+}
+
+// From the shrunk micrograph to d_mic, normalised over the area that d_mask leaves open.
+void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n, bool readable) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  float* d_mic = run->device.d_mic;
+  float* d_mask = run->device.d_mask;
+  const size_t pixels = work_pixels(run);
+  const float apix = static_cast<float>(para.shrink) * para.apixM;
+  const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
+  const bool usable = upload_working_image(run, names->mic, readable);
+  if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
+  if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
+  hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
+  const bool open = close_cells(run, names, excluded_n);
+  // Ice detection has left the transform of d_mic.
+  if (para.do_bandpass && !para.detect_ice) hcuda_2d_mpad_transform(&run->pad, d_mic);
+  if (para.do_bandpass) hcuda_2d_bandpass_guas_transformed(&run->pad, d_mic, apix, para.lp, para.hp);
+  // The band-pass leaves any scale; what follows takes it out, over the open area alone.
+  hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
+  if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
+  hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
+  if (usable && open) note_not_normalised(run, names->mic);
+  if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
+}
+
+// The peaks of one template, from its maps or without them.
+void find_template_peaks(Run* run, const float* T) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  const DeviceBuffers& device = run->device;
+  HostBuffers& host = run->host;
+  const auto n_excluded = static_cast<unsigned>(grid_cells(run));
+  if (scan_searches(&run->scan)) {
+    scan_search_by_one_template(&run->scan, &run->peaks, device.d_mic, device.d_mask, T, para.radius_px, para.psi_start,
+                                para.psi_end, para.ang_step, para.cc_cutoff);
+    gpu_filter_ccmax_psi_grids_exclusive(&run->peaks, host.grid_index, host.grid_cc, host.grid_psi, para.cc_cutoff,
+                                         s.work_nx, s.grid_size, device.d_grid, n_excluded);
+    return;
+  }
+  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
+                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
+  gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
+                                            host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
+                                            device.d_grid, n_excluded);
+}
+
+// One template: scan, peaks, candidate lines.
+void match_template(Run* run, int t, FILE* nonunique) {
+  const Kestrix_Para& para = run->para;
+  const RunSizes& s = run->sizes;
+  const size_t pixels = work_pixels(run);
+  printf("Template %03d\n", t + 1);
+  find_template_peaks(run, run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run));
+  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
+                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny, para.boxsize / para.shrink);
+  if (para.write_ccmax_mic)
+    CHECK_DEVICE(cudaMemcpy(run->host.ccmax_stack + static_cast<size_t>(t) * pixels, run->device.d_ccmax,
+                            pixels * sizeof(float), cudaMemcpyDeviceToHost));
+}
+
+void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
+  quorlin_transform_micrograph(&run->scan, run->device.d_mic);
+  for (int t = 0; t < run->sizes.T_num; t++) match_template(run, t, nonunique);
+  if (!run->para.write_ccmax_mic) return;
+  char name[kTextBytes];
+  set_outname_by_suffix(name, mic, "_ccmax.mrc");
+  mrcf_write_xyz_data(name, run->host.ccmax_stack, run->sizes.work_nx, run->sizes.work_ny, run->sizes.T_num);
+}
+
+void close_candidates(FILE* nonunique, const char* name) {
+  const bool failed = ferror(nonunique) != 0;
+  if (fclose(nonunique) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", name);
+}
+
+void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
+  const Kestrix_Para& para = run->para;
+  box_filter(run->sizes.shrink_nx, run->sizes.shrink_ny, para.min_dist_px, para.cc_cutoff,
+             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, names->nonunique, names->excluded,
+             out, kind);
+}
+
+// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: then
+// it is replaced last, so that both lists hold the same picks.
+void select_picks(const Run* run, const MicrographNames* names) {
+  const Kestrix_Para& para = run->para;
+  const bool star_first = strcmp(names->excluded, names->box) == 0;
+  if (para.write_star && star_first) write_picks(run, names, names->star, 1);
+  write_picks(run, names, names->box, 2);
+  if (para.write_star && !star_first) write_picks(run, names, names->star, 1);
+  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
+}
+
+}  // namespace
+
+void pick_micrograph(Run* run, const char* mic) {
+  time_push();
+  printf("\n");
+  put_rule('-', 129, stdout);
+  MicrographNames names;
+  set_names(&names, mic, &run->para);
+  if (is_finished(&names, &run->para)) {
+    time_drop();
+    return;
+  }
+  FILE* nonunique = open_to_write(names.nonunique, "w+", "main", unit, __LINE__);
+  FILE* f = open_to_read(mic, "main", unit, __LINE__);
+  MRC_HEAD head;
+  mrc_read_head(f, &head);
+  check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
+  printf("Reading File %s ...\n", mic);
+  const bool readable = read_micrograph(run, f, &head, mic);
+  fclose(f);
+  const int excluded_n = read_excluded(run, &names);
+  time_pop("READING");
+
+  time_push();
+  printf("Normalizing the micrograph %s ...\n", mic);
+  condition_micrograph(run, &names, excluded_n, readable);
+  time_pop("NORMALIZATION");
+
+  time_push();
+  match_all_templates(run, mic, nonunique);
+  close_candidates(nonunique, names.nonunique);
+  select_picks(run, &names);
+  printf("File %s finished.\n", mic);
+  time_pop("PICKING");
+}

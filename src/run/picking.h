@@ -1,0 +1,28 @@
+// The door of the picking library: what a front end calls, whatever it feeds from. It reads the command line, prepares a
+// run, picks micrographs one by one in any order, and ends the run:
+//     Run run{};
+//     read_command_line(argc, argv, &run);
+//     prepare_run(&run);
+//     for each micrograph: pick_micrograph(&run, name);
+//     free_run(&run);
+// Everything that a run prints comes from these calls, stage times by way of stage_timer.h. What can't go on leaves by
+// end_run (platform/failure.h).
+#pragma once
+
+#include "run/run_state.h"
+
+/// Sets run->para from the command line, reports it on standard output and refuses what can't work. An unknown option,
+/// and values that can't work, end the run. run: all zero before.
+void read_command_line(int argc, char** argv, Run* run);
+
+/// Chooses the device, takes all sizes from the first readable micrograph of run->para.files, acquires the templates and
+/// allocates every buffer. Ends the run where there is no readable micrograph, no usable template or not enough memory.
+void prepare_run(Run* run);
+
+/// The road of one micrograph, from its file to the lists beside it, as run->para asks for. A micrograph that is
+/// finished already is passed over where the run resumes. Ends the run on a file that can't be read or written, on a size
+/// or format other than the first micrograph's, and on a device error; lists of earlier micrographs stay.
+void pick_micrograph(Run* run, const char* mic);
+
+/// Frees all that a run holds, its parameters included.
+void free_run(Run* run);

@@ -1,0 +1,60 @@
+// From the command line to a run that is ready for its micrographs.
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "platform/failure.h"
+#include "reports.h"
+#include "run/picking.h"
+
+namespace {
+
+constexpr char unit[] = "kestrix56";
+
+// Finds the first readable entry, opens it and makes it list entry 0. Ends the run if there is none.
+void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
+  for (int i = 0; i < n; i++) {
+    const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
+    if (access(files[i], R_OK) != 0 || !check_file_regular(files[i])) {
+      printf(
+          "\x1b[41m\x1b[1m\x1b[5mWarning in function %s(), file %s on line %d: the micrograph %s %s! Automatically "
+          "ignored!\x1b[m\n\n",
+          __func__, unit, __LINE__, files[i], problem);
+      continue;
+    }
+    printf("Opening %s for initial test and preperation .......\n", files[i]);
+    f = KESTRIX_OPEN_READ(files[i]);
+    first_file = files[0] = files[i];
+    return;
+  }
+  KESTRIX_FATAL("no readable micrograph in the list");
+}
+
+void read_first_header(Run* run) {
+  FILE* f = nullptr;
+  check_access_openf_1st(run->para.files, run->para.n_files, run->para.first_file, f);
+  mrc_read_head(f, &run->first_head);
+  fclose(f);
+}
+
+}  // namespace
+
+void read_command_line(int argc, char** argv, Run* run) {
+  Kestrix_Para* para = &run->para;
+  kestrix_init_parameters(argc, para);
+  kestrix_get_parameters(argc, argv, para);
+  kestrix_fput_parameters(argc, argv, para, stdout);
+  kestrix_check_parameters(para);
+}
+
+void prepare_run(Run* run) {
+  Kestrix_Para* para = &run->para;
+  cudaSetDevice(para->gid);
+  read_first_header(run);
+  set_run_sizes(run);
+  // The disc is the same at every angle: one is enough.
+  if (para->auto_template) para->ang_step = 360.0f;
+  acquire_templates(run);
+  allocate_run(run);
+  prepare_templates(run);
+}
