@@ -6,11 +6,11 @@
 #include <cstdio>
 
 #include "bench/paired.h"
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "cuda_general.h"
 #include "img_filter.h"
-#include "platform/wide_lanes.h"
 #include "quorlin56.h"
+#include "transforms/wide_lanes.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "img_filter.h"
 #include "test_numeric.h"
 #include "test_support_pad_ways.h"

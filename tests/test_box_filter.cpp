@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "boxfile.h"
-#include "pick_records.h"
+#include "particles/pick_records.h"
 #include "test_support.h"
 
 namespace {

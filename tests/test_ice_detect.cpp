@@ -1,6 +1,6 @@
 #include <climits>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "test_numeric.h"
 #include "test_support.h"
 

@@ -1,5 +1,5 @@
 // The host's own transforms.
-#include "platform/lane_bluestein.h"
+#include "transforms/any_length_fft.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/wide_lanes.h"
 #include "test_numeric.h"
+#include "transforms/wide_lanes.h"
 
 namespace {
 

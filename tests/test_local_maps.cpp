@@ -1,4 +1,4 @@
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "test_numeric.h"
 #include "test_support_pad_ways.h"
 

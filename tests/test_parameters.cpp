@@ -8,12 +8,12 @@
 #include <sstream>
 #include <vector>
 
-#include "parameters.h"
+#include "compute/text_numbers.h"
 #include "platform/device.h"
-#include "reports.h"
+#include "run/parameters.h"
+#include "run/reports.h"
 #include "str_utils.h"
 #include "test_support.h"
-#include "text_numbers.h"
 
 namespace {
 

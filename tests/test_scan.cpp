@@ -32,7 +32,7 @@ constexpr float kUntouched = -77;
 ScanWay way_under_test = kDeviceTransforms;  // set by the fixture
 
 const std::vector<ScanWay> kWays =
-    kOnGpu ? std::vector<ScanWay>{kDeviceTransforms} : std::vector<ScanWay>{kDeviceTransforms, kHostLanes};
+    kOnGpu ? std::vector<ScanWay>{kDeviceTransforms} : std::vector<ScanWay>{kDeviceTransforms, kHostScan};
 
 /// A random scene, a quarter of it masked. With a rim of zeros around the template it doesn't matter on which side of
 /// the template's edge a rounded source position falls.
@@ -142,7 +142,7 @@ class Scan : public testing::TestWithParam<ScanWay> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Ways, Scan, testing::ValuesIn(kWays), [](const testing::TestParamInfo<ScanWay>& way) {
-  return way.param == kHostLanes ? "HostLanes" : "DeviceTransforms";
+  return way.param == kHostScan ? "HostLanes" : "DeviceTransforms";
 });
 
 using ScanUpdate = DeviceTest;

@@ -2,14 +2,14 @@
 #include <algorithm>
 #include <array>
 
-#include "matching/lane_bounds.h"
-#include "matching/lane_samples.h"
-#include "matching/lane_scan.h"
-#include "matching/lane_turns.h"
-#include "platform/wide_lanes.h"
+#include "matching/host_scan/error_bounds.h"
+#include "matching/host_scan/interpolation.h"
+#include "matching/host_scan/scan.h"
+#include "matching/host_scan/template_turns.h"
 #include "quorlin56.h"
 #include "test_numeric.h"
 #include "test_support.h"
+#include "transforms/wide_lanes.h"
 
 namespace {
 
@@ -146,8 +146,8 @@ void check_error_bounds(double width) {
     for (int x = 0; x < n; x++)
       scene.mic[static_cast<size_t>(y) * n + x] *=
           static_cast<float>(std::exp(-std::pow((x - 110) / width, 2) - std::pow((y - 90) / 60.0, 2)));
-  LaneScan* scan = lane_scan_new(n, n, t, t, 72, 0.11, cell, true);
-  lane_scan_transform_micrograph(scan, scene.mic.data());
+  HostScan* scan = host_scan_new(n, n, t, t, 72, 0.11, cell, true);
+  host_scan_transform_micrograph(scan, scene.mic.data());
   const CellGrid cells{cell, scene.grid_nx(), scene.grid_ny()};
   ErrorBounds bounds = error_bounds_new(scan, cells);
   find_error_bounds(&bounds, scan, cells, scene.mic.data());
@@ -187,7 +187,7 @@ void check_error_bounds(double width) {
     EXPECT_LE(bound, 2 * largest + 5 * lost) << "cell " << cell_x;
   }
   error_bounds_free(&bounds);
-  lane_scan_free(scan);
+  host_scan_free(scan);
 }
 
 }  // namespace

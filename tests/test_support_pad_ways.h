@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "test_numeric.h"
 
 inline const std::vector<PadWay> kPadWays =

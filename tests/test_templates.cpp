@@ -1,4 +1,4 @@
-#include "templates.h"
+#include "templates/templates.h"
 
 #include <cstdlib>
 

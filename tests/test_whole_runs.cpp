@@ -3,7 +3,7 @@
 #include <sstream>
 #include <string>
 
-#include "reports.h"
+#include "run/reports.h"
 #include "test_support_runs.h"
 
 namespace {

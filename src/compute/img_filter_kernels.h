@@ -2,7 +2,7 @@
 #pragma once
 
 #include "compute/process2d_raw_kernels.h"
-#include "platform/lane_cosine.h"
+#include "transforms/cosine_image.h"
 
 /// Radii in Fourier pixels between which a filter passes.
 struct BandLimits {

@@ -1,4 +1,4 @@
-#include "text_numbers.h"
+#include "compute/text_numbers.h"
 
 #include <climits>
 #include <cmath>

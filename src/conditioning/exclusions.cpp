@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "conditioning/conditioning_kernels.h"
 #include "cuda_general.h"
 #include "platform/failure.h"

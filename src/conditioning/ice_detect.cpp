@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <initializer_list>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "conditioning/conditioning_kernels.h"
 #include "cuda_general.h"
 #include "mrcfile.h"

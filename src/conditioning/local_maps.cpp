@@ -1,12 +1,12 @@
 // Local average and sigma of the mirror-padded image over a soft-edged disc.
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "conditioning/conditioning_kernels.h"
 #include "cuda_general.h"
 #include "math_utils.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
 
-#include "platform/lane_cosine.h"
+#include "transforms/cosine_image.h"
 
 namespace {
 

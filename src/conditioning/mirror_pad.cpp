@@ -1,11 +1,11 @@
 // The mirrored image's transforms and its band-pass filters.
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "cuda_general.h"
 #include "img_filter.h"
 #include "platform/failure.h"
 #include "process2d_raw.h"
 
-#include "platform/lane_cosine.h"
+#include "transforms/cosine_image.h"
 
 namespace {
 

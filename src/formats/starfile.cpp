@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "compute/text_numbers.h"
 #include "platform/host_memory.h"
 #include "str_utils.h"
-#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {

@@ -14,7 +14,7 @@ void hcuda_c2d_bandpass_softR(float2* data, int P, float apix, float res1, float
 /// outside them, H = P/2 + 1.
 void hcuda_c2d_bandpass_guas(float2* data, int P, float apix, float res1, float res2);
 
-/// The two filters on the cosine coefficients (platform/lane_cosine.h) of an image of P/2 by P/2, which make up the
+/// The two filters on the cosine coefficients (transforms/cosine_image.h) of an image of P/2 by P/2, which make up the
 /// transform of the mirrored image. Return how many columns, and rows, there are up to the last that passes
 /// anything; what lies behind is to count as 0.
 int hcuda_cosine_bandpass_softR(float* data, int P, float apix, float res1, float res2, float soft);

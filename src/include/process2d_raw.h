@@ -3,6 +3,8 @@
 // the caller. Device operations end the run on a device error.
 #pragma once
 
+#include <cstddef>
+
 #include "platform/device.h"
 
 // --- Element-wise, on the device ---
@@ -70,6 +72,13 @@ float hd_guasf1(float v, float s);
 /// out   nx*ny floats
 void cpu_2d_generate_rmask_soft(float* out, int nx, int ny, float cx, float cy, float r, float soft);
 
+/// Whole blocks of shrink pixels along a side of n, made even: 2 * (n / (2 * shrink)).
+int even_side(int n, int shrink);
+
+/// Block averages of width by height output pixels: out[y * stride + x] is the mean of shrink by shrink pixels of `in`,
+/// whose rows are nx apart.
+void cpu_2d_average_rows(float* out, size_t stride, const float* in, size_t nx, int width, int height, int shrink);
+
 /// Side of the even square that a micrograph of nx by ny pixels becomes: 2 * (max(nx, ny) / (2 * shrink)).
 int get_max_extended_square_even_size(int nx, int ny, int shrink);
 
@@ -78,6 +87,9 @@ int get_max_extended_square_even_size(int nx, int ny, int shrink);
 /// out   square of floats      in   nx*ny floats
 /// Sides whose ratio reaches 2 end the run with a fatal error.
 void cpu_2d_meanshrink_extended_even_square(float* out, const float* in, int nx, int ny, int shrink);
+
+/// Fills up the shorter side of the square by mirroring; nx and ny are the micrograph's. Fails as above.
+void cpu_2d_extend_even(float* data, int nx, int ny, int shrink);
 
 /// Fills the square of side max(nx, ny) in data, whose row stride is that side, from the nx by ny block at its
 /// origin by mirroring; the edge row or column is repeated. Fails as above.

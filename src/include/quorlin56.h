@@ -8,14 +8,14 @@
 /// Most angles that one pass of the scan takes together.
 constexpr int kMaxScanBatch = 64;
 
-/// The ways to go through a scan: batched transforms of the device, or the host's own (lane_scan.h), which searches for
+/// The ways to go through a scan: batched transforms of the device, or the host's own (scan.h), which searches for
 /// peaks where that is faster, or, for tests, wherever it can. All give the same maps and peaks up to rounding.
-enum ScanWay { kDeviceTransforms, kHostLanes, kHostSearch };
+enum ScanWay { kDeviceTransforms, kHostScan, kHostSearch };
 
 /// The fastest way of the device. The host's own ways are for the host device alone: they follow its pointers.
-inline ScanWay fastest_scan_way() { return device_transforms_wanted() ? kDeviceTransforms : kHostLanes; }
+inline ScanWay fastest_scan_way() { return device_transforms_wanted() ? kDeviceTransforms : kHostScan; }
 
-struct LaneScan;
+struct HostScan;
 
 /// What the scans of a run share: plans and buffers for nx by ny images and T_nx by T_ny templates, taking `batch`
 /// angles at a time. Spectra have rows of nx / 2 + 1 values.
@@ -23,7 +23,7 @@ struct ScanWorkspace {
   int nx, ny;                // working image
   int T_nx, T_ny;            // template box, no larger than the working image
   int batch;                 // angles in one pass
-  LaneScan* lanes;           // the host's own way; where it is used, batch is 0 and what follows is empty
+  HostScan* host_scan;       // the host's own way; where it is used, batch is 0 and what follows is empty
   float* padded;             // device, batch images: the turned templates in the middle, zero around
   float* correlation;        // device, batch images
   float2* mic_spectrum;      // device, one spectrum
@@ -109,9 +109,8 @@ int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const f
 
 /// Removes of the peaks in ws->found, cc and psi what gpu_find_filter_ccmax_psi_grids_exclusive would, with the same
 /// arguments.
-void gpu_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi,
-                                          float cc_cutoff, int nx, int grid_size, const unsigned* excluded,
-                                          unsigned n_excluded);
+void filter_peaks(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff, int nx,
+                  int grid_size, const unsigned* excluded, unsigned n_excluded);
 
 /// Finds each cell's peak and removes those below cc_cutoff, those near an excluded point and those near a better
 /// peak of a neighbouring cell; near is closer than the diagonal of a cell.

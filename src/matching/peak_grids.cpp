@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "matching/quorlin56_kernels.h"
+#include "matching/peak_kernels.h"
 #include "platform/launch.h"
 #include "quorlin56.h"
 
@@ -62,9 +62,8 @@ void peak_workspace_free(PeakWorkspace* ws) {
   *ws = PeakWorkspace{};
 }
 
-void gpu_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi,
-                                          float cc_cutoff, int nx, int grid_size, const unsigned* excluded,
-                                          unsigned n_excluded) {
+void filter_peaks(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff, int nx,
+                  int grid_size, const unsigned* excluded, unsigned n_excluded) {
   const size_t cells = static_cast<size_t>(ws->grid_nx) * ws->grid_ny;
   const unsigned n_points = gather_excluded(ws, excluded, n_excluded);
   CHECK_DEVICE(launch_cells<cuda_filter_ccmax_psi_grids_exclusive>(
@@ -81,6 +80,5 @@ void gpu_find_filter_ccmax_psi_grids_exclusive(PeakWorkspace* ws, const float* c
                                                unsigned n_excluded) {
   CHECK_DEVICE(launch_cells<cuda_find_ccmax_psi_grids>(ws->grid_nx, ws->grid_ny, ccmax, psi, ws->found, ws->cc, ws->psi,
                                                        nx, ny, ws->grid_nx, grid_size));
-  gpu_filter_ccmax_psi_grids_exclusive(ws, grid_index, grid_cc, grid_psi, cc_cutoff, nx, grid_size, excluded,
-                                       n_excluded);
+  filter_peaks(ws, grid_index, grid_cc, grid_psi, cc_cutoff, nx, grid_size, excluded, n_excluded);
 }

@@ -3,7 +3,7 @@
 
 #include <omp.h>
 
-#include "matching/lane_scan.h"
+#include "matching/host_scan/scan.h"
 #include "platform/host_memory.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "matching/quorlin56_kernels.h"
+#include "matching/scan_kernels.h"
 #include "math_utils.h"
 #include "platform/launch.h"
 #include "process2d_raw.h"
@@ -154,7 +154,7 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
   if (way != kDeviceTransforms) {
-    ws.lanes = lane_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
+    ws.host_scan = host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
     return ws;
   }
   ws.batch = batch_size(ws, n_angles);
@@ -172,7 +172,7 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
 }
 
 void scan_workspace_free(ScanWorkspace* ws) {
-  lane_scan_free(ws->lanes);
+  host_scan_free(ws->host_scan);
   if (ws->padded) {
     cudaFree(ws->padded);
     cudaFree(ws->correlation);
@@ -185,10 +185,10 @@ void scan_workspace_free(ScanWorkspace* ws) {
   *ws = ScanWorkspace{};
 }
 
-bool scan_searches(const ScanWorkspace* ws) { return ws->lanes && lane_scan_searches(ws->lanes); }
+bool scan_searches(const ScanWorkspace* ws) { return ws->host_scan && host_scan_searches(ws->host_scan); }
 
 void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic) {
-  if (ws->lanes) return lane_scan_transform_micrograph(ws->lanes, mic);
+  if (ws->host_scan) return host_scan_transform_micrograph(ws->host_scan, mic);
   // A real-to-complex transform out of place leaves its input as it was.
   CHECK_CUFFT(cufftExecR2C(ws->mic_plan, const_cast<float*>(mic), ws->mic_spectrum));
 }
@@ -197,10 +197,10 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
                                       int keep_psi, const float* T, float radius, float start, float stop, float step) {
   float* kept_psi = keep_psi ? psi : nullptr;
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
-  if (ws->lanes) {
+  if (ws->host_scan) {
     const int n_angles = count_scan_angles(start, stop, step);
     float* angles = angles_new(start, stop, step, n_angles);
-    lane_scan_template(ws->lanes, T, angles, n_angles, divisor, ccmax, kept_psi);
+    host_scan_template(ws->host_scan, T, angles, n_angles, divisor, ccmax, kept_psi);
     free(angles);
     return 0;
   }
@@ -213,7 +213,7 @@ int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const f
   const float divisor = score_divisor(*ws, mic, mask, T, radius);
   const int n_angles = count_scan_angles(start, stop, step);
   float* angles = angles_new(start, stop, step, n_angles);
-  lane_scan_search(ws->lanes, T, angles, n_angles, divisor, cc_cutoff, peaks->found, peaks->cc, peaks->psi);
+  host_scan_search(ws->host_scan, T, angles, n_angles, divisor, cc_cutoff, peaks->found, peaks->cc, peaks->psi);
   free(angles);
   return 0;
 }

@@ -10,10 +10,10 @@
 #include <cstring>
 
 #include "boxfile.h"
+#include "compute/text_numbers.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "str_utils.h"
-#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {

@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "compute/text_numbers.h"
 #include "platform/failure.h"
 #include "starfile.h"
 #include "str_utils.h"
-#include "text_numbers.h"
 #include "txt_file.h"
 
 namespace {

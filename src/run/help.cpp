@@ -1,6 +1,6 @@
 #include <cstdio>
 
-#include "reports.h"
+#include "run/reports.h"
 
 namespace {
 

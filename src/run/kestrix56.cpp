@@ -1,9 +1,9 @@
 // The program kestrix: the run, from the command line to the last micrograph.
 #include <cstdio>
 
-#include "reports.h"
 #include "run/picking.h"
-#include "stage_timer.h"
+#include "run/reports.h"
+#include "run/stage_timer.h"
 #include "str_utils.h"
 
 int main(int argc, char** argv) {

@@ -1,7 +1,7 @@
 // One field of the parameter record, for the tables of the parser and of the report.
 #pragma once
 
-#include "parameters.h"
+#include "run/parameters.h"
 
 using Real_Field = float Kestrix_Para::*;
 using Integer_Field = int Kestrix_Para::*;

@@ -1,4 +1,4 @@
-#include "parameters.h"
+#include "run/parameters.h"
 
 #include <strings.h>
 #include <cctype>
@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "compute/text_numbers.h"
 #include "cuda_general.h"
 #include "platform/failure.h"
-#include "reports.h"
 #include "run/para_field.h"
+#include "run/reports.h"
 #include "str_utils.h"
-#include "text_numbers.h"
 
 namespace {
 

@@ -11,12 +11,12 @@
 
 #include "cuda_general.h"
 #include "math_utils.h"
-#include "pick_records.h"
+#include "particles/pick_records.h"
 #include "platform/failure.h"
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
-#include "reports.h"
-#include "stage_timer.h"
+#include "run/reports.h"
+#include "run/stage_timer.h"
 #include "str_utils.h"
 #include "txt_file.h"
 
@@ -74,7 +74,7 @@ bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) 
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
-  mrc_read_meanshrink_even(f, head, run->para.shrink, run->host.work_mic);
+  read_shrunk_micrograph(f, head, run->para.shrink, run->host.work_mic);
   return true;
 }
 
@@ -193,8 +193,8 @@ void find_template_peaks(Run* run, const float* T) {
   if (scan_searches(&run->scan)) {
     scan_search_by_one_template(&run->scan, &run->peaks, device.d_mic, device.d_mask, T, para.radius_px, para.psi_start,
                                 para.psi_end, para.ang_step, para.cc_cutoff);
-    gpu_filter_ccmax_psi_grids_exclusive(&run->peaks, host.grid_index, host.grid_cc, host.grid_psi, para.cc_cutoff,
-                                         s.work_nx, s.grid_size, device.d_grid, n_excluded);
+    filter_peaks(&run->peaks, host.grid_index, host.grid_cc, host.grid_psi, para.cc_cutoff, s.work_nx, s.grid_size,
+                 device.d_grid, n_excluded);
     return;
   }
   quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,

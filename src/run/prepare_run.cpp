@@ -4,8 +4,8 @@
 #include <cstdio>
 
 #include "platform/failure.h"
-#include "reports.h"
 #include "run/picking.h"
+#include "run/reports.h"
 
 namespace {
 

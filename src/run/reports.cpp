@@ -1,8 +1,8 @@
-#include "reports.h"
+#include "run/reports.h"
 
+#include "compute/text_numbers.h"
 #include "run/para_field.h"
 #include "str_utils.h"
-#include "text_numbers.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "process2d_raw.h"
-#include "templates.h"
+#include "templates/templates.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "boxfile.h"
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "mrcfile.h"
-#include "parameters.h"
 #include "quorlin56.h"
+#include "run/parameters.h"
 
 /// Sizes of the run, from the first micrograph's header and the templates. "Shrunk" pixels are pixels of
 /// apixM * shrink Å.

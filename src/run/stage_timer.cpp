@@ -1,4 +1,4 @@
-#include "stage_timer.h"
+#include "run/stage_timer.h"
 
 #include <sys/time.h>
 

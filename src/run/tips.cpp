@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "reports.h"
+#include "run/reports.h"
 
 namespace {
 constexpr int kTipRule = 127;

@@ -5,16 +5,16 @@
 #include <cstdio>
 #include <limits>
 
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "cuda_fft.h"
 #include "cuda_general.h"
 #include "device_record.h"
 #include "img_filter.h"
 #include "math_utils.h"
-#include "platform/lane_cosine.h"
 #include "process2d_raw.h"
 #include "quorlin56.h"
-#include "templates.h"
+#include "templates/templates.h"
+#include "transforms/cosine_image.h"
 
 namespace {
 
@@ -212,8 +212,7 @@ void record_cells(int nx, int ny, int cell) {
   gpu_find_filter_ccmax_psi_grids_exclusive(&ws, average.data, sigma.data, index.data(), cc.data(), psi.data(), 0.9f,
                                             nx, ny, cell, marks.data, static_cast<unsigned>(cells));
   std::vector<unsigned> more(cells);
-  gpu_filter_ccmax_psi_grids_exclusive(&ws, more.data(), cc.data(), psi.data(), 0.5f, nx, cell, marks.data,
-                                       static_cast<unsigned>(cells));
+  filter_peaks(&ws, more.data(), cc.data(), psi.data(), 0.5f, nx, cell, marks.data, static_cast<unsigned>(cells));
   peak_workspace_free(&ws);
   record.push_back({"peaks.more" + tail, kSameBits, {more.begin(), more.end()}});
   record.push_back({"peaks.index" + tail, kSameBits, {index.begin(), index.end()}});

@@ -7,16 +7,16 @@
 #include <initializer_list>
 
 #include "boxfile.h"
-#include "conditioning.h"
+#include "conditioning/conditioning.h"
 #include "cuda_general.h"
 #include "mrcfile.h"
-#include "parameters.h"
 #include "process2d_mrc.h"
 #include "quorlin56.h"
-#include "reports.h"
+#include "run/parameters.h"
+#include "run/reports.h"
 #include "run/run_state.h"
 #include "starfile.h"
-#include "templates.h"
+#include "templates/templates.h"
 
 namespace {
 

@@ -1,0 +1,17 @@
+#include "transforms/wide_lanes.h"
+
+namespace {
+bool wide = wide_lanes_possible();
+}
+
+bool wide_lanes_possible() {
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+  return __builtin_cpu_supports("x86-64-v4");
+#else
+  return false;
+#endif
+}
+
+bool wide_lanes() { return wide; }
+
+void set_wide_lanes(bool on) { wide = on && wide_lanes_possible(); }
