@@ -142,7 +142,7 @@ TEST_F(BoxFilter, AListThatCannotBeWrittenEndsTheRunAndLeavesTheEarlierOneAlone)
   };
   const ChildResult full = run(path("m_quorlin.box"));
   EXPECT_EQ(1, full.status);
-  EXPECT_TRUE(holds(full.out, "writing " + path("m_quorlin.box") + " failed, no space left?")) << full.out;
+  EXPECT_TRUE(holds(full.out, "writing " + path("m_quorlin.box") + " failed, is there space left")) << full.out;
   EXPECT_EQ("earlier\n", read_file(path("m_quorlin.box")));
   const std::string absent = path("absent/out.box");
   EXPECT_EQ("Cannot write to file " + absent + ". Permission denied or no space left!\n" +

@@ -100,20 +100,12 @@ TEST_F(IceDetection, MarksTheContaminatedCellsAndWritesListsAndMaps) {
   std::vector<float> image = random_values(static_cast<size_t>(N) * N, 1, -0.5f, 0.5f);
   for (int y = 26; y < 38; y++)  // a dark patch with a rough rim, in the middle
     for (int x = 27; x < 40; x++) image[static_cast<size_t>(y) * N + x] -= 6;
-  Kestrix_Para para{};
-  para.shrink = 2;
-  para.lsigma_radius_px = 4.7f;
-  para.lave_radius_px = 3.6f;
-  para.local_edge_width = 2.0f;
-  para.lave_min = -1;
-  para.lave_max = 1;
-  para.lsigma_cutoff = 1.3f;
-  para.write_rejected_box = para.write_bg_mic = para.write_lsigma_mic = 1;
+  const IceSettings settings{-1, 1, 1.3f, 3.6f, 4.7f, 2, 2, true, true, true};
   MirrorPad pad = mirror_pad_new(N, N);
-  IceWorkspace ws = ice_workspace_new(&pad, cells, cells, &para);
+  IceWorkspace ws = ice_workspace_new(&pad, cells, cells, settings);
   const auto d = to_device(image);
   const auto d_grid = to_device(std::vector<unsigned>(25, 777u));
-  hcuda_2d_ice_detect(&pad, &ws, d.get(), N, N, {0, 0}, d_grid.get(), box, path("m.mrc").c_str(), &para);
+  hcuda_2d_ice_detect(&pad, &ws, d.get(), N, N, {0, 0}, d_grid.get(), box, path("m.mrc").c_str());
   ice_workspace_free(&ws);
   mirror_pad_free(&pad);
 

@@ -9,7 +9,6 @@ namespace {
 constexpr char unit[] = "process2d_raw";
 
 // The float nearest to pi / 180.
-constexpr float kRadiansPerDegree = 0.017453292f;
 
 }  // namespace
 
@@ -37,9 +36,19 @@ void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int NX
   CHECK_DEVICE(launch_2d<cuda_x2d_cp_small_to_large_center>(nx, ny, large, small, NX, NY, nx, ny));
 }
 
+void turn_of(float psi, float* cosine, float* sine) {
+  // The float nearest to pi / 180.
+  constexpr float kRadiansPerDegree = 0.017453292f;
+  const float t = psi * kRadiansPerDegree;
+  *cosine = cosf(t);
+  *sine = sinf(t);
+}
+
 void hcuda_2d_rotate(const float* in, float* out, int nx, int ny, float angle) {
-  const float t = angle * kRadiansPerDegree;
-  CHECK_DEVICE(launch_2d<cuda_2d_rotate>(nx, ny, in, out, nx, ny, cosf(t), sinf(t)));
+  float cosine;
+  float sine;
+  turn_of(angle, &cosine, &sine);
+  CHECK_DEVICE(launch_2d<cuda_2d_rotate>(nx, ny, in, out, nx, ny, cosine, sine));
 }
 
 void hcuda_2d_scale(float* out, const float* in, int nx, int ny, float scale) {

@@ -7,7 +7,6 @@
 #include "boxfile.h"
 #include "mrcfile.h"
 #include "platform/device.h"
-#include "run/parameters.h"
 
 // --- From the file to the working image, on the host ---
 
@@ -91,6 +90,19 @@ void hcuda_2d_local_sigma_softR_mpad(MirrorPad* pad, const DiscWindow* window, c
 
 // --- Ice and contamination ---
 
+/// What ice detection goes by, and what it writes.
+struct IceSettings {
+  float lave_min, lave_max;  // limits of the local average
+  float lsigma_cutoff;       // upper limit of the local deviation
+  float lave_radius;         // radius of the window of the local average, pixels of the working image
+  float lsigma_radius;       // of the local deviation, likewise
+  float edge_width;          // soft edge of both windows, likewise
+  int shrink;                // raw pixels along a pixel of the working image
+  bool write_rejected;       // write _rejected.box and _rejected.star
+  bool write_lave;           // write _bg.mrc
+  bool write_lsigma;         // write _lsigma.mrc
+};
+
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.
 struct IceWorkspace {
   int grid_nx, grid_ny;
@@ -103,10 +115,11 @@ struct IceWorkspace {
   float* host_grid_lave;
   float* host_grid_lsigma;
   DiscWindow lsigma_window, lave_window;
+  IceSettings settings;
 };
 
-/// Allocates and prepares the two windows from the parameters; released with ice_workspace_free.
-IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const Kestrix_Para* para);
+/// Allocates and prepares the two windows; released with ice_workspace_free.
+IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const IceSettings& settings);
 void ice_workspace_free(IceWorkspace* ws);
 
 /// Marks the cells of d_grid (device, one pixel index per cell, 0: clean) that hold ice or contamination, and writes
@@ -115,7 +128,7 @@ void ice_workspace_free(IceWorkspace* ws);
 /// origin    added to the coordinates written
 /// A list or map that cannot be written ends the run with a fatal error.
 void hcuda_2d_ice_detect(MirrorPad* pad, IceWorkspace* ws, const float* d, int Nx, int Ny, int2 origin,
-                         unsigned* d_grid, int grid_size, const char* mic_name, const Kestrix_Para* para);
+                         unsigned* d_grid, int grid_size, const char* mic_name);
 
 /// For each cell of side `box`, starting from its first pixel: records in d_grid the last pixel that beat the running
 /// values while beyond a limit, and its local average and sigma in grid_lave and grid_lsigma. All on the device.

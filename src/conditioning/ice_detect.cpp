@@ -40,8 +40,9 @@ void write_map(const float* map, int Nx, int Ny, const char* mic_name, const cha
 
 }  // namespace
 
-IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const Kestrix_Para* para) {
+IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const IceSettings& settings) {
   IceWorkspace ws{};
+  ws.settings = settings;
   ws.grid_nx = grid_nx;
   ws.grid_ny = grid_ny;
   const size_t pixels = static_cast<size_t>(pad->nx) * pad->ny;
@@ -53,8 +54,8 @@ IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const K
   ws.host_grid = host_cells<unsigned>(&ws);
   ws.host_grid_lave = host_cells<float>(&ws);
   ws.host_grid_lsigma = host_cells<float>(&ws);
-  ws.lsigma_window = disc_window_new(pad, para->lsigma_radius_px, para->local_edge_width);
-  ws.lave_window = disc_window_new(pad, para->lave_radius_px, para->local_edge_width);
+  ws.lsigma_window = disc_window_new(pad, settings.lsigma_radius, settings.edge_width);
+  ws.lave_window = disc_window_new(pad, settings.lave_radius, settings.edge_width);
   return ws;
 }
 
@@ -69,18 +70,19 @@ void ice_workspace_free(IceWorkspace* ws) {
 }
 
 void hcuda_2d_ice_detect(MirrorPad* pad, IceWorkspace* ws, const float* d, int Nx, int Ny, int2 origin,
-                         unsigned* d_grid, int grid_size, const char* mic_name, const Kestrix_Para* para) {
+                         unsigned* d_grid, int grid_size, const char* mic_name) {
+  const IceSettings& settings = ws->settings;
   hcuda_2d_mpad_transform(pad, d);
   hcuda_2d_local_ave_softR_mpad(pad, &ws->lave_window, ws->lave_map);
   hcuda_2d_local_sigma_softR_mpad(pad, &ws->lsigma_window, d, ws->lsigma_map, ws->scratch);
   hcuda_find_sigma_grids(ws->lave_map, ws->lsigma_map, d_grid, ws->grid_lave, ws->grid_lsigma, Nx, Ny, grid_size,
-                         para->lave_min, para->lave_max, para->lsigma_cutoff);
+                         settings.lave_min, settings.lave_max, settings.lsigma_cutoff);
   CHECK_DEVICE(cudaMemcpy(ws->host_grid, d_grid, cells_of(ws) * sizeof(unsigned), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(ws->host_grid_lave, ws->grid_lave, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(ws->host_grid_lsigma, ws->grid_lsigma, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
-  if (para->write_rejected_box) write_rejected_lists(ws, Nx, Ny, origin, grid_size, mic_name, para->shrink);
-  if (para->write_bg_mic) write_map(ws->lave_map, Nx, Ny, mic_name, "_bg.mrc");
-  if (para->write_lsigma_mic) write_map(ws->lsigma_map, Nx, Ny, mic_name, "_lsigma.mrc");
+  if (settings.write_rejected) write_rejected_lists(ws, Nx, Ny, origin, grid_size, mic_name, settings.shrink);
+  if (settings.write_lave) write_map(ws->lave_map, Nx, Ny, mic_name, "_bg.mrc");
+  if (settings.write_lsigma) write_map(ws->lsigma_map, Nx, Ny, mic_name, "_lsigma.mrc");
 }
 
 void hcuda_find_sigma_grids(const float* lave, const float* lsigma, unsigned* d_grid, float* grid_lave,
@@ -112,6 +114,5 @@ void output_ice_coord(const char* file, const unsigned* grid, const float* grid_
               box * shrink, box * shrink, grid_lave[i], grid_lsigma[i]);
     }
   }
-  const bool failed = ferror(out) != 0;
-  if (fclose(out) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", file);
+  KESTRIX_CLOSE_WRITTEN(out, file);
 }

@@ -30,6 +30,9 @@ void hcuda_x2d_sub_inplace(float* a, const float* b, int nx, int ny);
 /// ((NX - nx) / 2, (NY - ny) / 2); the rest of large stays. small must fit.
 void hcuda_x2d_cp_small_to_large_center(float* large, const float* small, int NX, int NY, int nx, int ny);
 
+/// Cosine and sine of an in-plane angle in degrees, rounded once the same way wherever something is turned.
+void turn_of(float psi, float* cosine, float* sine);
+
 /// Turns an image about its centre ((nx - 1) / 2, (ny - 1) / 2) by bilinear sampling of the source position.
 /// in, out   device, nx*ny floats, different buffers
 /// angle     degrees, from +x towards +y

@@ -89,17 +89,24 @@ int grid_cell_size(float min_dist, float pixel_size);
 /// Device arrays of one entry per cell, made once for the run, and room for the excluded points.
 struct PeakWorkspace {
   int grid_nx, grid_ny;
-  unsigned* found;          // pixel of each cell's peak, 0: none
-  unsigned* kept;           // the same after the filter
-  float* cc;                // score of the peak
-  float* psi;               // angle of the peak in degrees
-  unsigned* excluded;       // device: excluded points, each once
-  unsigned* host_excluded;  // host: the same, and room for the list they come from
+  unsigned* found;  // pixel of each cell's peak, 0: none
+  unsigned* kept;   // the same after the filter
+  float* cc;        // score of the peak
+  float* psi;       // angle of the peak in degrees
+  // The excluded points of the micrograph at hand, each once:
+  unsigned* excluded;       // device
+  unsigned* host_excluded;  // host: the same, and room for the cells that they come from
+  unsigned n_excluded;
 };
 
 /// Allocates for grid_nx by grid_ny cells and as many excluded points; released with peak_workspace_free.
 PeakWorkspace peak_workspace_new(int grid_nx, int grid_ny);
 void peak_workspace_free(PeakWorkspace* ws);
+
+/// Gathers a micrograph's excluded points for all its templates: leaves the entries of d_grid (device, one per cell) in
+/// ws->excluded, each once. Most are the zeros of its unmarked cells, which all stand for the same point. Returns the
+/// number of unmarked cells. Ends the run on a device error.
+unsigned gather_excluded_points(PeakWorkspace* ws, const unsigned* d_grid);
 
 /// Correlates one template with the micrograph of the last quorlin_transform_micrograph over all in-plane angles, as
 /// quorlin_ccmax_psi_by_one_template does, and leaves the peak of each cell in peaks->found, cc and psi: what the maps

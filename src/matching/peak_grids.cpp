@@ -12,23 +12,6 @@ namespace {
 
 constexpr char unit[] = "quorlin56";
 
-// Copies the list to the workspace with every point once. Most of a list are the zeros of its unmarked cells, which
-// all stand for the same point.
-unsigned gather_excluded(PeakWorkspace* ws, const unsigned* excluded, unsigned n_excluded) {
-  if (n_excluded == 0) return 0;
-  CHECK_DEVICE(cudaMemcpy(ws->host_excluded, excluded, n_excluded * sizeof(unsigned), cudaMemcpyDeviceToHost));
-  unsigned count = 0;
-  bool has_zero = false;
-  for (unsigned i = 0; i < n_excluded; i++) {
-    const unsigned point = ws->host_excluded[i];
-    if (point == 0 && has_zero) continue;
-    has_zero = has_zero || point == 0;
-    ws->host_excluded[count++] = point;
-  }
-  CHECK_DEVICE(cudaMemcpy(ws->excluded, ws->host_excluded, count * sizeof(unsigned), cudaMemcpyHostToDevice));
-  return count;
-}
-
 }  // namespace
 
 int grid_cell_size(float min_dist, float pixel_size) {
@@ -62,13 +45,25 @@ void peak_workspace_free(PeakWorkspace* ws) {
   *ws = PeakWorkspace{};
 }
 
+unsigned gather_excluded_points(PeakWorkspace* ws, const unsigned* d_grid) {
+  const size_t cells = static_cast<size_t>(ws->grid_nx) * ws->grid_ny;
+  CHECK_DEVICE(cudaMemcpy(ws->host_excluded, d_grid, cells * sizeof(unsigned), cudaMemcpyDeviceToHost));
+  ws->n_excluded = 0;
+  unsigned open_cells = 0;
+  for (size_t i = 0; i < cells; i++) {
+    const unsigned point = ws->host_excluded[i];
+    if (point != 0 || open_cells++ == 0) ws->host_excluded[ws->n_excluded++] = point;
+  }
+  CHECK_DEVICE(cudaMemcpy(ws->excluded, ws->host_excluded, ws->n_excluded * sizeof(unsigned), cudaMemcpyHostToDevice));
+  return open_cells;
+}
+
 void filter_peaks(PeakWorkspace* ws, unsigned* grid_index, float* grid_cc, float* grid_psi, float cc_cutoff, int nx,
                   int grid_size, const unsigned* excluded, unsigned n_excluded) {
   const size_t cells = static_cast<size_t>(ws->grid_nx) * ws->grid_ny;
-  const unsigned n_points = gather_excluded(ws, excluded, n_excluded);
   CHECK_DEVICE(launch_cells<cuda_filter_ccmax_psi_grids_exclusive>(
       ws->grid_nx, ws->grid_ny, static_cast<const unsigned*>(ws->found), ws->kept, static_cast<const float*>(ws->cc),
-      cc_cutoff, nx, ws->grid_nx, ws->grid_ny, grid_size, static_cast<const unsigned*>(ws->excluded), n_points));
+      cc_cutoff, nx, ws->grid_nx, ws->grid_ny, grid_size, excluded, n_excluded));
   CHECK_DEVICE(cudaMemcpy(grid_index, ws->kept, cells * sizeof(unsigned), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(grid_cc, ws->cc, cells * sizeof(float), cudaMemcpyDeviceToHost));
   CHECK_DEVICE(cudaMemcpy(grid_psi, ws->psi, cells * sizeof(float), cudaMemcpyDeviceToHost));

@@ -21,8 +21,8 @@ namespace {
 
 constexpr char unit[] = "quorlin56";
 
-// Most memory that the angles of one pass may take, in bytes.
-constexpr size_t kBatchBytes = size_t{1} << 30;
+// Most device memory that the angles of one pass may take, in bytes.
+constexpr size_t kBytesOfPass = size_t{1} << 30;
 
 size_t image_pixels(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx) * ws.ny; }
 size_t spectrum_values(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx / 2 + 1) * ws.ny; }
@@ -32,7 +32,7 @@ int wanted_batch() { return kOnGpu ? 16 : std::max(4, omp_get_max_threads()); }
 
 int batch_size(const ScanWorkspace& ws, int n_angles) {
   const size_t bytes = 2 * image_pixels(ws) * sizeof(float) + spectrum_values(ws) * sizeof(float2);
-  const size_t fitting = std::max<size_t>(1, kBatchBytes / bytes);
+  const size_t fitting = std::max<size_t>(1, kBytesOfPass / bytes);
   const int wanted = std::min({wanted_batch(), n_angles, kMaxScanBatch});
   const int most = static_cast<int>(std::min<size_t>(static_cast<size_t>(std::max(wanted, 1)), fitting));
   // As many passes as that takes, all of about the same size: a batched plan always transforms its whole batch.
@@ -77,7 +77,7 @@ void correlate_angles(ScanWorkspace* ws, const float* T, const ScanAngles& angle
 // has at the micrograph's mean square over its usable area.
 float score_divisor(const ScanWorkspace& ws, const float* mic, const float* mask, const float* T, float radius) {
   const double r = radius;
-  const auto area = static_cast<float>(r * (3.141592653589793 * r));
+  const auto area = static_cast<float>(r * (M_PI * r));
   const float energy = hcuda_fast_sumsqr_withmask(mic, mask, image_pixels(ws));
   const float template_energy = hcuda_fast_sumsqr(T, static_cast<unsigned long>(ws.T_nx) * ws.T_ny);
   const float weight = hcuda_fast_sum(mask, image_pixels(ws));
@@ -124,14 +124,6 @@ float* angles_new(float start, float stop, float step, int n_angles) {
 }
 
 }  // namespace
-
-void turn_of(float psi, float* cosine, float* sine) {
-  // The float nearest to pi / 180.
-  constexpr float kRadiansPerDegree = 0.017453292f;
-  const float t = psi * kRadiansPerDegree;
-  *cosine = cosf(t);
-  *sine = sinf(t);
-}
 
 ScanTurns turns_of(const ScanAngles& angles, int count) {
   ScanTurns turns{};

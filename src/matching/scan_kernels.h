@@ -10,9 +10,6 @@ struct ScanTurns {
   float sine[kMaxScanBatch];
 };
 
-/// Cosine and sine of an angle in degrees, as every way of the scan takes them.
-void turn_of(float psi, float* cosine, float* sine);
-
 /// The turns of the first count angles.
 ScanTurns turns_of(const ScanAngles& angles, int count);
 

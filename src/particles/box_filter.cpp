@@ -11,6 +11,7 @@
 
 #include "boxfile.h"
 #include "compute/text_numbers.h"
+#include "particles/pick_records.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "str_utils.h"
@@ -66,27 +67,22 @@ uint32_t pixel_y(const Selection& s, uint32_t pixel) { return pixel / static_cas
 
 // --- Best candidate per cell ---
 
-void offer_candidate(const Selection& s, PickGrid& grid, char** columns) {
-  const long x = text_to_int(columns[0]) + text_to_int(columns[2]) / 2L;
-  const long y = text_to_int(columns[1]) + text_to_int(columns[3]) / 2L;
+void offer_candidate(const Selection& s, PickGrid& grid, const CandidatePick& candidate) {
+  const long x = candidate.x;
+  const long y = candidate.y;
   if (x < 0 || y < 0 || x / s.cell >= grid.gx || y / s.cell >= grid.gy) return;
   Pick& best = grid.cells[y / s.cell * grid.gx + x / s.cell];
-  const auto score = static_cast<float>(text_to_real(columns[4]));
-  if (!(best.score < score)) return;
+  if (!(best.score < candidate.score)) return;
   // A centre past the image's right edge, in the last column of cells, wraps into the next row.
   best.pixel = static_cast<uint32_t>(y * s.shrink_nx + x);
-  best.template_index = text_to_int(columns[5]);
-  best.score = score;
-  best.psi = static_cast<float>(text_to_real(columns[6]));
+  best.template_index = candidate.template_index;
+  best.score = candidate.score;
+  best.psi = candidate.psi;
 }
 
 void read_candidates(const Selection& s, PickGrid& grid, FILE* file) {
-  constexpr int kColumns = 7;
-  char line[kTextBytes];
-  while (read_next_line(line, file)) {
-    char* columns[kColumns];
-    if (strnsplit_inplace(line, " \t\n", columns, kColumns) == kColumns) offer_candidate(s, grid, columns);
-  }
+  CandidatePick candidate;
+  while (read_next_candidate(file, &candidate)) offer_candidate(s, grid, candidate);
 }
 
 // --- Neighbours and score ---

@@ -1,6 +1,8 @@
 #include "particles/pick_records.h"
 
+#include "compute/text_numbers.h"
 #include "str_utils.h"
+#include "txt_file.h"
 
 int set_name_shrinked_box(char* out, const char* mic, int /*shrink*/) {
   return set_outname_by_suffix(out, mic, "_nonunique.box");
@@ -20,4 +22,20 @@ int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const 
             box, grid_cc[i], template_index, grid_psi[i]);
   }
   return 0;
+}
+
+bool read_next_candidate(FILE* file, CandidatePick* candidate) {
+  constexpr int kColumns = 7;
+  char line[kTextBytes];
+  char* columns[kColumns];
+  while (read_next_line(line, file)) {
+    if (strnsplit_inplace(line, " \t\n", columns, kColumns) < kColumns) continue;
+    candidate->x = text_to_int(columns[0]) + text_to_int(columns[2]) / 2L;
+    candidate->y = text_to_int(columns[1]) + text_to_int(columns[3]) / 2L;
+    candidate->score = static_cast<float>(text_to_real(columns[4]));
+    candidate->template_index = text_to_int(columns[5]);
+    candidate->psi = static_cast<float>(text_to_real(columns[6]));
+    return true;
+  }
+  return false;
 }

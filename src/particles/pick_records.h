@@ -19,3 +19,15 @@ int set_name_shrinked_box(char* out, const char* mic, int shrink);
 /// box             box size in those pixels; peaks within half a box of the border are dropped
 int output_quorlin_coord_one_temp(FILE* file, const unsigned* grid_index, const float* grid_cc, const float* grid_psi,
                                   int template_index, int n_cells, int nx, int ny, int box);
+
+/// A line of the candidate file.
+struct CandidatePick {
+  long x, y;  // centre, pixels of the shrunk image
+  float score;
+  int template_index;  // counted from 0
+  float psi;           // in-plane angle, degrees
+};
+
+/// Reads the next candidate of the open file; lines of fewer than seven columns are passed over. Returns false at the
+/// end of the file.
+bool read_next_candidate(FILE* file, CandidatePick* candidate);

@@ -76,7 +76,7 @@ FILE* open_to_write(const char* name, const char* mode, const char* function, co
 void close_written(FILE* file, const char* name, const char* function, const char* unit, int line) {
   const bool complete = ferror(file) == 0;
   const bool closed = fclose(file) == 0;
-  if (!complete || !closed) fatal_error(function, unit, line, "writing %s failed, no space left?", name);
+  if (!complete || !closed) fatal_error(function, unit, line, "writing %s failed, is there space left", name);
 }
 
 void safety_note(const char* file, const char* format, ...) {

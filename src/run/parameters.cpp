@@ -13,6 +13,7 @@
 #include "run/para_field.h"
 #include "run/reports.h"
 #include "str_utils.h"
+#include "templates/templates.h"
 
 namespace {
 
@@ -240,7 +241,6 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   para->write_star = 1;
   para->local_edge_width = 8.0f;
   para->radius_ratio = 1.3f;
-  para->auto_template = 1;
   para->psi_start = 0.0f;
   para->psi_end = 359.0f;
 }
@@ -248,8 +248,7 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para) {
 void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   Given given = {};
   for (int i = 1; i < argc; i++) take_argument(argc, argv, i, para, given);
-  const bool names_a_file = strcasecmp(para->T, "NULL") != 0 && strcasecmp(para->T, "NONE") != 0;
-  if (names_a_file) para->auto_template = 0;
+  para->auto_template = is_auto_template(para->T);
   derive_from_diameter(para, given);
   derive_pixel_values(para);
   if (para->n_files == 0) kestrix_help_exit(argv[0], "No valid files to be processed.");

@@ -130,17 +130,8 @@ void note_not_normalised(const Run* run, const char* name) {
                 "away; nothing can be picked.");
 }
 
-// Whether any cell is left to pick in; says so if none is.
-bool is_any_cell_open(Run* run, const char* name) {
-  unsigned* cells = run->host.grid_index;
-  CHECK_DEVICE(static_cast<cudaError_t>(memcpy_D2H(cells, run->device.d_grid, grid_cells(run) * sizeof(unsigned))));
-  const bool open = std::any_of(cells, cells + grid_cells(run), [](unsigned point) { return point == 0; });
-  if (!open) safety_note(name, "every cell is excluded; nothing can be picked.");
-  return open;
-}
-
 // Closes cells of d_grid: ice and contamination, the micrograph's excluded coordinates, those of all micrographs.
-// Returns whether any is left open.
+// Gathers what is closed for the peaks. Returns whether any cell is left open; says so if none is.
 bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
@@ -148,14 +139,16 @@ bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   hcuda_empty(d_grid, grid_cells(run) * sizeof(unsigned));
   if (para.detect_ice)
     hcuda_2d_ice_detect(&run->pad, &run->ice, run->device.d_mic, s.work_nx, s.work_ny, kOrigin, d_grid, s.grid_size,
-                        names->mic, &para);
+                        names->mic);
   if (para.mask_excluded && excluded_n > 0)
     add_excluded_coords_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, run->host.excluded_boxes, excluded_n,
                                para.shrink);
   if (!is_str_null(para.global_excluded_box))
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
-  return is_any_cell_open(run, names->mic);
+  const unsigned open_cells = gather_excluded_points(&run->peaks, d_grid);
+  if (open_cells == 0) safety_note(names->mic, "every cell is excluded; nothing can be picked.");
+  return open_cells > 0;
 }
 
 // From the shrunk micrograph to d_mic, normalised over the area that d_mask leaves open.
@@ -189,19 +182,18 @@ void find_template_peaks(Run* run, const float* T) {
   const RunSizes& s = run->sizes;
   const DeviceBuffers& device = run->device;
   HostBuffers& host = run->host;
-  const auto n_excluded = static_cast<unsigned>(grid_cells(run));
   if (scan_searches(&run->scan)) {
     scan_search_by_one_template(&run->scan, &run->peaks, device.d_mic, device.d_mask, T, para.radius_px, para.psi_start,
                                 para.psi_end, para.ang_step, para.cc_cutoff);
     filter_peaks(&run->peaks, host.grid_index, host.grid_cc, host.grid_psi, para.cc_cutoff, s.work_nx, s.grid_size,
-                 device.d_grid, n_excluded);
+                 run->peaks.excluded, run->peaks.n_excluded);
     return;
   }
   quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
                                     para.radius_px, para.psi_start, para.psi_end, para.ang_step);
   gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
                                             host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
-                                            device.d_grid, n_excluded);
+                                            run->peaks.excluded, run->peaks.n_excluded);
 }
 
 // One template: scan, peaks, candidate lines.
@@ -225,11 +217,6 @@ void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   char name[kTextBytes];
   set_outname_by_suffix(name, mic, "_ccmax.mrc");
   mrcf_write_xyz_data(name, run->host.ccmax_stack, run->sizes.work_nx, run->sizes.work_ny, run->sizes.T_num);
-}
-
-void close_candidates(FILE* nonunique, const char* name) {
-  const bool failed = ferror(nonunique) != 0;
-  if (fclose(nonunique) != 0 || failed) KESTRIX_FATAL("writing %s failed, is there space left", name);
 }
 
 void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
@@ -280,7 +267,7 @@ void pick_micrograph(Run* run, const char* mic) {
 
   time_push();
   match_all_templates(run, mic, nonunique);
-  close_candidates(nonunique, names.nonunique);
+  KESTRIX_CLOSE_WRITTEN(nonunique, names.nonunique);
   select_picks(run, &names);
   printf("File %s finished.\n", mic);
   time_pop("PICKING");

@@ -80,6 +80,19 @@ float micrograph_band(const Kestrix_Para& para) {
   return band > 0 ? std::min(band, kFullBand) : kFullBand;
 }
 
+IceSettings ice_settings(const Kestrix_Para& para) {
+  return {para.lave_min,
+          para.lave_max,
+          para.lsigma_cutoff,
+          para.lave_radius_px,
+          para.lsigma_radius_px,
+          para.local_edge_width,
+          para.shrink,
+          para.write_rejected_box != 0,
+          para.write_bg_mic != 0,
+          para.write_lsigma_mic != 0};
+}
+
 void allocate_run(Run* run) {
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
@@ -99,7 +112,7 @@ void allocate_run(Run* run) {
     *buffer = device_new<float>(pixels);
   device.d_grid = device_new<unsigned>(cells);
   if (para.detect_ice || para.do_bandpass || para.do_pre_filter) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
-  if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, &para);
+  if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, ice_settings(para));
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
   run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
                                  para.write_ccmax_mic ? 0 : s.grid_size);

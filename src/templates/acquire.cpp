@@ -15,8 +15,6 @@ namespace {
 
 constexpr char unit[] = "quorlin56";
 
-bool is_auto_template(const char* T) { return strcasecmp(T, "NULL") == 0 || strcasecmp(T, "NONE") == 0; }
-
 // Refuses a stack that the file can't hold before anything is allocated for it.
 void check_stack(FILE* file, const MRC_HEAD* head, const char* name) {
   if (!mrc_head_sizes_valid(head))
@@ -60,6 +58,8 @@ float* shrink_stack(float* stack, int nx, int ny, int nz, int shrink) {
 }
 
 }  // namespace
+
+bool is_auto_template(const char* T) { return strcasecmp(T, "NULL") == 0 || strcasecmp(T, "NONE") == 0; }
 
 float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, float radius, float apixT, float apixM,
                                    int shrink, float center1_ratio, int work_side) {

@@ -2,8 +2,11 @@
 // resampling.
 #pragma once
 
-/// The templates at the working pixel size (apixM * shrink): read from the MRC stack T and resampled or, where T is
-/// "NULL" or "NONE" in any case, one soft disc.
+/// Whether T asks for the automatic template: "NULL" or "NONE" in any case.
+bool is_auto_template(const char* T);
+
+/// The templates at the working pixel size (apixM * shrink): read from the MRC stack T and resampled or, where
+/// is_auto_template(T), one soft disc.
 /// nx, ny, nz     set to the size in working pixels and the number of templates
 /// radius         working pixels: of the disc;   center1_ratio   share of it that is the flat top
 /// apixT, apixM   Å per pixel of templates and micrographs

@@ -9,25 +9,13 @@
 namespace {
 
 // The length of at least `least` values that lane_fft transforms soonest.
-int best_length(int least) {
-  int best = 0;
-  double best_work = 0;
-  for (int n = least; best == 0 || n < least + least / 4; n++) {
-    if (!lane_plan_handles(n)) continue;
-    const double work = n * lane_plan_cost(n);
-    if (best == 0 || work < best_work) {
-      best = n;
-      best_work = work;
-    }
-  }
-  return best;
-}
+int convolution_length(int least) { return cheapest_length(least, least + least / 4 - 1, cost_of_length); }
 
 float* chirp_new(int n) {
   auto* chirp = host_new<float>(2 * static_cast<size_t>(n));
   for (long k = 0; k < n; k++) {
     // Reduced to one turn in whole numbers, so that large squares lose no digits.
-    const double angle = -3.141592653589793 * static_cast<double>(k * k % (2L * n)) / n;
+    const double angle = -M_PI * static_cast<double>(k * k % (2L * n)) / n;
     chirp[2 * k] = static_cast<float>(std::cos(angle));
     chirp[2 * k + 1] = static_cast<float>(std::sin(angle));
   }
@@ -92,7 +80,7 @@ KERNEL_LOOP void exchange_and_turn(const LaneValue* in, LaneValue* out, const fl
 
 AnyLengthPlan any_length_plan_new(int n) {
   if (lane_plan_handles(n)) return {n, lane_plan_new(n), nullptr, nullptr};
-  AnyLengthPlan plan{n, lane_plan_new(best_length(2 * n - 1)), chirp_new(n), nullptr};
+  AnyLengthPlan plan{n, lane_plan_new(convolution_length(2 * n - 1)), chirp_new(n), nullptr};
   plan.inverse = inverse_chirp_new(&plan.plan, plan.chirp, n);
   return plan;
 }

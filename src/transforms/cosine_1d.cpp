@@ -21,7 +21,7 @@ CosineLength length_new(int n) {
   const auto values = static_cast<size_t>(n);
   CosineLength length{n, any_length_plan_new(n), host_new<float>(2 * values), host_new<int>(values)};
   for (int k = 0; k < n; k++) {
-    const double angle = 3.141592653589793 * k / (2.0 * n);
+    const double angle = M_PI * k / (2.0 * n);
     length.turn[2 * k] = static_cast<float>(std::cos(angle));
     length.turn[2 * k + 1] = static_cast<float>(std::sin(angle));
     length.fold[k] = k % 2 == 0 ? k / 2 : n - 1 - k / 2;

@@ -189,7 +189,7 @@ int split_into_radices(int n, int largest, int* radix, double* cost) {
 
 // Fills the factors of one pass whose transforms have the length n; returns where the next pass's begin.
 float* fill_factors(float* factors, int n, int radix) {
-  const double step = -2 * 3.141592653589793 / n;
+  const double step = -2 * M_PI / n;
   for (int p = 0; p < n / radix; p++) {
     for (int k = 1; k < radix; k++) {
       *factors++ = static_cast<float>(std::cos(step * p * k));

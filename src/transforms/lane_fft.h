@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <limits>
 
 #include "transforms/lanes.h"
 
@@ -30,6 +31,23 @@ void lane_plan_free(LanePlan* plan);
 
 /// The work of a transform for each value of an array of n, in passes of radix 4: for choosing between lengths.
 double lane_plan_cost(int n);
+
+/// The length of least cost(n) among those from `least` to `most` that lane_plan_handles, the shortest of equals; where
+/// none is, the next one behind.
+template <class Cost>
+int cheapest_length(int least, int most, Cost cost) {
+  int best = 0;
+  double best_cost = std::numeric_limits<double>::infinity();
+  for (int n = least; n <= most || best == 0; n++) {
+    if (!lane_plan_handles(n) || cost(n) >= best_cost) continue;
+    best = n;
+    best_cost = cost(n);
+  }
+  return best;
+}
+
+/// The cost of a whole transform of n values, in the same unit.
+inline double cost_of_length(int n) { return n * lane_plan_cost(n); }
 
 /// Unnormalised forward transform (exponent -2 pi i) of eight arrays.
 /// in        n values, left as they are

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-
 /// The phase shift as a polynomial of k^2, and what the contrast is multiplied by.
 struct TransferTerms {
   double offset, linear, quadratic;
@@ -21,8 +19,8 @@ TransferTerms transfer_terms(const Optics& optics) {
   const double lambda = electron_wavelength(optics.kv);
   TransferTerms terms;
   terms.offset = std::asin(optics.ac);
-  terms.linear = kPi * lambda * optics.defocus;
-  terms.quadratic = -0.5 * kPi * lambda * lambda * lambda * optics.cs * 1e7;  // Cs in Å
+  terms.linear = M_PI * lambda * optics.defocus;
+  terms.quadratic = -0.5 * M_PI * lambda * lambda * lambda * optics.cs * 1e7;  // Cs in Å
   terms.flat = optics.flat != 0;
   return terms;
 }

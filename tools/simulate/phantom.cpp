@@ -129,7 +129,7 @@ void project_phantom(const Phantom& phantom, const Orientation& orientation, dou
   double rows[2][3];
   rotation_rows(orientation, rows);
   // exp(-2 pi^2 s^2 k^2) is one half at k = 1 / lowpass
-  const double blur = lowpass * std::sqrt(std::log(2.0) / 2) / 3.141592653589793;
+  const double blur = lowpass * std::sqrt(std::log(2.0) / 2) / M_PI;
   for (int i = 0; i < kBlobs; i++) {
     const Blob& blob = phantom.blobs[i];
     Spot& spot = spots[i];

@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr double kTwoPi = 6.283185307179586;
+constexpr double kTwoPi = 2 * M_PI;
 
 uint64_t rotate_left(uint64_t value, int bits) { return (value << bits) | (value >> (64 - bits)); }
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr double kTwoPi = 6.283185307179586;
+constexpr double kTwoPi = 2 * M_PI;
 constexpr int kOutlineCorners = 72;
 constexpr int kCarbonCorners = 1440;
 constexpr int kTries = 20000;

@@ -87,7 +87,7 @@ void derive_defaults(Settings* s) {
   if (s->count >= 0) return;
   const double width = s->nx * s->apix - 2 * s->margin, height = s->ny * s->apix - 2 * s->margin;
   const double area = width > 0 && height > 0 ? width * height : 0;
-  s->count = std::lround(4 * s->coverage * area / (3.141592653589793 * s->diameter * s->diameter));
+  s->count = std::lround(4 * s->coverage * area / (M_PI * s->diameter * s->diameter));
 }
 
 void refuse_unworkable(const Settings& s) {

@@ -12,23 +12,7 @@ namespace {
 // Of the Kaiser window whose integral blends the mirror images: what it adds to the band beyond its main lobe is some
 // 1e-4 of it (Kaiser and Schafer 1980, IEEE Trans. ASSP 28, 105).
 constexpr double kBlendShape = 9;
-constexpr double kPi = 3.141592653589793;
 constexpr int kShortestBlend = 16;
-
-double cost_of_side(int n) { return n * lane_plan_cost(n); }
-
-// The cheapest side from `least` on that transforms well, the cost of each given by `cost`.
-template <class Cost>
-int cheapest_side(int least, int most, Cost cost) {
-  int best = 0;
-  double best_cost = std::numeric_limits<double>::infinity();
-  for (int side = least; side <= most || best == 0; side++) {
-    if (!lane_plan_handles(side) || cost(side) >= best_cost) continue;
-    best = side;
-    best_cost = cost(side);
-  }
-  return best;
-}
 
 // Looking through the samples, in passes of a transform.
 constexpr double kExamineCost = 4;
@@ -43,7 +27,7 @@ constexpr double kMicrographCost = 50;
 // Part of a spectrum of `side` values that a band takes up, widened by a blend over `length` pixels: the main lobe of a
 // Kaiser window.
 double blended_width(double band, int length) {
-  return std::min(1.0, 2 * (band + std::sqrt(kBlendShape * kBlendShape + kPi * kPi) / (2 * kPi * length)));
+  return std::min(1.0, 2 * (band + std::sqrt(kBlendShape * kBlendShape + M_PI * M_PI) / (2 * M_PI * length)));
 }
 
 // The largest step from which the samples of a side still hold a spectrum of this width.
@@ -113,7 +97,7 @@ AxisPart blended_part(int n, int t, int side, int step, double width) {
 }  // namespace
 
 AxisParts axis_parts_whole(int n, int t) {
-  const int side = lane_plan_handles(n) ? n : cheapest_side(n + t - 1, 2 * (n + t), cost_of_side);
+  const int side = lane_plan_handles(n) ? n : cheapest_length(n + t - 1, 2 * (n + t), cost_of_length);
   AxisParts axis{};
   axis.n_parts = 1;
   axis.parts[0] = wrapped_part(0, n, n, t, 0, side);
@@ -127,16 +111,16 @@ AxisParts axis_parts_split(int n, int t, double band) {
   // width and the samples, and the templates' own with the width and the side.
   // The samples before the first correlation and behind the last come from the blend, too.
   const int least = n + std::max(kShortestBlend, (2 * kReach + 2) * kMostStep - t);
-  const int side = cheapest_side(least, 2 * n, [&](int candidate) {
+  const int side = cheapest_length(least, 2 * n, [&](int candidate) {
     const int samples = candidate / step(candidate);
     return samples * (samples * (lane_plan_cost(samples) * 2 + kExamineCost)) +
-           0.5 * width(candidate) * candidate * cost_of_side(candidate);
+           0.5 * width(candidate) * candidate * cost_of_length(candidate);
   });
   AxisParts axis{};
   axis.n_parts = 2;
   axis.parts[0] = blended_part(n, t, side, step(side), width(side));
   axis.parts[1] =
-      wrapped_part(n - t + 1, t - 1, n, t, kReach, cheapest_side(2 * t - 2 + 2 * kReach, 4 * t, cost_of_side));
+      wrapped_part(n - t + 1, t - 1, n, t, kReach, cheapest_length(2 * t - 2 + 2 * kReach, 4 * t, cost_of_length));
   return axis;
 }
 
@@ -151,7 +135,8 @@ void axis_parts_free(AxisParts* axis) {
 
 double score_maps_cost(const AxisParts& x, const AxisParts& y) {
   // Rows once; columns once back and, shared by two turns, once forth.
-  return y.parts[0].count * cost_of_side(x.parts[0].plan.n) + 1.5 * x.parts[0].plan.n * cost_of_side(y.parts[0].plan.n);
+  return y.parts[0].count * cost_of_length(x.parts[0].plan.n) +
+         1.5 * x.parts[0].plan.n * cost_of_length(y.parts[0].plan.n);
 }
 
 double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, int cell, double T_pixels) {
@@ -161,7 +146,7 @@ double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, in
       const int rows = down.count / down.step;
       const double columns = across.width * across.plan.n;
       cost += rows * across.samples.n * (lane_plan_cost(across.samples.n) + kExamineCost) +
-              columns * (cost_of_side(down.samples.n) + 0.5 * cost_of_side(down.plan.n));
+              columns * (cost_of_length(down.samples.n) + 0.5 * cost_of_length(down.plan.n));
     }
   }
   const double pixels = static_cast<double>(x.parts[0].plan.n) * y.parts[0].plan.n;

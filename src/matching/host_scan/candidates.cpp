@@ -41,8 +41,8 @@ KERNEL_LOOP float correlate(const float* mic, size_t mic_width, const float* T, 
 // The correlation of a box whose score belongs to the pixel.
 float correlation_of(const WrappedImage& mic, const TurnedBoxes& boxes, unsigned pixel, int angle) {
   const auto nx = static_cast<unsigned>(mic.nx);
-  const int place_x = mic.nx / 2 - (mic.nx - mic.T_nx) / 2;
-  const int place_y = mic.ny / 2 - (mic.ny - mic.T_ny) / 2;
+  const int place_x = place_of_score(mic.nx, mic.T_nx);
+  const int place_y = place_of_score(mic.ny, mic.T_ny);
   const auto x = static_cast<size_t>((static_cast<int>(pixel % nx) - place_x + mic.nx) % mic.nx);
   const auto y = static_cast<size_t>((static_cast<int>(pixel / nx) - place_y + mic.ny) % mic.ny);
   return correlate(mic.pixels + y * mic.width + x, mic.width, box_at(boxes, angle), boxes.width, mic.T_ny);

@@ -79,7 +79,9 @@ void find_error_bounds(ErrorBounds* bounds, const HostScan* scan, const CellGrid
                      bounds->squared_errors);
   auto* squares = host_new<double>(cells_of(cells));
   find_largest_sums({scan->nx, scan->ny, bounds->squared_errors},
-                    {cells.side, cells.nx, cells.ny, -place_x(scan), -place_y(scan), scan->T_nx, scan->T_ny}, squares);
+                    {cells.side, cells.nx, cells.ny, -place_of_score(scan->nx, scan->T_nx),
+                     -place_of_score(scan->ny, scan->T_ny), scan->T_nx, scan->T_ny},
+                    squares);
   // What was left out of the spectra is missing from the samples, and from what is interpolated from them.
   double lost = 0;
   for (int r = 0; r < scan->n_regions; r++) lost = std::max(lost, scan->regions[r].lost);

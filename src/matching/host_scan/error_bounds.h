@@ -29,7 +29,3 @@ void error_bounds_free(ErrorBounds* bounds);
 
 /// Finds them for the micrograph (nx*ny floats) whose spectra the scan holds.
 void find_error_bounds(ErrorBounds* bounds, const HostScan* scan, const CellGrid& cells, const float* mic);
-
-/// What is added to the number of a correlation for the pixel of its score.
-inline int place_x(const HostScan* scan) { return scan->nx / 2 - (scan->nx - scan->T_nx) / 2; }
-inline int place_y(const HostScan* scan) { return scan->ny / 2 - (scan->ny - scan->T_ny) / 2; }

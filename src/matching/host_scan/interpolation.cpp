@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-
 // Added to the equations' diagonal, as part of it, so that they can always be solved.
 constexpr double kRidge = 1e-11;
 
@@ -37,7 +35,7 @@ void solve(double (*a)[kTaps], double* b) {
 // frequencies.
 void find_covariances(const double* energy, int n, int count, double* covariances) {
   auto* cosines = host_new<double>(static_cast<size_t>(n));
-  for (int k = 0; k < n; k++) cosines[k] = std::cos(2 * kPi * k / n);
+  for (int k = 0; k < n; k++) cosines[k] = std::cos(2 * M_PI * k / n);
   for (int distance = 0; distance < count; distance++) {
     double sum = 0;
     for (int k = 0, turn = 0; k < n; k++, turn = (turn + distance) % n) sum += energy[k] * cosines[turn];

@@ -65,7 +65,7 @@ KERNEL_LOOP void turn_column(const LaneValue* mic, size_t n, const LaneValue* x_
 float* phases_new(int n, int t) {
   auto* phases = host_new<float>(2 * static_cast<size_t>(n));
   for (int k = 0; k < n; k++) {
-    const double angle = 2 * 3.141592653589793 * (static_cast<double>(static_cast<long long>(k) * (t - 1) % n) / n);
+    const double angle = 2 * M_PI * (static_cast<double>(static_cast<long long>(k) * (t - 1) % n) / n);
     phases[2 * k] = static_cast<float>(std::cos(angle));
     phases[2 * k + 1] = static_cast<float>(std::sin(angle));
   }

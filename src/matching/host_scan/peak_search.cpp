@@ -381,8 +381,8 @@ void peak_search_new(HostScan* scan, int cell) {
   const int side = std::min(cell, std::max(scan->nx, scan->ny));
   search->cells = {side, (scan->nx - 1) / side + 1, (scan->ny - 1) / side + 1};
   for (int i = 0; i < 2; i++) {
-    search->x[i] = sample_axis_new(scan->x.parts[i], scan->nx, place_x(scan), side);
-    search->y[i] = sample_axis_new(scan->y.parts[i], scan->ny, place_y(scan), side);
+    search->x[i] = sample_axis_new(scan->x.parts[i], scan->nx, place_of_score(scan->nx, scan->T_nx), side);
+    search->y[i] = sample_axis_new(scan->y.parts[i], scan->ny, place_of_score(scan->ny, scan->T_ny), side);
   }
   search->edge_weights.step = 1;
   search->edge_weights.of_offset[0][kReach] = 1;

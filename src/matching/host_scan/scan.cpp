@@ -15,7 +15,7 @@
 namespace {
 
 // Bytes that the spectra of a batch of turns may take: more than fits in a last-level cache only costs.
-constexpr size_t kBatchBytes = size_t{24} << 20;
+constexpr size_t kBytesOfTurns = size_t{24} << 20;
 
 // Pairs of turns in a batch of maps: enough to keep the cores busy between two waits.
 constexpr size_t kMostPairs = 8;
@@ -120,7 +120,7 @@ HostScan* host_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   set_up_regions(scan);
   scan->boxes = turned_boxes_new(T_nx, T_ny, n_angles);
   const size_t most = searches ? static_cast<size_t>(n_angles) : kMostPairs;
-  scan->pairs = static_cast<int>(std::clamp<size_t>(kBatchBytes / bytes_of_pair(scan), 1, most));
+  scan->pairs = static_cast<int>(std::clamp<size_t>(kBytesOfTurns / bytes_of_pair(scan), 1, most));
   for (int i = 0; i < scan->x.n_parts; i++)
     scan->turned[i] = lane_values_new(static_cast<size_t>(scan->pairs) * turned_values(scan, scan->x.parts[i]));
   scan->scratch = lane_values_new(static_cast<size_t>(scan->threads) * 6 * scan->scratch_values);

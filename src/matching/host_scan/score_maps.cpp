@@ -176,7 +176,7 @@ void scan_pairs(const HostScan* scan, const TurnPair* turns, const float* psi, s
 // A strip of one of the two maps, over the divisor, to the rows `to` of an image, the place of the score added in x.
 void write_strip(const HostScan* scan, const Lane* values, float divisor, float* const* to, int rows) {
   const int nx = scan->nx;
-  const int place = nx / 2 - (nx - scan->T_nx) / 2;
+  const int place = place_of_score(nx, scan->T_nx);
   for (int x = 0; x < nx; x += kLanes) {
     const int n = std::min(kLanes, nx - x);
     Lane in[kLanes]{};
@@ -230,7 +230,7 @@ void score_maps_take(const HostScan* scan, const TurnPair* turns, size_t n_pairs
 }
 
 void score_maps_write(const HostScan* scan, float divisor, float* ccmax, float* map_psi) {
-  const int place = scan->ny / 2 - (scan->ny - scan->T_ny) / 2;
+  const int place = place_of_score(scan->ny, scan->T_ny);
 #pragma omp parallel for schedule(static) num_threads(scan->threads)
   for (size_t strip = 0; strip < strips_of(scan); strip++) {
     const int first = static_cast<int>(strip) * kLanes;

@@ -7,6 +7,7 @@
 #include "matching/scan_kernels.h"
 #include "platform/host_memory.h"
 #include "platform/loops.h"
+#include "process2d_raw.h"
 #include "transforms/lane_fft.h"
 
 namespace {

@@ -1,6 +1,10 @@
 // The turned boxes of a template, and the groups in which a scan transforms them together.
 #pragma once
 
+/// Where on a side of n pixels the score of a template of t pixels stands, behind the template's first pixel as it lies
+/// in a correlation whose origin is not re-centred.
+inline int place_of_score(int n, int t) { return n / 2 - (n - t) / 2; }
+
 #include <cstddef>
 
 /// A template turned by each of `count` angles: T_ny rows of `width` floats each, of which the first T_nx are pixels and
