@@ -215,15 +215,3 @@ TEST_F(RunOnBad, OutputsThatCannotBeWrittenStopTheRunAndAreNamed) {
     remove_file(name);
   }
 }
-
-TEST_F(RunOnBad, FullDiskStopsTheRun) {
-  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "there is no /dev/full";
-  simulate_small();
-  for (const std::string suffix : {"_nonunique.box", "_rejected.star", "_mask.mrc", "_particles.mrcs"}) {
-    const std::string name = "sim_001" + suffix;
-    remove_file(name);
-    std::filesystem::create_symlink("/dev/full", path(name));
-    expect_fatal("sim_001.mrc --extract_raw --write_mic_mask", "writing " + name + " failed");
-    remove_file(name);
-  }
-}

@@ -5,14 +5,11 @@
 #include <cstdarg>
 #include <cstdlib>
 
+#include "platform/outputs.h"
+
 namespace {
 
 void (*way_out)(int status) = nullptr;
-
-bool is_pipe(const char* name) {
-  struct stat status {};
-  return stat(name, &status) == 0 && S_ISFIFO(status.st_mode);
-}
 
 const char* kind_of_file(mode_t mode) {
   if (S_ISDIR(mode)) return "folder";
@@ -25,6 +22,7 @@ const char* kind_of_file(mode_t mode) {
 void set_way_out(void (*leave)(int status)) { way_out = leave; }
 
 void end_run(int status) {
+  outputs_discard();
   if (way_out) way_out(status);
   exit(status);
 }
@@ -59,15 +57,6 @@ FILE* open_to_read(const char* name, const char* function, const char* unit, int
   FILE* file = check_file_regular(name) ? fopen(name, "r") : nullptr;
   if (!file) {
     printf("Cannot open file %s. Permission denied or wrong file name.\n", name);
-    fatal_error(function, unit, line, "open file failed.");
-  }
-  return file;
-}
-
-FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line) {
-  FILE* file = is_pipe(name) ? nullptr : fopen(name, mode);  // would wait for a reader
-  if (!file) {
-    printf("Cannot write to file %s. Permission denied or no space left!\n", name);
     fatal_error(function, unit, line, "open file failed.");
   }
   return file;

@@ -4,6 +4,7 @@
 #include "run/picking.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
+#include "session/micrograph_list.h"
 #include "str_utils.h"
 
 int main(int argc, char** argv) {
@@ -19,6 +20,9 @@ int main(int argc, char** argv) {
   }
   Run run{};
   read_command_line(argc, argv, &run);
+  run.para.n_files = leave_out_own_images(run.para.files, run.para.n_files);
+  report_command_line(argc, argv, &run);
+  check_output_names(run.para.files, run.para.n_files);
   prepare_run(&run);
   time_pop("PREPARATION");
 

@@ -13,6 +13,7 @@
 #include "math_utils.h"
 #include "particles/pick_records.h"
 #include "platform/failure.h"
+#include "platform/outputs.h"
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
 #include "run/reports.h"
@@ -51,6 +52,7 @@ int is_file_quorlin_done(const char* name) { return access(name, R_OK) == 0; }
 bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   if (!para->do_unfinished) return false;
   if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
+  if (output_is_half_published(names->box)) return false;
   printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
   return true;
 }
@@ -222,19 +224,23 @@ void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
 void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
   const Kestrix_Para& para = run->para;
   box_filter(run->sizes.shrink_nx, run->sizes.shrink_ny, para.min_dist_px, para.cc_cutoff,
-             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, names->nonunique, names->excluded,
-             out, kind);
+             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique),
+             names->excluded, out, kind);
 }
 
-// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: then
-// it is replaced last, so that both lists hold the same picks.
+// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: it
+// stays until all is published, so that both lists hold the same picks.
 void select_picks(const Run* run, const MicrographNames* names) {
   const Kestrix_Para& para = run->para;
-  const bool star_first = strcmp(names->excluded, names->box) == 0;
-  if (para.write_star && star_first) write_picks(run, names, names->star, 1);
   write_picks(run, names, names->box, 2);
-  if (para.write_star && !star_first) write_picks(run, names, names->star, 1);
-  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
+  if (para.write_star) write_picks(run, names, names->star, 1);
+  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, output_at_hand(names->box), para.boxsize, 0);
+}
+
+// Either list marks its micrograph as done, so they come last.
+void publish_outputs_of(const MicrographNames* names) {
+  const char* const lists[] = {names->box, names->star};
+  outputs_publish(lists, 2);
 }
 
 }  // namespace
@@ -249,7 +255,8 @@ void pick_micrograph(Run* run, const char* mic) {
     time_drop();
     return;
   }
-  FILE* nonunique = open_to_write(names.nonunique, "w+", "main", unit, __LINE__);
+  outputs_hold();
+  FILE* nonunique = output_open(names.nonunique, "main", unit, __LINE__);
   FILE* f = open_to_read(mic, "main", unit, __LINE__);
   MRC_HEAD head;
   mrc_read_head(f, &head);
@@ -267,8 +274,10 @@ void pick_micrograph(Run* run, const char* mic) {
 
   time_push();
   match_all_templates(run, mic, nonunique);
-  KESTRIX_CLOSE_WRITTEN(nonunique, names.nonunique);
+  KESTRIX_OUTPUT_CLOSE(nonunique);
   select_picks(run, &names);
+  publish_outputs_of(&names);
   printf("File %s finished.\n", mic);
   time_pop("PICKING");
+  fflush(stdout);  // so that the log of a run that is killed tells how far it came
 }

@@ -41,11 +41,13 @@ void read_first_header(Run* run) {
 }  // namespace
 
 void read_command_line(int argc, char** argv, Run* run) {
-  Kestrix_Para* para = &run->para;
-  kestrix_init_parameters(argc, para);
-  kestrix_get_parameters(argc, argv, para);
-  kestrix_fput_parameters(argc, argv, para, stdout);
-  kestrix_check_parameters(para);
+  kestrix_init_parameters(argc, &run->para);
+  kestrix_get_parameters(argc, argv, &run->para);
+}
+
+void report_command_line(int argc, char** argv, const Run* run) {
+  kestrix_fput_parameters(argc, argv, &run->para, stdout);
+  kestrix_check_parameters(&run->para);
 }
 
 void prepare_run(Run* run) {
