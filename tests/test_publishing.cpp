@@ -122,6 +122,7 @@ TEST_F(Publishing, RunsAtOnceInOneFolderDontDisturbEachOther) {
 
 TEST_F(SmallRun, OwnImagesInTheListAreLeftOutAndSharedOutputsRefused) {
   simulate_small();
+  const auto run = [&](const std::string& list) { return SmallRun::run("--speed 0 --cc_cutoff 0.25 " + list); };
   ASSERT_EQ(0, run("sim_001.mrc --write_bgfree_mic --write_mic_mask").status);
   const std::string picked = content("sim_001_quorlin.box");
   for (const std::string resume : {"", "--do_unfinished "}) {

@@ -151,7 +151,9 @@ TEST_F(RunOnBad, ImageOfValuesThatAreNoNumbersOrTooLargeOrTooSmallGivesNoPicks) 
         const bool finite = std::isfinite(value) && (value < 1 || last == 1 || std::string(options) != "--speed 2");
         const ProgramRun result = run("nan.mrc --write_mic_mask " + std::string(options));
         EXPECT_EQ(0, result.status) << value << options;
-        EXPECT_EQ(usable ? "" : (finite ? not_normal : not_finite) + nothing, result.errors) << value << options;
+        const std::string said = usable ? "" : (finite ? not_normal : not_finite) + nothing;
+        EXPECT_TRUE(usable ? result.errors.empty() : ends_with(result.errors, said))
+            << value << options << result.errors;
         EXPECT_TRUE(usable || content("nan_quorlin.box").empty()) << value << options;
         for (const char* list : {"nan_quorlin.box", "nan_nonunique.box"})
           EXPECT_FALSE(holds(content(list), "nan") || holds(content(list), "inf")) << value << options;

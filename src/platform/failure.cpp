@@ -11,6 +11,8 @@ namespace {
 
 void (*way_out)(int status) = nullptr;
 
+long notes_said = 0;
+
 const char* kind_of_file(mode_t mode) {
   if (S_ISDIR(mode)) return "folder";
   if (S_ISFIFO(mode)) return "pipe";
@@ -69,6 +71,7 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 }
 
 void safety_note(const char* file, const char* format, ...) {
+  notes_said++;
   fflush(stdout);  // keeps the note at its place where both streams go to one terminal or log
   fprintf(stderr, "Kestrix: ");
   if (file) fprintf(stderr, "%s: ", file);
@@ -78,3 +81,5 @@ void safety_note(const char* file, const char* format, ...) {
   va_end(arguments);
   fprintf(stderr, "\n");
 }
+
+long safety_notes_said() { return notes_said; }

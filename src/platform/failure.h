@@ -36,6 +36,9 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 /// specified output as they are. file may be null, for a message about no file in particular.
 void safety_note(const char* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+/// How many safety notes this process has printed.
+long safety_notes_said();
+
 // Short forms for a unit that names itself by a constant `unit` in its anonymous namespace.
 #define KESTRIX_FATAL(...) fatal_error(__func__, unit, __LINE__, __VA_ARGS__)
 #define KESTRIX_WARNING(...) warning(__func__, unit, __LINE__, __VA_ARGS__)

@@ -109,7 +109,8 @@ void publish_last(const char* const* last, int n_last) {
 void set_mark_name(char* mark, const char* name) { snprintf(mark, PATH_MAX, "%.*s~", PATH_MAX - 2, name); }
 
 void set_mark(const char* mark, const char* name) {
-  const int descriptor = open(mark, O_CREAT | O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0666);  // doesn't wait for a pipe's reader
+  const int descriptor =
+      open(mark, O_CREAT | O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0666);  // doesn't wait for a pipe's reader
   if (descriptor < 0 || close(descriptor) != 0) refuse_output(name, "outputs_publish", unit, __LINE__);
 }
 

@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
 
   for (int i = 0; i < run.para.n_files; i++) pick_micrograph(&run, run.para.files[i]);
 
+  put_tally(&run.tally);
   const int n_files = run.para.n_files;
   free_run(&run);
   put_rule('#', 129, stdout);

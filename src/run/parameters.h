@@ -65,6 +65,8 @@ struct Kestrix_Para {
   float lsigma_radius_px;     // radius of the local sigma window, shrunk pixels
   float lave_radius_px;       // radius of the local average window, shrunk pixels
   char* first_file;           // first readable micrograph, set by main
+  int skip_empty_templates;   // leave out templates that are zero everywhere
+  float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
 };
 
 /// Allocates files for argc names and the text buffers, and sets every default. Values that depend on others

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "cuda_general.h"
+#include "formats/mrc_diagnosis.h"
 #include "math_utils.h"
 #include "particles/pick_records.h"
 #include "platform/failure.h"
@@ -76,7 +77,12 @@ bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) 
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
-  read_shrunk_micrograph(f, head, run->para.shrink, run->host.work_mic);
+  const float deviations = run->para.clip_outliers;
+  const ValueLimits limits = deviations > 0 ? clip_limits(f, head, deviations) : kNoLimits;
+  read_shrunk_micrograph(f, head, run->para.shrink, limits, run->host.work_mic);
+  if (missing == 0)
+    note_outliers(run->host.work_mic, even_side(head->nx, run->para.shrink), even_side(head->ny, run->para.shrink),
+                  static_cast<size_t>(run->sizes.work_nx), name);
   return true;
 }
 
@@ -214,7 +220,8 @@ void match_template(Run* run, int t, FILE* nonunique) {
 
 void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   quorlin_transform_micrograph(&run->scan, run->device.d_mic);
-  for (int t = 0; t < run->sizes.T_num; t++) match_template(run, t, nonunique);
+  for (int t = 0; t < run->sizes.T_num; t++)
+    if (!run->host.T_empty[t]) match_template(run, t, nonunique);
   if (!run->para.write_ccmax_mic) return;
   char name[kTextBytes];
   set_outname_by_suffix(name, mic, "_ccmax.mrc");
@@ -252,14 +259,17 @@ void pick_micrograph(Run* run, const char* mic) {
   MicrographNames names;
   set_names(&names, mic, &run->para);
   if (is_finished(&names, &run->para)) {
+    run->tally.skipped++;
     time_drop();
     return;
   }
+  const long notes_before = safety_notes_said();
   outputs_hold();
   FILE* nonunique = output_open(names.nonunique, "main", unit, __LINE__);
   FILE* f = open_to_read(mic, "main", unit, __LINE__);
   MRC_HEAD head;
   mrc_read_head(f, &head);
+  if (!mrc_head_is_like(&run->first_head, &head)) note_odd_image(mic, f, &head);
   check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
   printf("Reading File %s ...\n", mic);
   const bool readable = read_micrograph(run, f, &head, mic);
@@ -276,6 +286,8 @@ void pick_micrograph(Run* run, const char* mic) {
   match_all_templates(run, mic, nonunique);
   KESTRIX_OUTPUT_CLOSE(nonunique);
   select_picks(run, &names);
+  tally_micrograph(&run->tally, mic, output_at_hand(names.nonunique), output_at_hand(names.box), notes_before,
+                   &run->para);
   publish_outputs_of(&names);
   printf("File %s finished.\n", mic);
   time_pop("PICKING");
