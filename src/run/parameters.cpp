@@ -120,7 +120,11 @@ const char* value_of_option(int argc, char** argv, int& i) {
 void store_value(const Option& option, const char* value, Kestrix_Para* para) {
   const Para_Field& field = option.field;
   if (field.real) note_real_read(option.keyword, value, para->*field.real = static_cast<float>(text_to_real(value)));
-  if (field.integer) note_integer_read(option.keyword, value, para->*field.integer = text_to_int(value));
+  if (field.integer) {
+    para->*field.integer = text_to_int(value);
+    if (field.integer != &P::gid || !names_devices(value))
+      note_integer_read(option.keyword, value, para->*field.integer);
+  }
   if (field.text) {
     if (!text_fits(value))
       KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters", option.keyword,
@@ -221,6 +225,8 @@ void refuse_own_lists(const Kestrix_Para* para) {
 
 }  // namespace
 
+bool names_devices(const char* value) { return strchr(value, ',') || strcasecmp(value, "all") == 0; }
+
 void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   *para = Kestrix_Para{};
   para->files = static_cast<char**>(cleared_memory(argc > 0 ? static_cast<size_t>(argc) : 1, sizeof(char*)));
@@ -264,6 +270,20 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   if (para->n_files == 0) kestrix_help_exit(argv[0], "No valid files to be processed.");
   if (check_and_set_gid(para->gid) == -1) kestrix_help_exit(argv[0], "Failed to find any usable GPU device!");
   settle_options_not_given(para, given);
+}
+
+int kestrix_find_device_argument(int argc, char** argv) {
+  Kestrix_Para para;
+  kestrix_init_parameters(argc, &para);
+  Given given = {};
+  int position = 0;
+  for (int i = 1; i < argc; i++) {
+    const Option* option = find_option(argv[i]);
+    take_argument(argc, argv, i, &para, given);
+    if (option && option->field.integer == &P::gid) position = i;
+  }
+  kestrix_free_parameters(&para);
+  return position;
 }
 
 void kestrix_check_parameters(const Kestrix_Para* para) {
