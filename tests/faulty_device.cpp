@@ -2,6 +2,7 @@
 // KESTRIX_TEST_FAULTS says. Names and values, for instance "malloc=17" or "devices=3,capability=7.0:8.6:-1":
 //   set_device, malloc, malloc_host, memcpy,   the n-th and every later call of that kind fails; -n, but for fft: the
 //   launch, fft                                n-th alone
+//   memory                                     bytes of it
 //   devices                                    how many there are
 //   gpu_road                                   runs go by the device's own transforms, as on a GPU
 //   capability                                 of each, in order; -1 for one that gives no properties
@@ -46,6 +47,7 @@ bool set_faults() {
                             sscanf(fault, "memcpy=%ld", &faults.fail_memcpy_at) == 1 ||
                             sscanf(fault, "launch=%ld", &faults.fail_launch_at) == 1 ||
                             sscanf(fault, "fft=%ld", &faults.fail_fft_at) == 1 ||
+                            sscanf(fault, "memory=%zu", &faults.memory) == 1 ||
                             sscanf(fault, "devices=%d", &faults.device_count) == 1;
     if (!understood && strncmp(fault, "capability=", 11) != 0) refuse(wanted);
     if (!understood) set_capabilities(fault + 11);

@@ -105,6 +105,7 @@ struct HostDeviceFaults {
   int capability[8][2] = {};       // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
                                    // device that gives no properties
   long fail_set_device_at = 0;     // the n-th and every later cudaSetDevice fails; -n: the n-th alone
+  size_t memory = 0;               // bytes that cudaMalloc may give out at a time; 0: no limit
   long fail_malloc_at = 0;         // likewise cudaMalloc
   long fail_malloc_host_at = 0;    // likewise cudaMallocHost
   long fail_memcpy_at = 0;         // likewise cudaMemcpy
@@ -115,3 +116,6 @@ struct HostDeviceFaults {
 
 /// The pretence in force; all healthy unless a test changes it.
 HostDeviceFaults& host_device_faults();
+
+/// Bytes that cudaMalloc has given out and cudaFree has not taken back.
+size_t host_device_bytes_in_use();

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 
 #include "platform/host_cuda.h"
 
@@ -17,10 +19,18 @@ std::atomic<long> launch_calls{0};
 
 thread_local cudaError_t last_error = cudaSuccess;
 
+std::mutex blocks_mutex;
+std::unordered_map<void*, size_t> blocks;  // what cudaMalloc has given out
+size_t bytes_in_use = 0;
+
 // What a call gives; a failure stays the last error.
 cudaError_t result(cudaError_t error) {
   if (error != cudaSuccess) last_error = error;
   return error;
+}
+
+size_t memory_of_machine() {
+  return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGE_SIZE));
 }
 
 bool fails(std::atomic<long>& calls, long fail_at) {
@@ -55,8 +65,7 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
   if (capability[0] < 0) return result(cudaErrorInvalidDevice);
   const bool healthy = capability[0] == 0 && capability[1] == 0;
   snprintf(properties->name, sizeof properties->name, "host (%ld cores)", sysconf(_SC_NPROCESSORS_ONLN));
-  properties->totalGlobalMem =
-      static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGE_SIZE));
+  properties->totalGlobalMem = faults.memory ? faults.memory : memory_of_machine();
   properties->major = healthy ? 1 : capability[0];
   properties->minor = healthy ? 0 : capability[1];
   return cudaSuccess;
@@ -73,13 +82,30 @@ cudaError_t cudaMalloc(void** pointer, size_t bytes) {
     *pointer = nullptr;
     return result(cudaErrorMemoryAllocation);
   }
-  return allocate(pointer, bytes);
+  *pointer = nullptr;
+  const std::lock_guard<std::mutex> lock(blocks_mutex);
+  const size_t memory = host_device_faults().memory;
+  if (memory > 0 && (bytes > memory || bytes_in_use > memory - bytes)) return result(cudaErrorMemoryAllocation);
+  const cudaError_t status = allocate(pointer, bytes);
+  if (status == cudaSuccess && *pointer) {
+    blocks[*pointer] = bytes;
+    bytes_in_use += bytes;
+  }
+  return status;
 }
 
 cudaError_t cudaFree(void* pointer) {
+  const std::lock_guard<std::mutex> lock(blocks_mutex);
+  const auto block = blocks.find(pointer);
+  if (block != blocks.end()) {
+    bytes_in_use -= block->second;
+    blocks.erase(block);
+  }
   free(pointer);
   return cudaSuccess;
 }
+
+size_t host_device_bytes_in_use() { return bytes_in_use; }
 
 cudaError_t cudaMallocHost(void** pointer, size_t bytes) {
   if (fails(malloc_host_calls, host_device_faults().fail_malloc_host_at)) {
@@ -89,7 +115,10 @@ cudaError_t cudaMallocHost(void** pointer, size_t bytes) {
   return allocate(pointer, bytes);
 }
 
-cudaError_t cudaFreeHost(void* pointer) { return cudaFree(pointer); }
+cudaError_t cudaFreeHost(void* pointer) {
+  free(pointer);
+  return cudaSuccess;
+}
 
 cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind) {
   if (fails(memcpy_calls, host_device_faults().fail_memcpy_at)) return result(cudaErrorInvalidValue);

@@ -98,6 +98,7 @@ void allocate_run(Run* run) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
   const size_t cells = grid_cells(run);
+  if (device_transforms_wanted()) check_device_memory(run);
   HostBuffers& host = run->host;
   host.work_mic = pinned_new<float>(pixels);
   if (para.write_ccmax_mic) {
@@ -116,10 +117,10 @@ void allocate_run(Run* run) {
   device.d_grid = device_new<unsigned>(cells);
   if (para.detect_ice || para.do_bandpass || para.do_pre_filter) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
   if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, ice_settings(para));
+  run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
   run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
                                  para.write_ccmax_mic ? 0 : s.grid_size);
-  run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);
 }
 
 // Whether template t is zero everywhere and to be left out for it; says so.
