@@ -266,6 +266,20 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   settle_options_not_given(para, given);
 }
 
+int kestrix_find_device_argument(int argc, char** argv) {
+  Kestrix_Para para;
+  kestrix_init_parameters(argc, &para);
+  Given given = {};
+  int position = 0;
+  for (int i = 1; i < argc; i++) {
+    const Option* option = find_option(argv[i]);
+    take_argument(argc, argv, i, &para, given);
+    if (option && option->field.integer == &P::gid) position = i;
+  }
+  kestrix_free_parameters(&para);
+  return position;
+}
+
 void kestrix_check_parameters(const Kestrix_Para* para) {
   require_positive("apixM", "the pixel size of the micrographs in angstrom", para->apixM);
   require_positive("apixT", "the pixel size of the templates in angstrom", para->apixT);
