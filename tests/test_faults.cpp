@@ -2,6 +2,7 @@
 // device fails as KESTRIX_TEST_FAULTS says (faulty_device.cpp), on the host's own road through a run and on a GPU's.
 #include <regex.h>
 
+#include <csignal>
 #include <iterator>
 #include <map>
 #include <sstream>
@@ -234,6 +235,52 @@ TEST_F(FaultyRuns, TakeAnyDeviceNumberAndEndWhereTheDeviceIsRefused) {
   EXPECT_TRUE(fits(refused.errors, "Error CUDA-capable device\\(s\\) is/are busy or unavailable" + kPlace))
       << refused.errors;
   EXPECT_TRUE(outputs().empty());
+}
+
+TEST_F(FaultyRuns, TakeTheDevicesThatAreNamedOrAllThatCanBeUsed) {
+  for (const char* gid : {"all", "0,2", "2,0,2"}) {
+    remove_outputs();
+    const ProgramRun several = run("devices=3,capability=7.0:-1:8.6", std::string("--gid ") + gid);
+    EXPECT_EQ(0, several.status) << gid << several.output << several.errors;
+    EXPECT_EQ(clean_files_, outputs()) << gid;
+  }
+  remove_outputs();
+  const std::pair<const char*, const char*> refusals[] = {
+      {"0,1", "--gid is 0,1, and there is no device 1 that can be used; gpu_probe lists those that can! Exit now!\n"},
+      {"0,", "--gid is 0,: it must be a number, a list of numbers such as 0,1,2, or all! Exit now!\n"},
+      {"0,-2", "--gid is 0,-2: it must be a number, a list of numbers such as 0,1,2, or all! Exit now!\n"}};
+  for (const auto& refusal : refusals) {
+    const ProgramRun refused = run("devices=3,capability=7.0:-1:8.6", std::string("--gid ") + refusal.first);
+    EXPECT_EQ(1, refused.status);
+    EXPECT_TRUE(ends_with(refused.output, refusal.second)) << refused.output;
+  }
+  const ProgramRun none = run("devices=0", "--gid all");
+  EXPECT_EQ(1, none.status);
+  EXPECT_TRUE(ends_with(none.output, ": Failed to find any usable GPU device!! Exit now!\n"));
+  EXPECT_TRUE(outputs().empty());
+}
+
+TEST_F(FaultyRuns, EndWhereAProcessOnOneOfSeveralDevicesDoes) {
+  const std::string note = "Kestrix: the process for device [01] ";
+  bool ended_well = false, ended_late = false;
+  for (long n = 1; n < 5000 && !ended_well && !HasFailure(); n = n * 3 / 2 + 1) {
+    SCOPED_TRACE(n);
+    remove_outputs();
+    const ProgramRun killed = run("devices=2,killed=" + std::to_string(n), "--gid 0,1");
+    ended_well = killed.status == 0;
+    if (ended_well) break;
+    EXPECT_EQ(128 + SIGKILL, killed.status);
+    EXPECT_TRUE(fits(killed.errors, note + "was ended by signal 9 \\(Killed\\); the run ends.\n")) << killed.errors;
+    expect_whole_outputs(holds(killed.output, kFirstDone));
+    remove_outputs();
+    const ProgramRun failed = run("devices=2,launch=" + std::to_string(n), "--gid 0,1");
+    EXPECT_EQ(1, failed.status);
+    EXPECT_TRUE(fits(failed.errors, kLaunchFailed + note + "has failed; the run ends.\n")) << failed.errors;
+    expect_whole_outputs(holds(failed.output, kFirstDone));
+    ended_late = ended_late || holds(failed.output, "Reading File mic001.mrc");
+  }
+  EXPECT_TRUE(ended_well && ended_late);
+  EXPECT_EQ(clean_files_, outputs());
 }
 
 TEST_F(FaultyRuns, ResumeAfterADeviceWasLost) {

@@ -105,6 +105,8 @@ struct HostDeviceFaults {
   int capability[8][2] = {};       // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
                                    // device that gives no properties
   long fail_set_device_at = 0;     // the n-th and every later cudaSetDevice fails; -n: the n-th alone
+  bool lost_by_fork = false;       // children of a process that has used the device can't, as with CUDA
+  long killed_at = 0;              // the n-th wait after a launch ends the process by SIGKILL
   size_t memory = 0;               // bytes that cudaMalloc may give out at a time; 0: no limit
   long fail_malloc_at = 0;         // likewise cudaMalloc
   long fail_malloc_host_at = 0;    // likewise cudaMallocHost

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,13 @@ size_t memory_of_machine() {
   return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGE_SIZE));
 }
 
+// Whether the device was used before this process was forked.
+bool is_lost() {
+  if (!host_device_faults().lost_by_fork) return false;
+  static const pid_t user = getpid();
+  return getpid() != user;
+}
+
 bool fails(std::atomic<long>& calls, long fail_at) {
   const long n = ++calls;
   return fail_at > 0 ? n >= fail_at : n == -fail_at;
@@ -54,12 +62,15 @@ HostDeviceFaults& host_device_faults() {
 }
 
 cudaError_t cudaGetDeviceCount(int* count) {
+  *count = 0;
+  if (is_lost()) return result(cudaErrorInitializationError);
   *count = host_device_faults().device_count;
   return result(*count > 0 ? cudaSuccess : cudaErrorNoDevice);
 }
 
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
   const HostDeviceFaults& faults = host_device_faults();
+  if (is_lost()) return result(cudaErrorInitializationError);
   if (device < 0 || device >= faults.device_count) return result(cudaErrorInvalidDevice);
   const int* capability = device < 8 ? faults.capability[device] : faults.capability[0];
   if (capability[0] < 0) return result(cudaErrorInvalidDevice);
@@ -73,11 +84,13 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
 
 cudaError_t cudaSetDevice(int device) {
   const HostDeviceFaults& faults = host_device_faults();
+  if (is_lost()) return result(cudaErrorInitializationError);
   if (device < 0 || device >= faults.device_count) return result(cudaErrorInvalidDevice);
   return result(fails(set_device_calls, faults.fail_set_device_at) ? cudaErrorDevicesUnavailable : cudaSuccess);
 }
 
 cudaError_t cudaMalloc(void** pointer, size_t bytes) {
+  if (is_lost()) return result(cudaErrorInitializationError);
   if (fails(malloc_calls, host_device_faults().fail_malloc_at)) {
     *pointer = nullptr;
     return result(cudaErrorMemoryAllocation);
@@ -127,7 +140,11 @@ cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind)
 }
 
 cudaError_t cudaThreadSynchronize() {
-  return result(fails(launch_calls, host_device_faults().fail_launch_at) ? cudaErrorLaunchFailure : cudaSuccess);
+  if (is_lost()) return result(cudaErrorInitializationError);
+  const HostDeviceFaults& faults = host_device_faults();
+  const bool failed = fails(launch_calls, faults.fail_launch_at);
+  if (launch_calls == faults.killed_at) raise(SIGKILL);
+  return result(failed ? cudaErrorLaunchFailure : cudaSuccess);
 }
 
 cudaError_t cudaPeekAtLastError() { return last_error; }
