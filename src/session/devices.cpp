@@ -66,7 +66,7 @@ std::vector<int> numbers_of(const std::string& list) {
 }
 
 std::vector<int> devices_of(const char* value) {
-  const std::vector<int> usable = usable_devices();
+  std::vector<int> usable = usable_devices();
   if (usable.empty()) return {0};  // whose process says that there is none
   if (strcasecmp(value, "all") == 0) return usable;
   std::vector<int> devices = numbers_of(value);
