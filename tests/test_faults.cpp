@@ -199,6 +199,7 @@ void run_and_tell_memory(const std::string& line) {
   std::istringstream words(line);
   std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
   std::vector<char*> argv;
+  argv.reserve(arguments.size());
   for (std::string& word : arguments) argv.push_back(&word[0]);
   Run run{};
   read_command_line(static_cast<int>(argv.size()), argv.data(), &run);
