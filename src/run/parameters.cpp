@@ -267,16 +267,17 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
 }
 
 int kestrix_find_device_argument(int argc, char** argv) {
-  Kestrix_Para para;
-  kestrix_init_parameters(argc, &para);
-  Given given = {};
   int position = 0;
   for (int i = 1; i < argc; i++) {
     const Option* option = find_option(argv[i]);
-    take_argument(argc, argv, i, &para, given);
-    if (option && option->field.integer == &P::gid) position = i;
+    int flag = 0;
+    if (!option) continue;
+    if (option->kind == FLAG) {
+      get_bool_keyword(argc, argv, i, flag);
+    } else if (++i < argc && option->field.integer == &P::gid) {
+      position = i;
+    }
   }
-  kestrix_free_parameters(&para);
   return position;
 }
 

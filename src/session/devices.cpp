@@ -196,7 +196,7 @@ class Session {
   void take_end(Member& member) {
     member.process.notes = Descriptor();
     waitpid(member.process.pid, &member.status, 0);
-    if (member.status == 0 || sent_away_) return;
+    if ((member.status == 0 && member.ready) || sent_away_) return;
     counter_.stop();
     failed_.push_back(&member);
     sent_away_ = !begun_;
@@ -229,8 +229,9 @@ class Session {
                   strsignal(signal));
       end_run(128 + signal);
     }
-    safety_note(nullptr, "the process for device %d has failed; the run ends.", device);
-    end_run(WEXITSTATUS(member.status));
+    const int status = WEXITSTATUS(member.status);  // 0 where an option is not known
+    if (status != 0) safety_note(nullptr, "the process for device %d has failed; the run ends.", device);
+    end_run(status);
   }
 
   SharedCounter counter_;
