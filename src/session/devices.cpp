@@ -115,6 +115,7 @@ struct Member {
   DeviceProcess process;
   std::string inbox;    // bytes of notes that are not complete
   Printed preparation;  // until it is printed
+  RunTally tally{};
   bool ready = false;
   int begun = kNone;  // the micrograph that it is at
   int status = 0;     // as waitpid gives it, once it has ended
@@ -135,6 +136,7 @@ class Session {
       print_in_order();
     }
     if (const Member* failed = first_failed()) end_as(*failed);
+    put_sum_of_tallies();
     return micrographs_;
   }
 
@@ -181,6 +183,7 @@ class Session {
 
   void take_note(Member& member, const Note& note, Printed printed) {
     micrographs_ = note.micrographs;
+    member.tally = note.tally;
     if (note.kind == kReady) {
       member.ready = true;
       member.preparation = std::move(printed);
@@ -203,6 +206,17 @@ class Session {
     if (!sent_away_) return;
     for (const Member& other : members_)
       if (other.process.notes.number() >= 0) kill(other.process.pid, SIGTERM);
+  }
+
+  void put_sum_of_tallies() const {
+    RunTally sum{};
+    for (const Member& member : members_) {
+      sum.picked += member.tally.picked;
+      sum.skipped += member.tally.skipped;
+      sum.noted += member.tally.noted;
+      sum.picks += member.tally.picks;
+    }
+    put_tally(&sum);
   }
 
   void print_in_order() {
