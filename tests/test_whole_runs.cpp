@@ -157,6 +157,7 @@ TEST_F(RunOutput, OfSeveralDevicesIsThatOfOne) {
   EXPECT_EQ(1, refused.status);
   EXPECT_TRUE(ends_with(refused.output, "open file failed.! Exit now!\n")) << refused.output;
   EXPECT_EQ(refused.output.find("All parameters"), refused.output.rfind("All parameters")) << "told once";
+  EXPECT_EQ(kestrix("--gid 0 --no_such_option a.mrc").output, kestrix("--gid 0,0 --no_such_option a.mrc").output);
 }
 
 TEST_F(RunOutput, HelpAndRefusalsHaveTheirStatuses) {

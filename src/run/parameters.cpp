@@ -120,11 +120,7 @@ const char* value_of_option(int argc, char** argv, int& i) {
 void store_value(const Option& option, const char* value, Kestrix_Para* para) {
   const Para_Field& field = option.field;
   if (field.real) note_real_read(option.keyword, value, para->*field.real = static_cast<float>(text_to_real(value)));
-  if (field.integer) {
-    para->*field.integer = text_to_int(value);
-    if (field.integer != &P::gid || !names_devices(value))
-      note_integer_read(option.keyword, value, para->*field.integer);
-  }
+  if (field.integer) note_integer_read(option.keyword, value, para->*field.integer = text_to_int(value));
   if (field.text) {
     if (!text_fits(value))
       KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters", option.keyword,
@@ -225,8 +221,6 @@ void refuse_own_lists(const Kestrix_Para* para) {
 
 }  // namespace
 
-bool names_devices(const char* value) { return strchr(value, ',') || strcasecmp(value, "all") == 0; }
-
 void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   *para = Kestrix_Para{};
   para->files = static_cast<char**>(cleared_memory(argc > 0 ? static_cast<size_t>(argc) : 1, sizeof(char*)));
@@ -273,16 +267,17 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
 }
 
 int kestrix_find_device_argument(int argc, char** argv) {
-  Kestrix_Para para;
-  kestrix_init_parameters(argc, &para);
-  Given given = {};
   int position = 0;
   for (int i = 1; i < argc; i++) {
     const Option* option = find_option(argv[i]);
-    take_argument(argc, argv, i, &para, given);
-    if (option && option->field.integer == &P::gid) position = i;
+    int flag = 0;
+    if (!option) continue;
+    if (option->kind == FLAG) {
+      get_bool_keyword(argc, argv, i, flag);
+    } else if (++i < argc && option->field.integer == &P::gid) {
+      position = i;
+    }
   }
-  kestrix_free_parameters(&para);
   return position;
 }
 

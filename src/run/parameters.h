@@ -80,8 +80,8 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para);
 /// status 1. Numbers are taken as they are; kestrix_check_parameters judges them.
 void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para);
 
-/// The position in argv of the value that the command line gives --gid, 0 where it gives none. Ends the run as
-/// kestrix_get_parameters does where an argument can't be taken; asks for no device.
+/// The position in argv of the value that the command line gives --gid, 0 where it gives none. Walks over the arguments as
+/// kestrix_get_parameters does, but asks for no device and judges nothing.
 int kestrix_find_device_argument(int argc, char** argv);
 
 /// Ends the run with a fatal error that names the option, its value and what is allowed, if a pixel size, the
@@ -97,9 +97,6 @@ void kestrix_speed2shrink(int& speed, int& shrink);
 /// Reads the flag whose keyword stands at argv[i]. If the next argument is there and begins with neither a
 /// hyphen nor a letter, it is the flag's value, 0 or not 0, and i moves on to it; else the flag is 1.
 void get_bool_keyword(int argc, char** argv, int& i, int& flag);
-
-/// Whether the value of --gid names devices by a list, such as 0,1,3, or by "all", rather than one by its number.
-bool names_devices(const char* value);
 
 /// Prints the short help and a fatal error with message, and ends the process with status 1.
 [[noreturn]] void kestrix_help_exit(const char* program, const char* message);

@@ -48,8 +48,8 @@ void write_all(int file, const void* data, size_t bytes) {
   }
 }
 
-void tell(const DeviceProcess& process, int notes, NoteKind kind, int micrograph, int micrographs) {
-  Note note{kind, micrograph, micrographs, 0, 0};
+void tell(const DeviceProcess& process, int notes, NoteKind kind, int micrograph, const Run& run) {
+  Note note{kind, micrograph, run.para.n_files, run.tally, 0, 0};
   if (kind == kBegun) return write_all(notes, &note, sizeof note);
   fflush(stdout);
   const std::string out = unsent(process.out), err = unsent(process.err);
@@ -88,12 +88,11 @@ void take_share_of_cores(int processes) {
 
 void pick_shared(Run* run, const DeviceProcess& process, int notes, Counter* next) {
   const std::vector<std::vector<int>> groups = groups_by_outputs(run->para);
-  const int n = run->para.n_files;
   for (int g = (*next)++; g < static_cast<int>(groups.size()); g = (*next)++) {
     for (const int i : groups[static_cast<size_t>(g)]) {
-      tell(process, notes, kBegun, i, n);
+      tell(process, notes, kBegun, i, *run);
       pick_micrograph(run, run->para.files[i]);
-      tell(process, notes, kFinished, i, n);
+      tell(process, notes, kFinished, i, *run);
     }
   }
 }
@@ -106,7 +105,7 @@ void pick_shared(Run* run, const DeviceProcess& process, int notes, Counter* nex
   work.argv[work.value_at] = &number[0];
   Run run{};
   begin_run(work.argc, work.argv, &run);
-  tell(process, notes, kReady, 0, run.para.n_files);
+  tell(process, notes, kReady, 0, run);
   char word = 0;
   if (read(go, &word, 1) == 1) pick_shared(&run, process, notes, next);
   free_run(&run);

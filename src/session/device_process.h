@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "run/tally.h"
+
 /// An open file, closed at the end of its scope.
 class Descriptor {
  public:
@@ -32,6 +34,7 @@ struct Note {
   NoteKind kind;
   int micrograph;   // position in the list
   int micrographs;  // in the list
+  RunTally tally;   // of the process so far
   size_t out, err;
 };
 

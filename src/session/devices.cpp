@@ -115,6 +115,7 @@ struct Member {
   DeviceProcess process;
   std::string inbox;    // bytes of notes that are not complete
   Printed preparation;  // until it is printed
+  RunTally tally{};
   bool ready = false;
   int begun = kNone;  // the micrograph that it is at
   int status = 0;     // as waitpid gives it, once it has ended
@@ -135,6 +136,7 @@ class Session {
       print_in_order();
     }
     if (const Member* failed = first_failed()) end_as(*failed);
+    put_sum_of_tallies();
     return micrographs_;
   }
 
@@ -181,6 +183,7 @@ class Session {
 
   void take_note(Member& member, const Note& note, Printed printed) {
     micrographs_ = note.micrographs;
+    member.tally = note.tally;
     if (note.kind == kReady) {
       member.ready = true;
       member.preparation = std::move(printed);
@@ -196,13 +199,24 @@ class Session {
   void take_end(Member& member) {
     member.process.notes = Descriptor();
     waitpid(member.process.pid, &member.status, 0);
-    if (member.status == 0 || sent_away_) return;
+    if ((member.status == 0 && member.ready) || sent_away_) return;
     counter_.stop();
     failed_.push_back(&member);
     sent_away_ = !begun_;
     if (!sent_away_) return;
     for (const Member& other : members_)
       if (other.process.notes.number() >= 0) kill(other.process.pid, SIGTERM);
+  }
+
+  void put_sum_of_tallies() const {
+    RunTally sum{};
+    for (const Member& member : members_) {
+      sum.picked += member.tally.picked;
+      sum.skipped += member.tally.skipped;
+      sum.noted += member.tally.noted;
+      sum.picks += member.tally.picks;
+    }
+    put_tally(&sum);
   }
 
   void print_in_order() {
@@ -229,8 +243,9 @@ class Session {
                   strsignal(signal));
       end_run(128 + signal);
     }
-    safety_note(nullptr, "the process for device %d has failed; the run ends.", device);
-    end_run(WEXITSTATUS(member.status));
+    const int status = WEXITSTATUS(member.status);  // 0 where an option is not known
+    if (status != 0) safety_note(nullptr, "the process for device %d has failed; the run ends.", device);
+    end_run(status);
   }
 
   SharedCounter counter_;
@@ -245,6 +260,8 @@ class Session {
 };
 
 }  // namespace
+
+bool names_devices(const char* value) { return strchr(value, ',') || strcasecmp(value, "all") == 0; }
 
 int pick_on_devices(int argc, char** argv, int value_at) {
   const std::vector<int> devices = devices_of(argv[value_at]);

@@ -2,6 +2,9 @@
 // prints, and what it prints is what one process would: lists, standard output and exit status are those of one device.
 #pragma once
 
+/// Whether the value of --gid names devices by a list, such as 0,1,3, or by "all", rather than one by its number.
+bool names_devices(const char* value);
+
 /// Prepares and picks the run of a command line whose argument argv[value_at] names the devices, a process for each name.
 /// A process that fails ends the run: micrographs under way on other devices are finished, the output goes on to where
 /// one process would have stopped, and the exit status is that of the process, 128 + N for one ended by signal N.
