@@ -60,6 +60,28 @@ void hcuda_2d_bandpass_guas_mpad_inplace(MirrorPad* pad, float* d, float apix, f
 /// The same of the image whose transform is in pad (hcuda_2d_mpad_transform), where it is filtered too.
 void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2);
 
+// --- Transforms that are kept ---
+
+/// The transform of a mirrored image, in the form that pad's way has.
+struct MirrorTransform {
+  float2* spectrum;     // device, as MirrorPad's
+  float* coefficients;  // or this one
+};
+
+/// Room for a transform of pad's way; released with mirror_transform_free.
+MirrorTransform mirror_transform_new(const MirrorPad* pad);
+void mirror_transform_free(MirrorTransform* transform);
+
+/// The transform in pad itself, which belongs to pad.
+MirrorTransform mirror_transform_of(const MirrorPad* pad);
+
+/// Mirrors the image `in` (nx*ny, device) and leaves its transform there.
+void mirror_transform_take(MirrorPad* pad, const float* in, MirrorTransform* transform);
+
+/// out (nx*ny, device) = the image of the transform, which may be pad's and stays otherwise, low-passed by
+/// exp(-(sharpness * f)^2 / 2), f in cycles per pixel. pad's own transform is lost.
+void hcuda_2d_gaussian_mpad(MirrorPad* pad, const MirrorTransform* transform, float sharpness, float* out);
+
 // --- Local maps over a soft-edged disc, which reaches into the mirror image at the edges. The disc is centred half a
 // --- pixel before each pixel in both axes. ---
 
