@@ -1,4 +1,5 @@
-# `cmake --build build --target check` runs clang-format (dry) and clang-tidy over the project's own sources.
+# `cmake --build build --target check` holds the arrows between rooms against CONTRIBUTING.md and runs clang-format (dry)
+# and clang-tidy over the project's own sources.
 file(GLOB_RECURSE KESTRIX_CHECKED CONFIGURE_DEPENDS
   src/*.cpp src/*.h tools/*.cpp tools/*.h tests/*.cpp tests/*.h bench/*.cpp)
 set(KESTRIX_TIDIED ${KESTRIX_CHECKED})
@@ -14,4 +15,6 @@ add_custom_target(check-format
 add_custom_target(check-tidy
   COMMAND printf "%s\\n" ${KESTRIX_TIDIED} | xargs -P 2 -n 4 ${CLANG_TIDY} -p ${CMAKE_BINARY_DIR} --quiet
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy")
-add_custom_target(check DEPENDS check-format check-tidy)
+add_custom_target(check-arrows
+  COMMAND ${CMAKE_SOURCE_DIR}/tools/arrows.sh --check COMMENT "arrows between rooms" VERBATIM)
+add_custom_target(check DEPENDS check-arrows check-format check-tidy)

@@ -11,10 +11,11 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # -Wno-psabi: vectors wider than the baseline's registers pass between inlined functions only.
 set(KESTRIX_FLAGS -fno-trapping-math -fno-math-errno -ffp-contract=off -Wall -Wextra -Wshadow -Wno-psabi)
 if(KESTRIX_SANITIZE)
-  set(KESTRIX_SANITIZERS address,undefined,float-cast-overflow)
-  list(APPEND KESTRIX_FLAGS -fsanitize=${KESTRIX_SANITIZERS} -fno-sanitize-recover=undefined,float-cast-overflow
-    -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=${KESTRIX_SANITIZERS})
+  # One by one: nvcc splits what it hands to the host compiler at commas.
+  set(KESTRIX_SANITIZERS -fsanitize=address -fsanitize=undefined -fsanitize=float-cast-overflow)
+  list(APPEND KESTRIX_FLAGS ${KESTRIX_SANITIZERS} -fno-sanitize-recover=undefined
+    -fno-sanitize-recover=float-cast-overflow -fno-omit-frame-pointer)
+  add_link_options(${KESTRIX_SANITIZERS})
 endif()
 if(KESTRIX_FUZZ)
   list(APPEND KESTRIX_FLAGS -fsanitize=fuzzer-no-link -Wno-pass-failed)

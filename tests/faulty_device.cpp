@@ -1,7 +1,7 @@
 // Linked into a program, makes its host device differ from a healthy one as the environment variable
 // KESTRIX_TEST_FAULTS says. Names and values, for instance "malloc=17" or "devices=3,capability=7.0:8.6:-1":
-//   malloc, malloc_host, memcpy, launch, fft   the n-th and every later call of that kind fails; -n, but for fft: the
-//                                              n-th alone
+//   set_device, malloc, malloc_host, memcpy,   the n-th and every later call of that kind fails; -n, but for fft: the
+//   launch, fft                                n-th alone
 //   devices                                    how many there are
 //   gpu_road                                   runs go by the device's own transforms, as on a GPU
 //   capability                                 of each, in order; -1 for one that gives no properties
@@ -40,7 +40,8 @@ bool set_faults() {
       faults.device_transforms = true;
       continue;
     }
-    const bool understood = sscanf(fault, "malloc=%ld", &faults.fail_malloc_at) == 1 ||
+    const bool understood = sscanf(fault, "set_device=%ld", &faults.fail_set_device_at) == 1 ||
+                            sscanf(fault, "malloc=%ld", &faults.fail_malloc_at) == 1 ||
                             sscanf(fault, "malloc_host=%ld", &faults.fail_malloc_host_at) == 1 ||
                             sscanf(fault, "memcpy=%ld", &faults.fail_memcpy_at) == 1 ||
                             sscanf(fault, "launch=%ld", &faults.fail_launch_at) == 1 ||

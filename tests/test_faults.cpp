@@ -153,6 +153,21 @@ TEST_F(FaultyGpuRoadRuns, EndWhenDeviceMemoryRunsOut) { sweep("malloc", {kNoMemo
 TEST_F(FaultyGpuRoadRuns, EndAtALaunchThatFails) { sweep("launch", {kLaunchFailed, kNothing, true}); }
 TEST_F(FaultyGpuRoadRuns, EndAtATransformThatFails) { sweep("fft", {kTransformFailed, kNothing, true}, false); }
 
+TEST_F(FaultyRuns, TakeAnyDeviceNumberAndEndWhereTheDeviceIsRefused) {
+  for (const char* gid : {"-1", "1", "7"}) {
+    remove_outputs();
+    const ProgramRun other = run("devices=1", std::string("--gid ") + gid);
+    EXPECT_EQ(0, other.status) << gid << other.errors;
+    EXPECT_EQ(clean_files_, outputs()) << gid;
+  }
+  remove_outputs();
+  const ProgramRun refused = run("set_device=1");
+  EXPECT_EQ(1, refused.status);
+  EXPECT_TRUE(fits(refused.errors, "Error CUDA-capable device\\(s\\) is/are busy or unavailable" + kPlace))
+      << refused.errors;
+  EXPECT_TRUE(outputs().empty());
+}
+
 TEST_F(FaultyRuns, ResumeAfterADeviceWasLost) {
   remove_outputs();
   // The first launch whose failure leaves the first micrograph finished.

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "mrcfile.h"
+#include "platform/device.h"
 
 // --- Files and texts ---
 
@@ -111,14 +112,19 @@ std::string output_of(Code code) {
   return without_line_numbers(::testing::internal::GetCapturedStdout());
 }
 
-constexpr int kDidNotExit = 254;
+constexpr int kDidNotExit = 254, kLostDevice = 253;
 
 struct ChildResult {
   int status;            // exit status; kDidNotExit if the code returned; 1000 + the signal that ended it
   std::string out, err;  // the two streams, less line numbers
 };
 
-/// Runs code that may end the process, in a child of its own.
+/// In a child: ends it where it could not use the device because its parent had, which no result would show.
+inline void end_without_device() {
+  if (cudaPeekAtLastError() == cudaErrorInitializationError) _exit(kLostDevice);
+}
+
+/// Runs code that may end the process, in a child of its own. The process must not have used the device.
 template <class Code>
 ChildResult run_in_child(Code code) {
   FILE* streams[2] = {tmpfile(), tmpfile()};
@@ -127,12 +133,15 @@ ChildResult run_in_child(Code code) {
   if (child == 0) {
     omp_set_num_threads(1);  // a team that the parent has started doesn't exist here
     for (int i = 0; i < 2; i++) dup2(fileno(streams[i]), i + 1);
+    atexit(end_without_device);
     code();
     fflush(nullptr);
+    end_without_device();
     _exit(kDidNotExit);
   }
   int status = 0;
   waitpid(child, &status, 0);
+  EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == kLostDevice) << "the child could not use the device";
   std::string texts[2];
   for (int i = 0; i < 2; i++) {
     rewind(streams[i]);

@@ -12,6 +12,14 @@ constexpr char unit[] = "cuda_general";
 
 KERNEL void cuda_empty(unsigned long i, unsigned char* d) { d[i] = 0; }
 
+// Whether the device of that number, of count there are, gives its properties.
+bool is_usable(int device, int count, cudaDeviceProp* properties) {
+  if (device < 0 || device >= count) return false;
+  if (cudaGetDeviceProperties(properties, device) == cudaSuccess) return true;
+  cudaGetLastError();  // has been taken: the first launch on another device is not to hear of it
+  return false;
+}
+
 }  // namespace
 
 void device_failure(const char* text, int line, const char* unit_name) {
@@ -21,17 +29,17 @@ void device_failure(const char* text, int line, const char* unit_name) {
 }
 
 int check_and_set_gid(int& gid) {
-  cudaDeviceProp properties;
-  if (cudaGetDeviceProperties(&properties, gid) == cudaSuccess) return 0;
   int count = 0;
   if (cudaGetDeviceCount(&count) != cudaSuccess || count < 1) {
     printf("Warning: no GPU device found!\n");
     return -1;
   }
+  cudaDeviceProp properties;
+  if (is_usable(gid, count, &properties)) return 0;
   int best_major = 0;
   int best_minor = 0;
   for (int device = 0; device < count; device++) {
-    if (cudaGetDeviceProperties(&properties, device) != cudaSuccess) continue;
+    if (!is_usable(device, count, &properties)) continue;
     const bool better =
         properties.major > best_major || (properties.major == best_major && properties.minor > best_minor);
     if (!better) continue;
@@ -39,7 +47,7 @@ int check_and_set_gid(int& gid) {
     best_minor = properties.minor;
     gid = device;
   }
-  return cudaGetDeviceProperties(&properties, gid) == cudaSuccess ? 0 : -1;
+  return is_usable(gid, count, &properties) ? 0 : -1;
 }
 
 int safe_cudaMalloc(void** p, unsigned long bytes) {

@@ -57,7 +57,8 @@ void hcuda_2d_bandpass_softR_mpad_inplace(MirrorPad* pad, float* d, float apix, 
 void hcuda_2d_bandpass_guas_mpad(MirrorPad* pad, const float* in, float* out, float apix, float res1, float res2);
 void hcuda_2d_bandpass_guas_mpad_inplace(MirrorPad* pad, float* d, float apix, float res1, float res2);
 
-/// The same of the image whose transform is in pad (hcuda_2d_mpad_transform), where it is filtered too.
+/// The same of the image whose transform is in pad (hcuda_2d_mpad_transform), and which is lost: the way back may
+/// overwrite it.
 void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2);
 
 // --- Transforms that are kept ---

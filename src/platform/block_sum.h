@@ -71,7 +71,7 @@ cudaError_t launch_block_sums(float* out, unsigned long n, Args... args) {
   const unsigned long blocks = (n + kSumBlock - 1) / kSumBlock;
 #pragma omp parallel for schedule(static) if (n >= kParallelFrom)
   for (unsigned long b = 0; b < blocks; b++) sum_one_block<Load>(b, out, n, args...);
-  return cudaThreadSynchronize();
+  return launch_detail::wait_for_launch();
 }
 
 #endif

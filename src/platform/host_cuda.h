@@ -16,6 +16,8 @@ enum cudaError_t {
   cudaSuccess = 0,
   cudaErrorInvalidValue = 1,
   cudaErrorMemoryAllocation = 2,
+  cudaErrorInitializationError = 3,
+  cudaErrorDevicesUnavailable = 46,
   cudaErrorNoDevice = 100,
   cudaErrorInvalidDevice = 101,
   cudaErrorLaunchFailure = 719
@@ -46,6 +48,11 @@ cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind 
 
 /// Waits for the device; returns the first pending error. On the host every launch is over when it returns.
 cudaError_t cudaThreadSynchronize();
+
+/// The error of the last call that failed, which the first of the two forgets. A launch asks for it, and so hears of an
+/// earlier failure that nobody took.
+cudaError_t cudaGetLastError();
+cudaError_t cudaPeekAtLastError();
 const char* cudaGetErrorString(cudaError_t error);
 
 template <class T>
@@ -97,12 +104,13 @@ struct HostDeviceFaults {
   int device_count = 1;            // devices 0 .. device_count - 1 exist
   int capability[8][2] = {};       // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
                                    // device that gives no properties
-  long fail_malloc_at = 0;         // the n-th and every later cudaMalloc fails; -n: the n-th alone
+  long fail_set_device_at = 0;     // the n-th and every later cudaSetDevice fails; -n: the n-th alone
+  long fail_malloc_at = 0;         // likewise cudaMalloc
   long fail_malloc_host_at = 0;    // likewise cudaMallocHost
   long fail_memcpy_at = 0;         // likewise cudaMemcpy
   long fail_launch_at = 0;         // likewise the wait after a launch
   long fail_fft_at = 0;            // the n-th and every later planning or running of a transform
-  bool device_transforms = false;  // runs go a GPU's road, by the transforms above
+  bool device_transforms = false;  // runs go a GPU's road, by the transforms above; an inverse spoils its input
 };
 
 /// The pretence in force; all healthy unless a test changes it.

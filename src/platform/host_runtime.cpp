@@ -9,10 +9,19 @@
 
 namespace {
 
+std::atomic<long> set_device_calls{0};
 std::atomic<long> malloc_calls{0};
 std::atomic<long> malloc_host_calls{0};
 std::atomic<long> memcpy_calls{0};
 std::atomic<long> launch_calls{0};
+
+thread_local cudaError_t last_error = cudaSuccess;
+
+// What a call gives; a failure stays the last error.
+cudaError_t result(cudaError_t error) {
+  if (error != cudaSuccess) last_error = error;
+  return error;
+}
 
 bool fails(std::atomic<long>& calls, long fail_at) {
   const long n = ++calls;
@@ -22,9 +31,9 @@ bool fails(std::atomic<long>& calls, long fail_at) {
 cudaError_t allocate(void** pointer, size_t bytes) {
   constexpr size_t kAlignment = 64;
   *pointer = nullptr;
-  if (bytes > SIZE_MAX - kAlignment) return cudaErrorMemoryAllocation;
+  if (bytes > SIZE_MAX - kAlignment) return result(cudaErrorMemoryAllocation);
   *pointer = aligned_alloc(kAlignment, (bytes + kAlignment - 1) / kAlignment * kAlignment);
-  return *pointer || bytes == 0 ? cudaSuccess : cudaErrorMemoryAllocation;
+  return result(*pointer || bytes == 0 ? cudaSuccess : cudaErrorMemoryAllocation);
 }
 
 }  // namespace
@@ -36,14 +45,14 @@ HostDeviceFaults& host_device_faults() {
 
 cudaError_t cudaGetDeviceCount(int* count) {
   *count = host_device_faults().device_count;
-  return *count > 0 ? cudaSuccess : cudaErrorNoDevice;
+  return result(*count > 0 ? cudaSuccess : cudaErrorNoDevice);
 }
 
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
   const HostDeviceFaults& faults = host_device_faults();
-  if (device < 0 || device >= faults.device_count) return cudaErrorInvalidDevice;
+  if (device < 0 || device >= faults.device_count) return result(cudaErrorInvalidDevice);
   const int* capability = device < 8 ? faults.capability[device] : faults.capability[0];
-  if (capability[0] < 0) return cudaErrorInvalidDevice;
+  if (capability[0] < 0) return result(cudaErrorInvalidDevice);
   const bool healthy = capability[0] == 0 && capability[1] == 0;
   snprintf(properties->name, sizeof properties->name, "host (%ld cores)", sysconf(_SC_NPROCESSORS_ONLN));
   properties->totalGlobalMem =
@@ -54,13 +63,15 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
 }
 
 cudaError_t cudaSetDevice(int device) {
-  return device >= 0 && device < host_device_faults().device_count ? cudaSuccess : cudaErrorInvalidDevice;
+  const HostDeviceFaults& faults = host_device_faults();
+  if (device < 0 || device >= faults.device_count) return result(cudaErrorInvalidDevice);
+  return result(fails(set_device_calls, faults.fail_set_device_at) ? cudaErrorDevicesUnavailable : cudaSuccess);
 }
 
 cudaError_t cudaMalloc(void** pointer, size_t bytes) {
   if (fails(malloc_calls, host_device_faults().fail_malloc_at)) {
     *pointer = nullptr;
-    return cudaErrorMemoryAllocation;
+    return result(cudaErrorMemoryAllocation);
   }
   return allocate(pointer, bytes);
 }
@@ -73,7 +84,7 @@ cudaError_t cudaFree(void* pointer) {
 cudaError_t cudaMallocHost(void** pointer, size_t bytes) {
   if (fails(malloc_host_calls, host_device_faults().fail_malloc_host_at)) {
     *pointer = nullptr;
-    return cudaErrorMemoryAllocation;
+    return result(cudaErrorMemoryAllocation);
   }
   return allocate(pointer, bytes);
 }
@@ -81,13 +92,21 @@ cudaError_t cudaMallocHost(void** pointer, size_t bytes) {
 cudaError_t cudaFreeHost(void* pointer) { return cudaFree(pointer); }
 
 cudaError_t cudaMemcpy(void* to, const void* from, size_t bytes, cudaMemcpyKind) {
-  if (fails(memcpy_calls, host_device_faults().fail_memcpy_at)) return cudaErrorInvalidValue;
+  if (fails(memcpy_calls, host_device_faults().fail_memcpy_at)) return result(cudaErrorInvalidValue);
   if (bytes > 0) memcpy(to, from, bytes);  // nothing may come from or go to nowhere
   return cudaSuccess;
 }
 
 cudaError_t cudaThreadSynchronize() {
-  return fails(launch_calls, host_device_faults().fail_launch_at) ? cudaErrorLaunchFailure : cudaSuccess;
+  return result(fails(launch_calls, host_device_faults().fail_launch_at) ? cudaErrorLaunchFailure : cudaSuccess);
+}
+
+cudaError_t cudaPeekAtLastError() { return last_error; }
+
+cudaError_t cudaGetLastError() {
+  const cudaError_t error = last_error;
+  last_error = cudaSuccess;
+  return error;
 }
 
 const char* cudaGetErrorString(cudaError_t error) {
@@ -98,6 +117,10 @@ const char* cudaGetErrorString(cudaError_t error) {
       return "invalid argument";
     case cudaErrorMemoryAllocation:
       return "out of memory";
+    case cudaErrorInitializationError:
+      return "initialization error";
+    case cudaErrorDevicesUnavailable:
+      return "CUDA-capable device(s) is/are busy or unavailable";
     case cudaErrorNoDevice:
       return "no CUDA-capable device is detected";
     case cudaErrorInvalidDevice:

@@ -7,6 +7,17 @@
 #include "platform/device.h"
 #include "platform/loops.h"
 
+namespace launch_detail {
+
+// A launch tells of its own failure by the last error, where any earlier call leaves its own too.
+inline cudaError_t wait_for_launch() {
+  const cudaError_t launched = cudaGetLastError();
+  const cudaError_t finished = cudaThreadSynchronize();
+  return launched != cudaSuccess ? launched : finished;
+}
+
+}  // namespace launch_detail
+
 #ifdef KESTRIX_CUDA
 
 // CMake gives nvcc the sources that include this header in their own text, and the others to the host compiler.
@@ -35,12 +46,6 @@ __global__ void grid_2d_times(int nx, int ny, int times, Args... args) {
   const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
   if (x < nx && y < ny)
     for (int k = 0; k < times; k++) Kernel(x, y, k, args...);
-}
-
-inline cudaError_t wait_for_launch() {
-  const cudaError_t launched = cudaGetLastError();
-  const cudaError_t finished = cudaThreadSynchronize();
-  return launched != cudaSuccess ? launched : finished;
 }
 
 }  // namespace launch_detail
@@ -125,7 +130,7 @@ cudaError_t launch_1d(unsigned long n, Args... args) {
     const unsigned long end = (c + 1) * kChunk < n ? (c + 1) * kChunk : n;
     launch_detail::loop_1d<Kernel>(c * kChunk, end, args...);
   }
-  return cudaThreadSynchronize();
+  return launch_detail::wait_for_launch();
 }
 
 /// Runs Kernel(x, y, args...) for every pixel of nx by ny, rows shared among the cores, each row vectorised.
@@ -133,7 +138,7 @@ template <auto Kernel, class... Args>
 cudaError_t launch_2d(int nx, int ny, Args... args) {
 #pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++) launch_detail::loop_row<Kernel>(y, nx, args...);
-  return cudaThreadSynchronize();
+  return launch_detail::wait_for_launch();
 }
 
 /// Runs Kernel(gx, gy, args...) for every cell of a grid; for kernels that do much work in few cells.
@@ -141,7 +146,7 @@ template <auto Kernel, class... Args>
 cudaError_t launch_cells(int grid_nx, int grid_ny, Args... args) {
 #pragma omp parallel for schedule(static)
   for (int gy = 0; gy < grid_ny; gy++) launch_detail::loop_cells<Kernel>(gy, grid_nx, args...);
-  return cudaThreadSynchronize();
+  return launch_detail::wait_for_launch();
 }
 
 /// Runs Kernel(x, y, k, args...) for every pixel of nx by ny and, at each pixel, for k = 0 .. times - 1 in this order.
@@ -151,7 +156,7 @@ cudaError_t launch_2d_times(int nx, int ny, int times, Args... args) {
 #pragma omp parallel for schedule(static) if (static_cast <unsigned long>(nx) * ny >= kParallelFrom)
   for (int y = 0; y < ny; y++)
     for (int k = 0; k < times; k++) launch_detail::loop_row_once<Kernel>(y, k, nx, args...);
-  return cudaThreadSynchronize();
+  return launch_detail::wait_for_launch();
 }
 
 #endif

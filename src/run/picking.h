@@ -16,7 +16,8 @@
 void read_command_line(int argc, char** argv, Run* run);
 
 /// Chooses the device, takes all sizes from the first readable micrograph of run->para.files, acquires the templates and
-/// allocates every buffer. Ends the run where there is no readable micrograph, no usable template or not enough memory.
+/// allocates every buffer. Ends the run where there is no readable micrograph, no usable template or not enough memory,
+/// and on a device error.
 void prepare_run(Run* run);
 
 /// The road of one micrograph, from its file to the lists beside it, as run->para asks for. A micrograph that is

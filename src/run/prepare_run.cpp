@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "cuda_general.h"
 #include "platform/failure.h"
 #include "run/picking.h"
 #include "run/reports.h"
@@ -49,7 +50,7 @@ void read_command_line(int argc, char** argv, Run* run) {
 
 void prepare_run(Run* run) {
   Kestrix_Para* para = &run->para;
-  cudaSetDevice(para->gid);
+  CHECK_DEVICE(cudaSetDevice(para->gid));
   read_first_header(run);
   set_run_sizes(run);
   // The disc is the same at every angle: one is enough.

@@ -177,6 +177,7 @@ void record_filters(int n, PadWay way, const std::string& way_name) {
   hcuda_2d_mpad_transform(&pad, in.data);
   hcuda_2d_bandpass_guas_transformed(&pad, out.data, 5.0f, 25.0f, 700.0f);
   keep("2d_bandpass_guas_transformed", out, kTransform);
+  hcuda_2d_mpad_transform(&pad, in.data);  // the filter has used up the first
   hcuda_2d_bg_mpad(&pad, &window, out.data);
   keep("2d_bg_mpad", out, kTransform);
   hcuda_2d_local_ave_softR_mpad(&pad, &window, out.data);
