@@ -121,6 +121,10 @@ struct IceSettings {
   float lsigma_radius;       // of the local deviation, likewise
   float edge_width;          // soft edge of both windows, likewise
   int shrink;                // raw pixels along a pixel of the working image
+  bool robust;               // close pixels by limits that the micrograph sets (robust_ice.h), not cells by those above
+  float particle;            // for that: diameter, pixels of the working image
+  float reach;               // for that: how far from a bad pixel nothing counts, likewise
+  int true_nx, true_ny;      // for that: the micrograph in the working image
   bool write_rejected;       // write _rejected.box and _rejected.star
   bool write_lave;           // write _bg.mrc
   bool write_lsigma;         // write _lsigma.mrc
@@ -139,6 +143,11 @@ struct IceWorkspace {
   float* host_grid_lsigma;
   DiscWindow lsigma_window, lave_window;
   IceSettings settings;
+  // Of the pixels' own limits, host, nx*ny; null for cells:
+  float* host_lave;
+  float* host_lsigma;
+  float* host_open;     // 1 or 0
+  unsigned char* bad;   // 1 or 0
 };
 
 /// Allocates and prepares the two windows; released with ice_workspace_free.
@@ -146,7 +155,9 @@ IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const I
 void ice_workspace_free(IceWorkspace* ws);
 
 /// Marks the cells of d_grid (device, one pixel index per cell, 0: clean) that hold ice or contamination, and writes
-/// the rejected places beside the micrograph, and the two maps if asked for. Leaves the transform of d in pad.
+/// the rejected places beside the micrograph, and the two maps if asked for. Leaves the transform of d in pad. With the
+/// pixels' own limits d_grid stays as it is, ws->host_open tells where the image is open, and one bad pixel of each cell
+/// is listed.
 /// d         device, Nx*Ny: the working image, mean 0 and standard deviation 1
 /// origin    added to the coordinates written
 /// A list or map that cannot be written ends the run with a fatal error.

@@ -26,7 +26,7 @@ void size_band_free(SizeBand* band);
 /// size_band_make. open_share: 1 where everything is open.
 void size_band_take(SizeBand* band, MirrorPad* pad, const float* image, const float* open, bool all_open);
 
-/// out (device, nx*ny) = the band for particles of `size` pixels, mean 0 and deviation 1 over the open area, values
+/// out (device, nx*ny, may be the image itself) = the band for particles of `size` pixels, mean 0 and deviation 1 over the open area, values
 /// beyond three robust deviations clipped, 0 or nearly so where closed. Returns false, with nothing of use in out,
 /// where the open area has no variation.
 bool size_band_make(SizeBand* band, MirrorPad* pad, float size, float* out);

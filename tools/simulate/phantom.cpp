@@ -58,10 +58,11 @@ Blob shell_blob(int i) {
   return {0.83 * rho * std::cos(angle), 0.83 * rho * std::sin(angle), 0.83 * z, 0.13, 1};
 }
 
-/// Around the axis of a torus.
-Blob ring_blob(int i) {
-  const double angle = kTwoPi * i / kBlobs;
-  return {0.72 * std::cos(angle), 0.72 * std::sin(angle), 0, 0.14, 1};
+/// In four layers of ten around an empty channel.
+Blob barrel_blob(int i) {
+  const int layer = i / 10;
+  const double angle = kTwoPi * (i + 0.5 * (layer % 2)) / 10;
+  return {0.56 * std::cos(angle), 0.56 * std::sin(angle), -0.54 + 0.36 * layer, 0.13, 1};
 }
 
 /// Along a tight helix, a third as thick as it is long.
@@ -116,7 +117,7 @@ void add_spot(const Spot& spot, double cx, double cy, double apix, float* image,
 }  // namespace
 
 bool shape_from_name(const char* name, Shape* shape) {
-  static constexpr const char* kNames[] = {"body", "ball", "shell", "ring", "rod"};
+  static constexpr const char* kNames[] = {"body", "ball", "shell", "barrel", "rod"};
   for (int i = 0; i < 5; i++)
     if (strcmp(name, kNames[i]) == 0) {
       *shape = static_cast<Shape>(i);
@@ -131,7 +132,7 @@ Phantom make_phantom(double diameter, Shape shape) {
   if (shape == Shape::body) fill_ellipsoid(&random, kHalfAxes, &phantom);
   if (shape == Shape::ball) fill_ellipsoid(&random, kBallAxes, &phantom);
   if (shape == Shape::shell) place_blobs(&phantom, shell_blob);
-  if (shape == Shape::ring) place_blobs(&phantom, ring_blob);
+  if (shape == Shape::barrel) place_blobs(&phantom, barrel_blob);
   if (shape == Shape::rod) place_blobs(&phantom, rod_blob);
   move_centre_of_mass_to_origin(&phantom);
   const double radius = diameter / 2;

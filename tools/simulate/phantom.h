@@ -28,8 +28,9 @@ struct Spot {
   double height;
 };
 
-/// What the particle looks like: a lumpy body without symmetry, a lumpy ball, a hollow sphere, a torus, a rod.
-enum class Shape { body, ball, shell, ring, rod };
+/// What the particle looks like: a lumpy body without symmetry, a lumpy ball, a hollow sphere, a
+/// hollow barrel, a rod.
+enum class Shape { body, ball, shell, barrel, rod };
 
 /// Finds the shape of a name. Returns false for a name that no shape has.
 bool shape_from_name(const char* name, Shape* shape);

@@ -57,7 +57,7 @@ std::vector<Option> option_table(Settings* s) {
       {"seed", integer, &s->seed, 0, kMostSeed, nullptr, "the same seed gives the same files"},
       {"diameter", real, &s->diameter, 10, 10000, nullptr, "particle diameter, Å"},
       {"shape", OptionKind::text, &s->shape_name, 0, 0, nullptr,
-       "of the particle: body (lumpy), ball, shell (hollow), ring, rod"},
+       "of the particle: body (lumpy), ball, shell (hollow), barrel, rod"},
       {"count", integer, &s->count, 0, 100000, "from coverage", "particles per micrograph"},
       {"coverage", real, &s->coverage, 0, 1, nullptr, "share of the area within the margins under particles"},
       {"min_spacing", real, &s->min_spacing, 0, 1e6, "1.1 x diameter", "least distance of two centres, Å"},
@@ -113,7 +113,7 @@ bool settings_from_arguments(int argc, char** argv, Settings* settings) {
     return false;
   }
   if (!shape_from_name(settings->shape_name, &settings->shape))
-    refuse("--shape is %s, but must be body, ball, shell, ring or rod", settings->shape_name);
+    refuse("--shape is %s, but must be body, ball, shell, barrel or rod", settings->shape_name);
   derive_defaults(settings);
   refuse_unworkable(*settings);
   return true;
