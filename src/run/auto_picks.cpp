@@ -99,7 +99,7 @@ void find_best_peaks(Run* run, PeakList* peaks, PeakList* decoys) {
   const RunSizes& s = run->sizes;
   const size_t bytes = work_pixels(run) * sizeof(float);
   AutoBuffers& autos = run->autos;
-  float* const from[4] = {autos.d_best, autos.d_least, autos.d_best_psi, autos.d_best_T};
+  float* const from[4] = {autos.all.best, autos.all.least, autos.all.best_psi, autos.all.best_T};
   for (int i = 0; i < 4; i++) CHECK_DEVICE(cudaMemcpy(autos.host_map[i], from[i], bytes, cudaMemcpyDeviceToHost));
   const RobustScale scale = robust_scale(autos.host_map[0], autos.host_open, work_pixels(run));
   const float unit_score = run->para.auto_picks ? 1.0f / scale.deviation : 1.0f;
@@ -182,7 +182,7 @@ void auto_buffers_new(Run* run) {
   autos.host_open = host_new<float>(pixels);
   if (para.auto_picks || para.learn_template) autos.sizes = size_scan_new(&run->pad, scan_settings(run));
   if (matches_own_template(&para) || !(para.auto_cutoff || para.auto_picks)) return;
-  for (float** map : {&autos.d_best, &autos.d_best_psi, &autos.d_best_T, &autos.d_least})
+  for (float** map : {&autos.all.best, &autos.all.best_psi, &autos.all.best_T, &autos.all.least, &autos.d_ccmin})
     *map = device_new<float>(pixels);
   for (float*& map : autos.host_map) map = host_new<float>(pixels);
 }
@@ -190,7 +190,8 @@ void auto_buffers_new(Run* run) {
 void auto_buffers_free(AutoBuffers* autos) {
   size_scan_result_free(&autos->found);
   if (autos->sizes.nx > 0) size_scan_free(&autos->sizes);
-  for (float* map : {autos->d_open, autos->d_best, autos->d_best_psi, autos->d_best_T, autos->d_least}) cudaFree(map);
+  const TemplateMaps& all = autos->all;
+  for (float* map : {autos->d_open, autos->d_ccmin, all.best, all.best_psi, all.best_T, all.least}) cudaFree(map);
   for (float* map : autos->host_map) free(map);
   free(autos->host_open);
   *autos = AutoBuffers{};
@@ -248,6 +249,20 @@ void learn_template(Run* run, const char* mic) {
   if (run->para.write_learned && run->para.auto_template) write_learned(run, autos.found.found, mic);
   if (!run->para.auto_picks) return replace_template(run, autos.found.found);
   size_band_make(&autos.sizes.band, &run->pad, autos.found.band_size, d_mic);
+}
+
+void begin_template_maps(Run* run) {
+  const TemplateMaps& all = run->autos.all;
+  const int nx = run->sizes.work_nx;
+  const int ny = run->sizes.work_ny;
+  hcuda_2d_memset(all.best, -std::numeric_limits<float>::infinity(), nx, ny);
+  hcuda_2d_memset(all.least, std::numeric_limits<float>::infinity(), nx, ny);
+  hcuda_2d_empty(all.best_psi, nx, ny);
+  hcuda_2d_empty(all.best_T, nx, ny);
+}
+
+void take_template_maps(Run* run, int t) {
+  hcuda_take_template(run->autos.all, run->device.d_ccmax, run->device.d_psi, run->autos.d_ccmin, t, work_pixels(run));
 }
 
 void pick_peaks(Run* run, FILE* nonunique) {

@@ -29,6 +29,9 @@ void set_open_area(Run* run);
 /// its band with --auto; without, the template takes the automatic one's place.
 void learn_template(Run* run, const char* mic);
 
+/// Empties the best of all templates.
+void begin_template_maps(Run* run);
+
 /// Takes the maps of one template (d_ccmax, d_psi and the scan's least) into the best of all. t: from 0.
 void take_template_maps(Run* run, int t);
 

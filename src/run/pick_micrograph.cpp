@@ -196,6 +196,16 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
 }
 
+// The least score of a candidate: 0 where the cutoff is yet to be found.
+float candidate_cutoff(const Kestrix_Para& para) { return para.auto_cutoff ? 0.0f : para.cc_cutoff; }
+
+void make_template_maps(Run* run, const float* T) {
+  const Kestrix_Para& para = run->para;
+  const DeviceBuffers& device = run->device;
+  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
+                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
+}
+
 // The peaks of one template, from its maps or without them.
 void find_template_peaks(Run* run, const float* T) {
   const Kestrix_Para& para = run->para;
@@ -209,10 +219,9 @@ void find_template_peaks(Run* run, const float* T) {
                  run->peaks.excluded, run->peaks.n_excluded);
     return;
   }
-  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
-                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
+  make_template_maps(run, T);
   gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
-                                            host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
+                                            host.grid_psi, candidate_cutoff(para), s.work_nx, s.work_ny, s.grid_size,
                                             run->peaks.excluded, run->peaks.n_excluded);
 }
 
@@ -223,16 +232,27 @@ void drop_closed_peaks(Run* run) {
     if (index[i] != 0 && run->autos.host_open[index[i]] == 0.0f) index[i] = 0;
 }
 
-// One template: scan, peaks, candidate lines.
+void write_template_candidates(Run* run, const float* T, int t, FILE* nonunique) {
+  const RunSizes& s = run->sizes;
+  find_template_peaks(run, T);
+  if (run->para.robust_ice) drop_closed_peaks(run);
+  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
+                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny,
+                                run->para.boxsize / run->para.shrink);
+}
+
+// One template: scan, peaks, candidate lines; with --auto the maps alone, as candidates are those of all templates.
 void match_template(Run* run, int t, FILE* nonunique) {
   const Kestrix_Para& para = run->para;
-  const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
+  const float* T = run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run);
   printf("Template %03d\n", t + 1);
-  find_template_peaks(run, run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run));
-  if (para.robust_ice) drop_closed_peaks(run);
-  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
-                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny, para.boxsize / para.shrink);
+  if (para.auto_picks) {
+    make_template_maps(run, T);
+  } else {
+    write_template_candidates(run, T, t, nonunique);
+  }
+  if (run->autos.d_ccmin) take_template_maps(run, t);
   if (para.write_ccmax_mic)
     CHECK_DEVICE(cudaMemcpy(run->host.ccmax_stack + static_cast<size_t>(t) * pixels, run->device.d_ccmax,
                             pixels * sizeof(float), cudaMemcpyDeviceToHost));
@@ -240,7 +260,13 @@ void match_template(Run* run, int t, FILE* nonunique) {
 
 void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   quorlin_transform_micrograph(&run->scan, run->device.d_mic);
+  if (run->autos.d_ccmin) begin_template_maps(run);
   for (int t = 0; t < run->sizes.T_num; t++) match_template(run, t, nonunique);
+  if (run->para.auto_picks) {
+    pick_peaks(run, nonunique);
+  } else if (run->para.auto_cutoff) {
+    find_run_cutoff(run);
+  }
   if (!run->para.write_ccmax_mic) return;
   char name[kTextBytes];
   set_outname_by_suffix(name, mic, "_ccmax.mrc");

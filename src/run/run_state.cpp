@@ -132,6 +132,7 @@ void allocate_run(Run* run) {
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
   run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
                                  para.write_ccmax_mic || para.auto_cutoff || para.auto_picks ? 0 : s.grid_size);
+  run->scan.ccmin = run->autos.d_ccmin;
 }
 
 void prepare_templates(Run* run) {

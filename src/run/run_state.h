@@ -49,10 +49,8 @@ struct AutoBuffers {
   float* d_open;         // device, work_nx*work_ny: 1 where peaks count, else 0
   float* host_open;      // the same on the host
   // The best of all templates, for the cutoff; null without it or where the template is found:
-  float* d_best;       // device, work_nx*work_ny: the best score
-  float* d_best_psi;   // its angle
-  float* d_best_T;     // its template, from 0
-  float* d_least;      // the lowest score
+  TemplateMaps all;    // device, work_nx*work_ny each
+  float* d_ccmin;      // device, work_nx*work_ny: the lowest score of the current template
   float* host_map[4];  // the same on the host
 };
 
