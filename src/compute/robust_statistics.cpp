@@ -2,6 +2,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -13,6 +14,7 @@ namespace {
 
 constexpr int kDigitBits = 11;
 constexpr size_t kBins = size_t{1} << kDigitBits;
+constexpr size_t kParallelFrom = size_t{1} << 18;  // fewer values are counted by one core
 constexpr int kShifts[] = {21, 10, 0};  // of the digits of a key, the highest first; the last one is 10 bits wide
 
 // A number's place among all floats: keys compare as the numbers do.
@@ -33,34 +35,34 @@ float value_of(uint32_t key) {
 struct Values {
   const float* d;
   const float* mask;
-  size_t n;
+  size_t nx, ny;
   bool distances;
   float centre;
 };
 
-// Adds to counts how many values whose key begins with `prefix` (the digits above the one at shift) have each digit.
-void count_digits(const Values& values, size_t first, size_t last, int shift, uint32_t prefix, size_t* counts) {
+// Adds to counts how many values of one row whose key begins with `prefix` (the digits above the one at shift) have each
+// digit.
+void count_digits(const Values& values, size_t row, int shift, uint32_t prefix, size_t* counts) {
   const int above = shift == 0 ? 10 : shift + kDigitBits;
-  const uint32_t mask = shift == 0 ? 0x3ffu : kBins - 1;
-  for (size_t i = first; i < last; i++) {
+  const uint32_t digit = shift == 0 ? 0x3ffu : kBins - 1;
+  for (size_t i = row * values.nx; i < (row + 1) * values.nx; i++) {
     if (values.mask && values.mask[i] == 0.0f) continue;
     const float v = values.distances ? fabsf(values.d[i] - values.centre) : values.d[i];
     if (v != v) continue;
     const uint32_t key = key_of(v);
     if (above < 32 && key >> above != prefix) continue;
-    counts[(key >> shift) & mask]++;
+    counts[(key >> shift) & digit]++;
   }
 }
 
-// The same over all values by all cores; counts has kBins entries, and is cleared first.
+// The same of all rows that count, by all cores; counts has kBins entries, and is cleared first.
 void count_all(const Values& values, int shift, uint32_t prefix, size_t* counts) {
   memset(counts, 0, kBins * sizeof *counts);
-#pragma omp parallel
+#pragma omp parallel if (values.nx * values.ny / kSampledRows >= kParallelFrom)
   {
-    const auto threads = static_cast<size_t>(omp_get_num_threads());
-    const auto thread = static_cast<size_t>(omp_get_thread_num());
     size_t own[kBins] = {};
-    count_digits(values, values.n * thread / threads, values.n * (thread + 1) / threads, shift, prefix, own);
+#pragma omp for schedule(static)
+    for (size_t row = 0; row < values.ny; row += kSampledRows) count_digits(values, row, shift, prefix, own);
 #pragma omp critical
     for (size_t bin = 0; bin < kBins; bin++) counts[bin] += own[bin];
   }
@@ -92,17 +94,23 @@ float ranked(const Values& values, double share, size_t* count) {
   return value_of(key);
 }
 
-}  // namespace
-
-RobustScale robust_scale(const float* d, const float* mask, size_t n) {
+RobustScale scale_of(Values values) {
   RobustScale scale{};
-  scale.median = ranked({d, mask, n, false, 0}, 0.5, &scale.count);
+  scale.median = ranked(values, 0.5, &scale.count);
+  values.distances = true;
+  values.centre = scale.median;
   size_t count = 0;
-  scale.deviation = 1.4826f * ranked({d, mask, n, true, scale.median}, 0.5, &count);
+  scale.deviation = 1.4826f * ranked(values, 0.5, &count);
   return scale;
 }
 
-float quantile(const float* d, const float* mask, size_t n, double share) {
+}  // namespace
+
+RobustScale robust_scale(const float* d, const float* mask, int nx, int ny) {
+  return scale_of({d, mask, static_cast<size_t>(nx), static_cast<size_t>(ny), false, 0});
+}
+
+float quantile(const float* d, const float* mask, int nx, int ny, double share) {
   size_t count = 0;
-  return ranked({d, mask, n, false, 0}, share, &count);
+  return ranked({d, mask, static_cast<size_t>(nx), static_cast<size_t>(ny), false, 0}, share, &count);
 }

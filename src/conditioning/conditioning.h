@@ -121,13 +121,13 @@ struct IceSettings {
   float lsigma_radius;       // of the local deviation, likewise
   float edge_width;          // soft edge of both windows, likewise
   int shrink;                // raw pixels along a pixel of the working image
-  bool robust;               // close pixels by limits that the micrograph sets (robust_ice.h), not cells by those above
-  float particle;            // for that: diameter, pixels of the working image
-  float reach;               // for that: how far from a bad pixel nothing counts, likewise
-  int true_nx, true_ny;      // for that: the micrograph in the working image
   bool write_rejected;       // write _rejected.box and _rejected.star
   bool write_lave;           // write _bg.mrc
   bool write_lsigma;         // write _lsigma.mrc
+  bool robust = false;       // close pixels by limits that the micrograph sets (robust_ice.h), not cells by those above
+  float particle = 0;           // for that: diameter, pixels of the working image
+  float reach = 0;              // for that: how far from a bad pixel nothing counts, likewise
+  int true_nx = 0, true_ny = 0;     // for that: the micrograph in the working image
 };
 
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.

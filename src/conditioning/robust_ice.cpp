@@ -29,7 +29,7 @@ size_t pixels_of(const RobustIceSettings& s) { return static_cast<size_t>(s.nx) 
 
 // 1 on pixels whose statistics count: of the micrograph itself, with some variation.
 float* live_pixels_new(const RobustIceSettings& s, const float* deviation) {
-  const float least = kDead * quantile(deviation, nullptr, pixels_of(s), 0.95);
+  const float least = kDead * quantile(deviation, nullptr, s.nx, s.ny, 0.95);
   auto* live = host_new<float>(pixels_of(s));
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < s.ny; y++) {
@@ -113,8 +113,8 @@ RobustIceLimits find_robust_ice(const RobustIceSettings& s, const float* average
                                 unsigned char* bad, float* open) {
   const size_t n = pixels_of(s);
   float* live = live_pixels_new(s, deviation);
-  const RobustScale averages = robust_scale(average, live, n);
-  const float usual_deviation = quantile(deviation, live, n, 0.5);
+  const RobustScale averages = robust_scale(average, live, s.nx, s.ny);
+  const float usual_deviation = quantile(deviation, live, s.nx, s.ny, 0.5);
   RobustIceLimits limits{};
   limits.average = averages.median;
   limits.reach = std::max(kMostSigmas * averages.deviation, usual_deviation);

@@ -69,7 +69,7 @@ bool size_band_make(SizeBand* band, MirrorPad* pad, float size, float* out) {
   mirror_transform_take(pad, out, &here);
   hcuda_2d_gaussian_mpad(pad, &here, kBlur * size, out);
   CHECK_DEVICE(cudaMemcpy(band->host, out, n * sizeof(float), cudaMemcpyDeviceToHost));
-  const RobustScale scale = robust_scale(band->host, band->host_open, n);
+  const RobustScale scale = robust_scale(band->host, band->host_open, band->nx, band->ny);
   if (!(scale.deviation > 0) || !std::isfinite(scale.deviation)) return false;
   CHECK_DEVICE(launch_1d<cuda_clip_inplace>(n, out, scale.median - kClip * scale.deviation,
                                             scale.median + kClip * scale.deviation));

@@ -57,6 +57,11 @@ float share_closed(const Run* run) {
   return 1.0f - static_cast<float>(open) / (static_cast<float>(nx) * static_cast<float>(ny));
 }
 
+bool is_all_open(const Run* run) {
+  const float* open = run->autos.host_open;
+  return std::all_of(open, open + work_pixels(run), [](float v) { return v != 0.0f; });
+}
+
 SizeScanSettings scan_settings(const Run* run) {
   const Kestrix_Para& para = run->para;
   const float apix = static_cast<float>(para.shrink) * para.apixM;
@@ -65,7 +70,7 @@ SizeScanSettings scan_settings(const Run* run) {
 }
 
 // Writes the template as a stack of one image, bright as class averages are, in working pixels.
-void write_learned(const Run* run, const RoundTemplate& found, const char* mic) {
+void write_learned(const RoundTemplate& found, const char* mic) {
   const int side = round_template_side(found);
   auto* image = host_new<float>(static_cast<size_t>(side) * static_cast<size_t>(side));
   draw_round_template(found, side, image);
@@ -88,10 +93,11 @@ void replace_template(Run* run, const RoundTemplate& found) {
 void set_size_findings(Run* run) {
   const SizeScanResult& found = run->autos.found;
   PickFindings& findings = run->findings;
-  findings.matched = found.learned ? kLearned : kBall;
+  if (run->para.auto_template) findings.matched = found.learned ? kLearned : kBall;
   findings.size = found.share * run->para.diameter;
   findings.size_at_end = found.share <= kSizeShares[0] || found.share >= kSizeShares[kSizes - 1];
-  findings.min_dist_px = peak_distance(run->autos.sizes.settings, found.share * run->autos.sizes.settings.diameter);
+  const SizeScanSettings& settings = run->autos.sizes.settings;
+  if (run->para.auto_picks) findings.min_dist_px = peak_distance(settings, found.share * settings.diameter);
 }
 
 // Peaks and decoys of the best of all templates.
@@ -101,7 +107,7 @@ void find_best_peaks(Run* run, PeakList* peaks, PeakList* decoys) {
   AutoBuffers& autos = run->autos;
   float* const from[4] = {autos.all.best, autos.all.least, autos.all.best_psi, autos.all.best_T};
   for (int i = 0; i < 4; i++) CHECK_DEVICE(cudaMemcpy(autos.host_map[i], from[i], bytes, cudaMemcpyDeviceToHost));
-  const RobustScale scale = robust_scale(autos.host_map[0], autos.host_open, work_pixels(run));
+  const RobustScale scale = robust_scale(autos.host_map[0], autos.host_open, s.work_nx, s.work_ny);
   const float unit_score = run->para.auto_picks ? 1.0f / scale.deviation : 1.0f;
   if (!(scale.deviation > 0) || !std::isfinite(unit_score)) return;
   const PeakArea area = peak_area(scan_settings(run), s.work_nx, autos.host_open, run->findings.min_dist_px);
@@ -200,19 +206,23 @@ void auto_buffers_free(AutoBuffers* autos) {
 void tame_outliers(float* image, int nx, int ny, int stride, const char* name) {
   const auto pixels = static_cast<size_t>(nx) * static_cast<size_t>(ny);
   auto* finite = host_new<float>(pixels);
+  size_t lost = 0;
+#pragma omp parallel for schedule(static) reduction(+ : lost)
   for (int y = 0; y < ny; y++)
     for (int x = 0; x < nx; x++) {
       const float v = image[static_cast<size_t>(y) * stride + x];
-      finite[static_cast<size_t>(y) * nx + x] = std::isfinite(v) ? v : std::numeric_limits<float>::quiet_NaN();
+      const bool is_number = std::isfinite(v);
+      finite[static_cast<size_t>(y) * nx + x] = is_number ? v : std::numeric_limits<float>::quiet_NaN();
+      lost += !is_number;
     }
-  const RobustScale scale = robust_scale(finite, nullptr, pixels);
-  const size_t lost = pixels - scale.count;
+  const RobustScale scale = robust_scale(finite, nullptr, nx, ny);
   free(finite);
   if (lost > pixels / 100) return;
   if (lost > 0)
     safety_note(name, "%zu of %zu working pixels are not finite; they count as the median of the others.", lost,
                 pixels);
   const float reach = scale.deviation > 0 ? kOutlier * scale.deviation : std::numeric_limits<float>::infinity();
+#pragma omp parallel for schedule(static)
   for (int y = 0; y < ny; y++)
     for (int x = 0; x < nx; x++) {
       float& v = image[static_cast<size_t>(y) * stride + x];
@@ -235,18 +245,18 @@ void set_open_area(Run* run) {
   run->findings.closed = share_closed(run);
 }
 
-void learn_template(Run* run, const char* mic) {
+void learn_template(Run* run, const char* mic, bool usable) {
   AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   size_scan_result_free(&autos.found);
-  autos.found = scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, run->findings.closed == 0.0f);
-  if (!autos.found.usable) return;
-  if (run->para.auto_template) set_size_findings(run);
-  if (!run->para.auto_template) {
-    run->findings.size = autos.found.share * run->para.diameter;
-    run->findings.min_dist_px = peak_distance(autos.sizes.settings, autos.found.share * autos.sizes.settings.diameter);
+  if (usable) autos.found = scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, is_all_open(run));
+  if (!autos.found.usable) {
+    // The disc again, where an earlier micrograph's template has taken its place.
+    if (!run->para.auto_picks) prepare_templates(run);
+    return;
   }
-  if (run->para.write_learned && run->para.auto_template) write_learned(run, autos.found.found, mic);
+  set_size_findings(run);
+  if (run->para.write_learned && run->para.auto_template) write_learned(autos.found.found, mic);
   if (!run->para.auto_picks) return replace_template(run, autos.found.found);
   size_band_make(&autos.sizes.band, &run->pad, autos.found.band_size, d_mic);
 }
@@ -293,7 +303,7 @@ void find_run_cutoff(Run* run) {
 
 void tell_findings(const Run* run, const char* mic) {
   const PickFindings& f = run->findings;
-  if (isatty(STDERR_FILENO) != 0 || getenv("KESTRIX_TELL")) {
+  if (isatty(STDERR_FILENO) != 0) {
     if (f.size > 0)
       safety_note(mic, "particles of %.0f Å, matched with the %s.", static_cast<double>(f.size),
                   template_used_name(f.matched));

@@ -27,7 +27,8 @@ void set_open_area(Run* run);
 
 /// Finds size and template on the normalised working image d_mic, and makes it the one that is matched: d_mic becomes
 /// its band with --auto; without, the template takes the automatic one's place.
-void learn_template(Run* run, const char* mic);
+/// usable: whether the image can be looked at; if not, nothing is found.
+void learn_template(Run* run, const char* mic, bool usable);
 
 /// Empties the best of all templates.
 void begin_template_maps(Run* run);

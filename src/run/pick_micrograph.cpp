@@ -182,7 +182,7 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   const bool open = close_cells(run, names, excluded_n);
   if (uses_auto_parts(&para)) set_open_area(run);
   const bool learns = para.auto_picks || para.learn_template;
-  if (learns && usable) learn_template(run, names->mic);
+  if (learns) learn_template(run, names->mic, usable);
   const bool filters = para.do_bandpass && !para.auto_picks;
   // Ice detection has left the transform of d_mic.
   if (filters && (!para.detect_ice || learns)) hcuda_2d_mpad_transform(&run->pad, d_mic);

@@ -96,14 +96,14 @@ IceSettings ice_settings(const Kestrix_Para& para, const RunSizes& s) {
           para.lsigma_radius_px,
           para.robust_ice ? kSharpEdge : para.local_edge_width,
           para.shrink,
+          para.write_rejected_box != 0,
+          para.write_bg_mic != 0,
+          para.write_lsigma_mic != 0,
           para.robust_ice != 0,
           para.diameter / (static_cast<float>(para.shrink) * para.apixM),
           para.min_dist_px / 2,
           s.nx / (2 * para.shrink) * 2,
-          s.ny / (2 * para.shrink) * 2,
-          para.write_rejected_box != 0,
-          para.write_bg_mic != 0,
-          para.write_lsigma_mic != 0};
+          s.ny / (2 * para.shrink) * 2};
 }
 
 void allocate_run(Run* run) {

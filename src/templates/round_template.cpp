@@ -43,7 +43,7 @@ void add_surroundings(const float* image, int nx, int ny, int pixel, int reach, 
   const int py = pixel / nx;
   for (int y = std::max(py - reach, 0); y < std::min(py + reach, ny); y++) {
     for (int x = std::max(px - reach, 0); x < std::min(px + reach, nx); x++) {
-      const double r = std::hypot(x - px + 0.5, y - py + 0.5);
+      const double r = std::sqrt((x - px + 0.5) * (x - px + 0.5) + (y - py + 0.5) * (y - py + 0.5));
       const int ring = static_cast<int>(r);
       if (ring + 1 > reach) continue;
       const double between = r - ring;

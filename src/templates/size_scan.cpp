@@ -38,7 +38,7 @@ size_t pixels_of(const SizeScan* scan) { return static_cast<size_t>(scan->nx) * 
 Trial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float size) {
   correlate_with_window(pad, window, scan->d_band, scan->d_scores);
   CHECK_DEVICE(cudaMemcpy(scan->host, scan->d_scores, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
-  const RobustScale scale = robust_scale(scan->host, scan->host_open, pixels_of(scan));
+  const RobustScale scale = robust_scale(scan->host, scan->host_open, scan->nx, scan->ny);
   Trial trial{};
   if (!(scale.deviation > 0)) return trial;
   const PeakArea area =
