@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -80,6 +81,7 @@ TEST(MrcHead, NewHeadHasEveryInitialValueAtItsOffset) {
   put(84, 128.0f);
   put(88, int16_t{1});
   put(96, int16_t{1000});
+  put(108, int32_t{20141});
   expected.replace(208, 6, "MAP DA");
   MRC_HEAD* head = mrc_new_head();
   EXPECT_EQ(expected, bytes_of(head, sizeof *head));
@@ -204,6 +206,7 @@ TEST_F(MrcFile, HostAndDeviceWritersMakeTheSameFloatFile) {
   expected.amin = -3.5f;
   expected.amax = 19.5f;
   expected.amean = 8.0f;
+  expected.rms = static_cast<float>(std::sqrt(575.0 / 12));
   const std::string file = bytes_of(&expected, sizeof expected) + bytes_of(data.data(), 96);
   EXPECT_EQ(file, read_file(path("host.mrc")));
   EXPECT_EQ(file, read_file(path("device.mrc")));

@@ -69,7 +69,7 @@ TEST_F(ShrinkFromFile, GivesTheBitsOfTheWholeImageWithZerosForWhatTheFileLacks) 
       FILE* file = fopen(path("mic.mrc").c_str(), "r");
       MRC_HEAD head;
       mrc_read_head(file, &head);
-      read_shrunk_micrograph(file, &head, shrink, out.data());
+      read_shrunk_micrograph(file, &head, shrink, kNoLimits, out.data());
       fclose(file);
       cpu_2d_extend_even(out.data(), kNx, kNy, shrink);
       EXPECT_TRUE(same_bits(out, shrunk_square(image, kNx, kNy, shrink))) << "mode " << mode << ", by " << shrink;

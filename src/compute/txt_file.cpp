@@ -46,6 +46,15 @@ bool read_next_line(char* line, FILE* file) {
   return fgets(line, static_cast<int>(kTextBytes), file) != nullptr;
 }
 
+int count_lines(const char* path) {
+  FILE* file = fopen(path, "r");
+  if (!file) return 0;
+  int lines = 0;
+  for (int c = getc(file); c != EOF; c = getc(file)) lines += c == '\n';
+  fclose(file);
+  return lines;
+}
+
 int check_file_access(const char* path, const char* modes) {
   for (const char* letter = modes; *letter; letter++) {
     const AccessTest* test = find_access_test(*letter);

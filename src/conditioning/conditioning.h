@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "boxfile.h"
+#include "conditioning/outliers.h"
 #include "mrcfile.h"
 #include "platform/device.h"
 
@@ -14,8 +15,9 @@
 /// itself is never held: what cpu_2d_meanshrink_extended_even_square does with it but for the filling up, which
 /// cpu_2d_extend_even does. Samples that the file doesn't hold count as 0.
 /// head      sizes of a micrograph, a mode that can be read
+/// limits    raw pixels are limited to these first
 /// out       square of floats
-void read_shrunk_micrograph(FILE* file, const MRC_HEAD* head, int shrink, float* out);
+void read_shrunk_micrograph(FILE* file, const MRC_HEAD* head, int shrink, const ValueLimits& limits, float* out);
 
 // --- What the filters and local maps of a run share ---
 

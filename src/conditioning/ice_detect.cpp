@@ -13,6 +13,7 @@
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "platform/launch.h"
+#include "platform/outputs.h"
 #include "str_utils.h"
 
 namespace {
@@ -152,7 +153,7 @@ void hcuda_find_sigma_grids(const float* lave, const float* lsigma, unsigned* d_
 
 void output_ice_coord(const char* file, const unsigned* grid, const float* grid_lave, const float* grid_lsigma, int Nx,
                       int Ny, int2 origin, int box, int shrink, int format) {
-  FILE* out = KESTRIX_OPEN_WRITE(file, "w");
+  FILE* out = KESTRIX_OUTPUT_OPEN(file);
   if (format == 1) output_starbox_head_XYonly(out);
   const int grid_nx = (Nx - 1) / box + 1;
   const int grid_ny = (Ny - 1) / box + 1;
@@ -169,5 +170,5 @@ void output_ice_coord(const char* file, const unsigned* grid, const float* grid_
               box * shrink, box * shrink, grid_lave[i], grid_lsigma[i]);
     }
   }
-  KESTRIX_CLOSE_WRITTEN(out, file);
+  KESTRIX_OUTPUT_CLOSE(out);
 }

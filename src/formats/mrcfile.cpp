@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -163,6 +164,7 @@ int mrc_init_head(MRC_HEAD* head) {
   head->next = 0;
   head->creatid = 1000;
   memset(head->reserved1, 0, sizeof head->reserved1);
+  head->nversion = 20141;
   head->xorg = head->yorg = head->zorg = 0.0f;
   head->nlabl = 0;
   memset(head->labels, 0, sizeof head->labels);
@@ -184,8 +186,15 @@ int mrc_set_head_xyz_mode(MRC_HEAD* head, int nx, int ny, int nz, int mode) {
 }
 
 int mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long n) {
-  head->amax = head->amin = head->amean = 0.0f;
-  if (n > 0) max_min_mean_value(data, n, head->amax, head->amin, head->amean);
+  head->amax = head->amin = head->amean = head->rms = 0.0f;
+  if (n == 0) return 0;
+  max_min_mean_value(data, n, head->amax, head->amin, head->amean);
+  double sum = 0;
+  for (unsigned long i = 0; i < n; i++) {
+    const double deviation = static_cast<double>(data[i]) - static_cast<double>(head->amean);
+    sum += deviation * deviation;
+  }
+  head->rms = static_cast<float>(std::sqrt(sum / static_cast<double>(n)));
   return 0;
 }
 
@@ -207,9 +216,12 @@ void note_extended_header(const char* name, const MRC_HEAD* head) {
     safety_note(name, "has an extended header of %d bytes, which is read as image data; remove it first.", head->next);
 }
 
+bool mrc_head_is_like(const MRC_HEAD* one, const MRC_HEAD* other) {
+  return one->nx == other->nx && one->ny == other->ny && one->nz == other->nz && one->mode == other->mode;
+}
+
 int check_mrc_head_sizes_two(const char* name1, const char* name2, const MRC_HEAD* head1, const MRC_HEAD* head2) {
-  const bool sizes_agree = head1->nx == head2->nx && head1->ny == head2->ny && head1->nz == head2->nz;
-  if (sizes_agree && head1->mode == head2->mode) return 0;
+  if (mrc_head_is_like(head1, head2)) return 0;
   printf(
       "Micrograph \x1b[1m%s\x1b[m has a different size or format from  \x1b[1m%s\x1b[m.\n"
       "Check if all the micrographs are the same sizes and format? \n ",

@@ -5,6 +5,7 @@
 #include "mrcfile.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
+#include "platform/outputs.h"
 
 namespace {
 
@@ -38,10 +39,10 @@ MRC_HEAD* new_float_head(const char* name, int nx, int ny, int nz) {
 int write_new_file(const char* function, int (*write)(FILE*, MRC_HEAD*, const float*), const char* name,
                    const float* data, int nx, int ny, int nz) {
   MRC_HEAD* head = new_float_head(name, nx, ny, nz);
-  FILE* file = open_to_write(name, "w+", function, unit, __LINE__);
+  FILE* file = output_open(name, function, unit, __LINE__);
   write(file, head, data);
   free(head);
-  close_written(file, name, function, unit, __LINE__);
+  output_close(file, function, unit, __LINE__);
   return 0;
 }
 

@@ -59,7 +59,7 @@ int box_filter_cell_size(float min_dist);
 /// excluded        name of a coordinate file, or "NULL"
 /// kind            2 writes a box file, 1 a STAR file of the box centres
 ///
-/// The list is written under the name `out` + "~" and renamed when it is complete. Files that can't be opened
+/// The list appears when it is complete (platform/outputs.h). Files that can't be opened
 /// or written and a cell size below 1 end the run. Returns 0.
 int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
                int2 origin, const char* candidates, const char* excluded, const char* out, int kind);

@@ -23,8 +23,9 @@ struct MRC_HEAD {
   int16_t nsymbt;                     // symmetry bytes
   int32_t next;                       // bytes of the extended header
   int16_t creatid;                    // creator id
-  char reserved1[30];
-  char reserved2[68];
+  char reserved1[10];
+  int32_t nversion;  // of the format: year times 10
+  char reserved2[84];
   float xorg, yorg, zorg;  // origin
   char cmap[4];            // "MAP "
   char stamp[4];           // machine stamp
@@ -54,7 +55,8 @@ int mrc_set_head_stmp(MRC_HEAD* head);
 /// Stores the three sizes and the mode and nothing else. Returns 0.
 int mrc_set_head_xyz_mode(MRC_HEAD* head, int nx, int ny, int nz, int mode);
 
-/// Stores smallest, largest and mean of n floats of host memory; 0 for each if n is 0. Returns 0.
+/// Stores smallest, largest and mean of n floats of host memory, and their deviation from the mean as rms; 0 for each if
+/// n is 0. Returns 0.
 int mrc_set_head_mmm_from_data(MRC_HEAD* head, const float* data, unsigned long n);
 
 /// The name of the header's sample type, "Unknown" for a mode that no table knows.
@@ -72,6 +74,9 @@ bool mrc_section_size_valid(const MRC_HEAD* head);
 
 /// Prints a note on standard error if the header announces an extended header, which is read as samples here.
 void note_extended_header(const char* name, const MRC_HEAD* head);
+
+/// Whether both headers agree in nx, ny, nz and mode.
+bool mrc_head_is_like(const MRC_HEAD* one, const MRC_HEAD* other);
 
 /// Returns 0 if both headers agree in nx, ny, nz and mode; otherwise prints both and ends the run with
 /// status 1.

@@ -14,6 +14,9 @@ int read_one_line(char* line, FILE* file);
 /// the end of the file or where it can't be read.
 bool read_next_line(char* line, FILE* file);
 
+/// The number of lines of a file; 0 where it can't be read.
+int count_lines(const char* path);
+
 /// Tests path for each letter of modes from left to right, in any case: F exists, R readable, W writable,
 /// X executable. Returns 0, or -1 after a warning on standard output about the first test that fails.
 int check_file_access(const char* path, const char* modes);

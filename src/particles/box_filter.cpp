@@ -1,19 +1,16 @@
 // The final selection of the unit boxfile: from the candidates of all templates to the written list of picks.
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 #include "boxfile.h"
 #include "compute/text_numbers.h"
 #include "particles/pick_records.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
+#include "platform/outputs.h"
 #include "str_utils.h"
 #include "txt_file.h"
 
@@ -188,39 +185,6 @@ void write_picks(const Selection& s, FILE* file, const PickGrid& grid, int kind)
   }
 }
 
-// --- A list appears under its name when complete, since that name marks its micrograph as done ---
-
-[[noreturn]] void refuse_output(const char* out) {
-  printf("Cannot write to file %s. Permission denied or no space left!\n", out);
-  fatal_error("box_filter", unit, __LINE__, "open file failed.");
-}
-
-// One character more than a list's name: no longer than the candidate file's name, which exists already.
-void set_unfinished_name(char* unfinished, const char* out) {
-  if (strlen(out) + 1 >= kTextBytes)
-    KESTRIX_FATAL("the output name %s has more than %zu characters", out, kTextBytes - 2);
-  strlcpy(unfinished, out);
-  strcat(unfinished, "~");
-}
-
-// What stands under a name may be an earlier list to be replaced, and nothing else.
-bool can_replace(const char* name) {
-  struct stat earlier {};
-  if (stat(name, &earlier) != 0) return errno == ENOENT;
-  return S_ISREG(earlier.st_mode) && access(name, W_OK) == 0;
-}
-
-FILE* open_unfinished(const char* unfinished, const char* out) {
-  FILE* file = can_replace(out) && can_replace(unfinished) ? fopen(unfinished, "w+") : nullptr;
-  if (!file) refuse_output(out);
-  return file;
-}
-
-void finish_list(FILE* file, const char* unfinished, const char* out) {
-  KESTRIX_CLOSE_WRITTEN(file, out);
-  if (rename(unfinished, out) != 0) refuse_output(out);
-}
-
 // Both forms of the selection: of any candidates, or of such as are far enough apart already.
 int select_candidates(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
                       int2 origin, const char* candidates, const char* excluded, const char* out, int kind,
@@ -231,10 +195,8 @@ int select_candidates(int shrink_nx, int shrink_ny, float min_dist, float cc_cut
                 static_cast<double>(min_dist));
   const double min_dist2 = 2.0 * cell * cell;
   const Selection s{shrink_nx, shrink_ny, cell, min_dist2, cc_cutoff, shrink, box_w, box_h, origin};
-  char unfinished[kTextBytes];
-  set_unfinished_name(unfinished, out);
   FILE* candidate_file = open_to_read(candidates, "box_filter", unit, __LINE__);
-  FILE* file = open_unfinished(unfinished, out);
+  FILE* file = output_open(out, "box_filter", unit, __LINE__);
 
   PickGrid grid = new_grid(s);
   read_candidates(s, grid, candidate_file);
@@ -247,7 +209,7 @@ int select_candidates(int shrink_nx, int shrink_ny, float min_dist, float cc_cut
   remove_excluded(s, grid, excluded_boxes);
   write_picks(s, file, grid, kind);
 
-  finish_list(file, unfinished, out);
+  KESTRIX_OUTPUT_CLOSE(file);
   fclose(candidate_file);
   free(excluded_boxes.boxes);
   free(grid.cells);

@@ -5,14 +5,13 @@
 #include <cstdarg>
 #include <cstdlib>
 
+#include "platform/outputs.h"
+
 namespace {
 
 void (*way_out)(int status) = nullptr;
 
-bool is_pipe(const char* name) {
-  struct stat status {};
-  return stat(name, &status) == 0 && S_ISFIFO(status.st_mode);
-}
+long notes_said = 0;
 
 const char* kind_of_file(mode_t mode) {
   if (S_ISDIR(mode)) return "folder";
@@ -25,6 +24,7 @@ const char* kind_of_file(mode_t mode) {
 void set_way_out(void (*leave)(int status)) { way_out = leave; }
 
 void end_run(int status) {
+  outputs_discard();
   if (way_out) way_out(status);
   exit(status);
 }
@@ -64,15 +64,6 @@ FILE* open_to_read(const char* name, const char* function, const char* unit, int
   return file;
 }
 
-FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line) {
-  FILE* file = is_pipe(name) ? nullptr : fopen(name, mode);  // would wait for a reader
-  if (!file) {
-    printf("Cannot write to file %s. Permission denied or no space left!\n", name);
-    fatal_error(function, unit, line, "open file failed.");
-  }
-  return file;
-}
-
 void close_written(FILE* file, const char* name, const char* function, const char* unit, int line) {
   const bool complete = ferror(file) == 0;
   const bool closed = fclose(file) == 0;
@@ -80,6 +71,7 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 }
 
 void safety_note(const char* file, const char* format, ...) {
+  notes_said++;
   fflush(stdout);  // keeps the note at its place where both streams go to one terminal or log
   fprintf(stderr, "Kestrix: ");
   if (file) fprintf(stderr, "%s: ", file);
@@ -89,3 +81,5 @@ void safety_note(const char* file, const char* format, ...) {
   va_end(arguments);
   fprintf(stderr, "\n");
 }
+
+long safety_notes_said() { return notes_said; }

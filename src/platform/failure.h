@@ -3,8 +3,8 @@
 
 #include <cstdio>
 
-/// The one way out for a run that can't go on: ends the process with the given status. What has been written to files
-/// stays.
+/// The one way out for a run that can't go on: ends the process with the given status. Published outputs stay, unfinished
+/// ones are removed (outputs.h).
 [[noreturn]] void end_run(int status);
 
 /// Has end_run call `leave`, which must not return, in place of exit: for a front end with more to end than its own
@@ -28,9 +28,6 @@ bool check_file_regular(const char* path);
 /// fatal error "open file failed.".
 FILE* open_to_read(const char* name, const char* function, const char* unit, int line);
 
-/// Opens a file for writing with the given fopen mode. Failure, and a pipe, end the run as in open_to_read.
-FILE* open_to_write(const char* name, const char* mode, const char* function, const char* unit, int line);
-
 /// Closes a file that was written. If anything of it could not be written, the disk being full for instance,
 /// ends the run with a fatal error that names the file.
 void close_written(FILE* file, const char* name, const char* function, const char* unit, int line);
@@ -39,9 +36,10 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 /// specified output as they are. file may be null, for a message about no file in particular.
 void safety_note(const char* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+/// How many safety notes this process has printed.
+long safety_notes_said();
+
 // Short forms for a unit that names itself by a constant `unit` in its anonymous namespace.
 #define KESTRIX_FATAL(...) fatal_error(__func__, unit, __LINE__, __VA_ARGS__)
 #define KESTRIX_WARNING(...) warning(__func__, unit, __LINE__, __VA_ARGS__)
 #define KESTRIX_OPEN_READ(name) open_to_read(name, __func__, unit, __LINE__)
-#define KESTRIX_OPEN_WRITE(name, mode) open_to_write(name, mode, __func__, unit, __LINE__)
-#define KESTRIX_CLOSE_WRITTEN(file, name) close_written(file, name, __func__, unit, __LINE__)

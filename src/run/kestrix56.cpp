@@ -4,6 +4,7 @@
 #include "run/picking.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
+#include "session/micrograph_list.h"
 #include "str_utils.h"
 
 int main(int argc, char** argv) {
@@ -19,11 +20,15 @@ int main(int argc, char** argv) {
   }
   Run run{};
   read_command_line(argc, argv, &run);
+  run.para.n_files = leave_out_own_images(run.para.files, run.para.n_files);
+  report_command_line(argc, argv, &run);
+  check_output_names(run.para.files, run.para.n_files);
   prepare_run(&run);
   time_pop("PREPARATION");
 
   for (int i = 0; i < run.para.n_files; i++) pick_micrograph(&run, run.para.files[i]);
 
+  put_tally(&run.tally);
   const int n_files = run.para.n_files;
   free_run(&run);
   put_rule('#', 129, stdout);

@@ -14,6 +14,7 @@
 #include "platform/failure.h"
 #include "run/para_field.h"
 #include "run/reports.h"
+#include "run/value_notes.h"
 #include "str_utils.h"
 #include "templates/templates.h"
 
@@ -87,6 +88,8 @@ const Option options[] = {
     {"extract_raw", &P::extract_raw, FLAG},
     {"extract_pf", &P::extract_pf, FLAG},
     {"gid", &P::gid},
+    {"skip_empty_templates", &P::skip_empty_templates, FLAG},
+    {"clip_outliers", &P::clip_outliers},
     {"auto", &P::auto_picks, FLAG},
     {"robust_ice", &P::robust_ice, FLAG, &Given::robust_ice},
     {"learn_template", &P::learn_template, FLAG, &Given::learn_template},
@@ -124,8 +127,8 @@ const char* value_of_option(int argc, char** argv, int& i) {
 
 void store_value(const Option& option, const char* value, Kestrix_Para* para) {
   const Para_Field& field = option.field;
-  if (field.real) para->*field.real = static_cast<float>(text_to_real(value));
-  if (field.integer) para->*field.integer = text_to_int(value);
+  if (field.real) note_real_read(option.keyword, value, para->*field.real = static_cast<float>(text_to_real(value)));
+  if (field.integer) note_integer_read(option.keyword, value, para->*field.integer = text_to_int(value));
   if (field.text) {
     if (!text_fits(value))
       KESTRIX_FATAL("the value of --%s is too long ('%.40s...'): it may have at most %zu characters", option.keyword,
@@ -133,6 +136,13 @@ void store_value(const Option& option, const char* value, Kestrix_Para* para) {
     strlcpy(para->*field.text, value);
   }
   if (field.integer == &P::speed) kestrix_speed2shrink(para->speed, para->shrink);
+}
+
+void take_flag(int argc, char** argv, int& i, const Option& option, Kestrix_Para* para) {
+  const int before = i;
+  int& flag = para->*option.field.integer;
+  get_bool_keyword(argc, argv, i, flag);
+  if (i > before) note_flag_read(option.keyword, argv[i], flag);
 }
 
 [[noreturn]] void refuse_option(const char* argument) {
@@ -149,7 +159,7 @@ void take_argument(int argc, char** argv, int& i, Kestrix_Para* para, Given& giv
   const Option* option = find_option(argv[i]);
   if (option) {
     if (option->kind == FLAG)
-      get_bool_keyword(argc, argv, i, para->*option->field.integer);
+      take_flag(argc, argv, i, *option, para);
     else
       store_value(*option, value_of_option(argc, argv, i), para);
     if (option->mark) given.*option->mark = true;

@@ -65,6 +65,8 @@ struct Kestrix_Para {
   float lsigma_radius_px;     // radius of the local sigma window, shrunk pixels
   float lave_radius_px;       // radius of the local average window, shrunk pixels
   char* first_file;           // first readable micrograph, set by main
+  int skip_empty_templates;   // leave out templates that are zero everywhere
+  float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
   // Picks that need no tuning:
   int auto_picks;      // all of what follows that the user hasn't set otherwise, on a working pixel of its own
   int robust_ice;      // close ice pixel by pixel, by limits that the micrograph sets

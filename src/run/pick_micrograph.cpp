@@ -10,9 +10,11 @@
 #include <limits>
 
 #include "cuda_general.h"
+#include "formats/mrc_diagnosis.h"
 #include "math_utils.h"
 #include "particles/pick_records.h"
 #include "platform/failure.h"
+#include "platform/outputs.h"
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
 #include "run/auto_picks.h"
@@ -63,6 +65,7 @@ PickFindings findings_before(const Kestrix_Para* para) {
 bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   if (!para->do_unfinished) return false;
   if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
+  if (output_is_half_published(names->box)) return false;
   printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
   return true;
 }
@@ -86,7 +89,12 @@ bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) 
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
-  read_shrunk_micrograph(f, head, run->para.shrink, run->host.work_mic);
+  const float deviations = run->para.clip_outliers;
+  const ValueLimits limits = deviations > 0 ? clip_limits(f, head, deviations) : kNoLimits;
+  read_shrunk_micrograph(f, head, run->para.shrink, limits, run->host.work_mic);
+  if (missing == 0)
+    note_outliers(run->host.work_mic, even_side(head->nx, run->para.shrink), even_side(head->ny, run->para.shrink),
+                  static_cast<size_t>(run->sizes.work_nx), name);
   return true;
 }
 
@@ -261,7 +269,8 @@ void match_template(Run* run, int t, FILE* nonunique) {
 void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   quorlin_transform_micrograph(&run->scan, run->device.d_mic);
   if (run->autos.d_ccmin) begin_template_maps(run);
-  for (int t = 0; t < run->sizes.T_num; t++) match_template(run, t, nonunique);
+  for (int t = 0; t < run->sizes.T_num; t++)
+    if (!run->host.T_empty[t]) match_template(run, t, nonunique);
   if (run->para.auto_picks) {
     pick_peaks(run, nonunique);
   } else if (run->para.auto_cutoff) {
@@ -295,18 +304,23 @@ void write_picks(const Run* run, const MicrographNames* names, const char* out, 
   const PickFindings& found = run->findings;
   const auto select = found.distinct ? box_filter_distinct : box_filter;
   select(run->sizes.shrink_nx, run->sizes.shrink_ny, found.min_dist_px, found.cutoff, static_cast<float>(para.shrink),
-         para.boxsize, para.boxsize, kOrigin, names->nonunique, names->excluded, out, kind);
+         para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique), names->excluded, out,
+         kind);
 }
 
-// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: then
-// it is replaced last, so that both lists hold the same picks.
+// The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: it
+// stays until all is published, so that both lists hold the same picks.
 void select_picks(const Run* run, const MicrographNames* names) {
   const Kestrix_Para& para = run->para;
-  const bool star_first = strcmp(names->excluded, names->box) == 0;
-  if (para.write_star && star_first) write_picks(run, names, names->star, 1);
   write_picks(run, names, names->box, 2);
-  if (para.write_star && !star_first) write_picks(run, names, names->star, 1);
-  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, names->box, para.boxsize, 0);
+  if (para.write_star) write_picks(run, names, names->star, 1);
+  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, output_at_hand(names->box), para.boxsize, 0);
+}
+
+// Either list marks its micrograph as done, so they come last.
+void publish_outputs_of(const MicrographNames* names) {
+  const char* const lists[] = {names->box, names->star};
+  outputs_publish(lists, 2);
 }
 
 }  // namespace
@@ -318,14 +332,18 @@ void pick_micrograph(Run* run, const char* mic) {
   MicrographNames names;
   set_names(&names, mic, &run->para);
   if (is_finished(&names, &run->para)) {
+    run->tally.skipped++;
     time_drop();
     return;
   }
   run->findings = findings_before(&run->para);
-  FILE* nonunique = open_to_write(names.nonunique, "w+", "main", unit, __LINE__);
+  const long notes_before = safety_notes_said();
+  outputs_hold();
+  FILE* nonunique = output_open(names.nonunique, "main", unit, __LINE__);
   FILE* f = open_to_read(mic, "main", unit, __LINE__);
   MRC_HEAD head;
   mrc_read_head(f, &head);
+  if (!mrc_head_is_like(&run->first_head, &head)) note_odd_image(mic, f, &head);
   check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
   printf("Reading File %s ...\n", mic);
   const bool readable = read_micrograph(run, f, &head, mic);
@@ -344,9 +362,13 @@ void pick_micrograph(Run* run, const char* mic) {
   } else {
     match_all_templates(run, mic, nonunique);
   }
-  KESTRIX_CLOSE_WRITTEN(nonunique, names.nonunique);
+  KESTRIX_OUTPUT_CLOSE(nonunique);
   select_picks(run, &names);
   if (uses_auto_parts(&run->para)) tell_findings(run, mic);
+  tally_micrograph(&run->tally, mic, output_at_hand(names.nonunique), output_at_hand(names.box), notes_before,
+                   &run->para);
+  publish_outputs_of(&names);
   printf("File %s finished.\n", mic);
   time_pop("PICKING");
+  fflush(stdout);  // so that the log of a run that is killed tells how far it came
 }

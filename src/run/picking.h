@@ -2,6 +2,7 @@
 // run, picks micrographs one by one in any order, and ends the run:
 //     Run run{};
 //     read_command_line(argc, argv, &run);
+//     report_command_line(argc, argv, &run);
 //     prepare_run(&run);
 //     for each micrograph: pick_micrograph(&run, name);
 //     free_run(&run);
@@ -11,9 +12,12 @@
 
 #include "run/run_state.h"
 
-/// Sets run->para from the command line, reports it on standard output and refuses what can't work. An unknown option,
-/// and values that can't work, end the run. run: all zero before.
+/// Sets run->para from the command line. An unknown option, an option without its value and a command line without
+/// micrographs end the run. run: all zero before.
 void read_command_line(int argc, char** argv, Run* run);
+
+/// Reports the parameters on standard output and ends the run where they hold values that can't work.
+void report_command_line(int argc, char** argv, const Run* run);
 
 /// Chooses the device, takes all sizes from the first readable micrograph of run->para.files, acquires the templates and
 /// allocates every buffer. Ends the run where there is no readable micrograph, no usable template or not enough memory,

@@ -4,10 +4,12 @@
 #include <cstdio>
 
 #include "cuda_general.h"
+#include "formats/mrc_diagnosis.h"
 #include "platform/failure.h"
 #include "run/auto_picks.h"
 #include "run/picking.h"
 #include "run/reports.h"
+#include "run/setting_notes.h"
 
 namespace {
 
@@ -32,21 +34,35 @@ void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
   KESTRIX_FATAL("no readable micrograph in the list");
 }
 
+// Refuses a header that promises a huge image which the file doesn't hold a row of, before anything is allocated for it.
+void check_held_size(const char* name, FILE* f, const MRC_HEAD* head) {
+  if (!mrc_section_size_valid(head) || !mrc_mode_readable(head->mode)) return note_odd_image(name, f, head);
+  constexpr long kHuge = 1L << 26;
+  const long samples = static_cast<long>(head->nx) * head->ny;
+  const long held = samples - static_cast<long>(mrc_missing_samples(f, head, 0));
+  if (samples > kHuge && held < head->nx)
+    KESTRIX_FATAL("the header of %s promises %d x %d pixels, of which the file holds %ld: is it a whole MRC file", name,
+                  head->nx, head->ny, held);
+}
+
 void read_first_header(Run* run) {
   FILE* f = nullptr;
   check_access_openf_1st(run->para.files, run->para.n_files, run->para.first_file, f);
   mrc_read_head(f, &run->first_head);
+  check_held_size(run->para.first_file, f, &run->first_head);
   fclose(f);
 }
 
 }  // namespace
 
 void read_command_line(int argc, char** argv, Run* run) {
-  Kestrix_Para* para = &run->para;
-  kestrix_init_parameters(argc, para);
-  kestrix_get_parameters(argc, argv, para);
-  kestrix_fput_parameters(argc, argv, para, stdout);
-  kestrix_check_parameters(para);
+  kestrix_init_parameters(argc, &run->para);
+  kestrix_get_parameters(argc, argv, &run->para);
+}
+
+void report_command_line(int argc, char** argv, const Run* run) {
+  kestrix_fput_parameters(argc, argv, &run->para, stdout);
+  kestrix_check_parameters(&run->para);
 }
 
 void prepare_run(Run* run) {
@@ -58,6 +74,7 @@ void prepare_run(Run* run) {
   // The disc is the same at every angle: one is enough.
   if (para->auto_template) para->ang_step = 360.0f;
   acquire_templates(run);
+  note_settings(run);
   allocate_run(run);
   prepare_templates(run);
 }

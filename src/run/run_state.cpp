@@ -113,7 +113,10 @@ void allocate_run(Run* run) {
   const size_t cells = grid_cells(run);
   HostBuffers& host = run->host;
   host.work_mic = pinned_new<float>(pixels);
-  if (para.write_ccmax_mic) host.ccmax_stack = host_new<float>(static_cast<size_t>(s.T_num) * pixels);
+  if (para.write_ccmax_mic) {
+    host.ccmax_stack = host_new<float>(static_cast<size_t>(s.T_num) * pixels);
+    std::fill_n(host.ccmax_stack, static_cast<size_t>(s.T_num) * pixels, 0.0f);  // of templates that are left out
+  }
   host.grid_index = pinned_new<unsigned>(cells);
   host.grid_cc = pinned_new<float>(cells);
   host.grid_psi = pinned_new<float>(cells);
@@ -135,20 +138,33 @@ void allocate_run(Run* run) {
   run->scan.ccmin = run->autos.d_ccmin;
 }
 
+// Whether template t is zero everywhere and to be left out for it; says so.
+bool leaves_out(const Kestrix_Para* para, const float* T, size_t n, int t) {
+  if (!para->skip_empty_templates || template_energy(T, n) != 0) return false;
+  safety_note(para->T, "template %d is zero everywhere and left out.", t + 1);
+  return true;
+}
+
 void prepare_templates(Run* run) {
   if (matches_own_template(&run->para)) return;
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
+  run->host.T_empty = host_new<bool>(static_cast<size_t>(s.T_num));
   const size_t n_T = template_pixels(run);
   auto* T_one = host_new<float>(n_T);
   for (int t = 0; t < s.T_num; t++) {
     const size_t offset = static_cast<size_t>(t) * n_T;
     memcpy(T_one, run->host.T_stack + offset, n_T * sizeof(float));
-    normalise_template(T_one, s.T_nx, s.T_ny, para.T_norm_type, para.radius_px, para.center1_ratio);
-    check_template_usable(T_one, n_T, t, para.T_norm_type);
+    run->host.T_empty[t] = leaves_out(&para, T_one, n_T, t);
+    if (!run->host.T_empty[t]) {
+      normalise_template(T_one, s.T_nx, s.T_ny, para.T_norm_type, para.radius_px, para.center1_ratio);
+      check_template_usable(T_one, n_T, t, para.T_norm_type);
+    }
     CHECK_DEVICE(cudaMemcpy(run->device.d_T_stack + offset, T_one, n_T * sizeof(float), cudaMemcpyHostToDevice));
   }
   free(T_one);
+  if (std::all_of(run->host.T_empty, run->host.T_empty + s.T_num, [](bool empty) { return empty; }))
+    KESTRIX_FATAL("every template of %s is zero everywhere; check the template stack", para.T);
   if (!para.dont_invertT) hcuda_invert_inplace(run->device.d_T_stack, static_cast<size_t>(s.T_num) * n_T);
 }
 
@@ -157,6 +173,7 @@ void free_run(Run* run) {
   for (float* buffer : {host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
   cudaFreeHost(host.grid_index);
   free(host.T_stack);
+  free(host.T_empty);
   free(host.ccmax_stack);
   free(host.excluded_boxes);
   free(host.global_boxes);

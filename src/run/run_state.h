@@ -7,6 +7,7 @@
 #include "quorlin56.h"
 #include "run/findings.h"
 #include "run/parameters.h"
+#include "run/tally.h"
 #include "templates/size_scan.h"
 
 /// Sizes of the run, from the first micrograph's header and the templates. "Shrunk" pixels are pixels of
@@ -24,6 +25,7 @@ struct RunSizes {
 struct HostBuffers {
   float* work_mic;           // work_nx*work_ny: the shrunk even square; pinned
   float* T_stack;            // T_num templates of T_nx*T_ny as acquired
+  bool* T_empty;             // one per template: zero everywhere and not to be matched
   float* ccmax_stack;        // T_num maps of work_nx*work_ny, or null where no map is written
   unsigned* grid_index;      // one per cell: pixel of the peak, 0 for none; pinned
   float* grid_cc;            // one per cell: score of the peak; pinned
@@ -64,6 +66,7 @@ struct Run {
   IceWorkspace ice;  // empty without ice detection
   ScanWorkspace scan;
   PeakWorkspace peaks;
+  RunTally tally;
   AutoBuffers autos;
   PickFindings findings;  // of the micrograph at hand
 };

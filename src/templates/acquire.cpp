@@ -1,4 +1,6 @@
 // Template acquisition: from the MRC stack or as a generated disc, to the working pixel size.
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -68,6 +70,7 @@ float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, flo
     check_working_size(saturating_int(side), saturating_int(side), work_side, "the automatic template would");
     return create_template_data(nx, ny, nz, radius, center1_ratio);
   }
+  if (access(T, R_OK) != 0) safety_note(T, "given by --T, can't be read; check its name and your rights.");
   float* stack = get_template_data(nx, ny, nz, T);
   const float scale = apixT / apixM;
   const int snx = saturating_int(static_cast<float>(nx) * scale);

@@ -10,6 +10,16 @@
 
 namespace {
 constexpr char unit[] = "quorlin56";
+
+// Sums of squares of a template with which no score over- or underflows, whatever the micrograph.
+constexpr double kLeastEnergy = 1e-28;
+constexpr double kMostEnergy = 1e24;
+}  // namespace
+
+double template_energy(const float* data, unsigned long n) {
+  double energy = 0;
+  for (unsigned long i = 0; i < n; i++) energy += static_cast<double>(data[i]) * static_cast<double>(data[i]);
+  return energy;
 }
 
 int rmask_subtract_background(float* data, float radius, int nx, int ny) {
@@ -38,6 +48,10 @@ void cpu_2d_normz_withRmask_applymask_inplace(float* data, int nx, int ny, float
   const size_t pixels = static_cast<size_t>(nx) * ny;
   auto* mask = host_new<float>(pixels);
   cpu_2d_generate_rmask_soft(mask, nx, ny, cx, cy, r, soft);
+  if (hm_sum(mask, pixels) == 0)
+    safety_note(nullptr,
+                "--T_norm_type 3 leaves nothing of a template of %d x %d pixels; check --center1_ratio and --diameter.",
+                nx, ny);
   hm_normz_withmask_applymask_inplace(data, mask, pixels);
   free(mask);
 }
@@ -61,20 +75,21 @@ void normalise_template(float* data, int nx, int ny, int T_norm_type, float radi
 }
 
 void check_template_usable(const float* data, unsigned long n, int t, int T_norm_type) {
-  bool finite = true;
-  bool zero = true;
-  for (unsigned long i = 0; i < n; i++) {
-    finite = finite && std::isfinite(data[i]);
-    zero = zero && data[i] == 0.0f;
-  }
+  const double energy = template_energy(data, n);
+  const bool finite = std::isfinite(energy);
   if (!finite)
     KESTRIX_FATAL(
         "template %d holds values that are not finite after normalisation (--T_norm_type %d, "
         "--center1_ratio); check the template stack",
         t + 1, T_norm_type);
-  if (zero)
+  if (energy > 0 && (energy < kLeastEnergy || energy > kMostEnergy))
+    KESTRIX_FATAL(
+        "the values of template %d are too %s for single precision (sum of squares %g after normalisation); scale the "
+        "template stack to values of about 1",
+        t + 1, energy < 1 ? "small" : "large", energy);
+  if (energy == 0)
     KESTRIX_FATAL(
         "template %d is zero everywhere after normalisation (--T_norm_type %d), so that nothing can match "
-        "it; check the template stack",
+        "it; check the template stack, or leave such templates out by --skip_empty_templates 1",
         t + 1, T_norm_type);
 }

@@ -39,5 +39,9 @@ void cpu_2d_normz_withRmask_applymask_inplace(float* data, int nx, int ny, float
 /// a soft edge of radius * center1_ratio; any other value leaves it.
 void normalise_template(float* data, int nx, int ny, int T_norm_type, float radius, float center1_ratio);
 
-/// Ends the run with a message that names template number t (from 0) if its n pixels are all zero or not all finite.
+/// Sum of the squares of a template's n pixels; not finite where one of them isn't.
+double template_energy(const float* data, unsigned long n);
+
+/// Ends the run with a message that names template number t (from 0) if its n pixels are all zero or not all finite,
+/// or too large or too small for scores in single precision.
 void check_template_usable(const float* data, unsigned long n, int t, int T_norm_type);
