@@ -63,6 +63,28 @@ void hcuda_2d_bandpass_guas_mpad_inplace(MirrorPad* pad, float* d, float apix, f
 /// overwrite it.
 void hcuda_2d_bandpass_guas_transformed(MirrorPad* pad, float* out, float apix, float res1, float res2);
 
+// --- Transforms that are kept ---
+
+/// The transform of a mirrored image, in the form that pad's way has.
+struct MirrorTransform {
+  float2* spectrum;     // device, as MirrorPad's
+  float* coefficients;  // or this one
+};
+
+/// Room for a transform of pad's way; released with mirror_transform_free.
+MirrorTransform mirror_transform_new(const MirrorPad* pad);
+void mirror_transform_free(MirrorTransform* transform);
+
+/// The transform in pad itself, which belongs to pad.
+MirrorTransform mirror_transform_of(const MirrorPad* pad);
+
+/// Mirrors the image `in` (nx*ny, device) and leaves its transform there.
+void mirror_transform_take(MirrorPad* pad, const float* in, MirrorTransform* transform);
+
+/// out (nx*ny, device) = the image of the transform, which may be pad's and stays otherwise, low-passed by
+/// exp(-(sharpness * f)^2 / 2), f in cycles per pixel. pad's own transform is lost.
+void hcuda_2d_gaussian_mpad(MirrorPad* pad, const MirrorTransform* transform, float sharpness, float* out);
+
 // --- Local maps over a soft-edged disc, which reaches into the mirror image at the edges. The disc is centred half a
 // --- pixel before each pixel in both axes. ---
 
@@ -104,6 +126,10 @@ struct IceSettings {
   bool write_rejected;       // write _rejected.box and _rejected.star
   bool write_lave;           // write _bg.mrc
   bool write_lsigma;         // write _lsigma.mrc
+  bool robust = false;       // close pixels by limits that the micrograph sets (robust_ice.h), not cells by those above
+  float particle = 0;           // for that: diameter, pixels of the working image
+  float reach = 0;              // for that: how far from a bad pixel nothing counts, likewise
+  int true_nx = 0, true_ny = 0;     // for that: the micrograph in the working image
 };
 
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.
@@ -119,6 +145,11 @@ struct IceWorkspace {
   float* host_grid_lsigma;
   DiscWindow lsigma_window, lave_window;
   IceSettings settings;
+  // Of the pixels' own limits, host, nx*ny; null for cells:
+  float* host_lave;
+  float* host_lsigma;
+  float* host_open;     // 1 or 0
+  unsigned char* bad;   // 1 or 0
 };
 
 /// Allocates and prepares the two windows; released with ice_workspace_free.
@@ -126,7 +157,9 @@ IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const I
 void ice_workspace_free(IceWorkspace* ws);
 
 /// Marks the cells of d_grid (device, one pixel index per cell, 0: clean) that hold ice or contamination, and writes
-/// the rejected places beside the micrograph, and the two maps if asked for. Leaves the transform of d in pad.
+/// the rejected places beside the micrograph, and the two maps if asked for. Leaves the transform of d in pad. With the
+/// pixels' own limits d_grid stays as it is, ws->host_open tells where the image is open, and one bad pixel of each cell
+/// is listed.
 /// d         device, Nx*Ny: the working image, mean 0 and standard deviation 1
 /// origin    added to the coordinates written
 /// A list or map that cannot be written ends the run with a fatal error.

@@ -1,12 +1,17 @@
-// Ice and contamination: cells whose local statistics pass a limit, and the lists of what was rejected.
+// Ice and contamination: cells, or pixels, whose local statistics pass a limit, and the lists of what was rejected.
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <initializer_list>
 
 #include "conditioning/conditioning.h"
 #include "conditioning/conditioning_kernels.h"
+#include "conditioning/robust_ice.h"
 #include "cuda_general.h"
 #include "mrcfile.h"
 #include "platform/failure.h"
+#include "platform/host_memory.h"
 #include "platform/launch.h"
 #include "platform/outputs.h"
 #include "str_utils.h"
@@ -39,6 +44,53 @@ void write_map(const float* map, int Nx, int Ny, const char* mic_name, const cha
   mrcf_write_xyz_ddata(name, map, Nx, Ny, 1);
 }
 
+void allocate_pixels(IceWorkspace* ws, size_t pixels) {
+  ws->host_lave = host_new<float>(pixels);
+  ws->host_lsigma = host_new<float>(pixels);
+  ws->host_open = host_new<float>(pixels);
+  ws->bad = host_new<unsigned char>(pixels);
+}
+
+// Of the bad pixels of a cell the one whose local average is farthest from the usual one, 0 for a cell without any.
+void record_worst_pixel(const IceWorkspace* ws, int Nx, int Ny, int grid_size, float usual, int gx, int gy) {
+  const size_t cell = static_cast<size_t>(gy) * ws->grid_nx + gx;
+  ws->host_grid[cell] = 0;
+  float worst = -1;
+  for (int y = gy * grid_size; y < std::min((gy + 1) * grid_size, Ny); y++) {
+    for (int x = gx * grid_size; x < std::min((gx + 1) * grid_size, Nx); x++) {
+      const size_t i = static_cast<size_t>(y) * Nx + x;
+      const float off = std::fabs(ws->host_lave[i] - usual);
+      if (!ws->bad[i] || off <= worst) continue;
+      worst = off;
+      ws->host_grid[cell] = static_cast<unsigned>(i);
+      ws->host_grid_lave[cell] = ws->host_lave[i];
+      ws->host_grid_lsigma[cell] = ws->host_lsigma[i];
+    }
+  }
+}
+
+// The pixels' own limits: fills the host's maps and grids.
+void close_pixels(IceWorkspace* ws, int Nx, int Ny, int grid_size) {
+  const IceSettings& s = ws->settings;
+  const size_t bytes = static_cast<size_t>(Nx) * Ny * sizeof(float);
+  CHECK_DEVICE(cudaMemcpy(ws->host_lave, ws->lave_map, bytes, cudaMemcpyDeviceToHost));
+  CHECK_DEVICE(cudaMemcpy(ws->host_lsigma, ws->lsigma_map, bytes, cudaMemcpyDeviceToHost));
+  const RobustIceLimits limits = find_robust_ice({Nx, Ny, s.true_nx, s.true_ny, s.particle, s.reach}, ws->host_lave,
+                                                 ws->host_lsigma, ws->bad, ws->host_open);
+  for (int gy = 0; gy < ws->grid_ny; gy++)
+    for (int gx = 0; gx < ws->grid_nx; gx++) record_worst_pixel(ws, Nx, Ny, grid_size, limits.average, gx, gy);
+}
+
+// The cells' given limits: marks cells of d_grid and copies what was found to the host.
+void close_cells_by_limits(IceWorkspace* ws, int Nx, int Ny, unsigned* d_grid, int grid_size) {
+  const IceSettings& s = ws->settings;
+  hcuda_find_sigma_grids(ws->lave_map, ws->lsigma_map, d_grid, ws->grid_lave, ws->grid_lsigma, Nx, Ny, grid_size,
+                         s.lave_min, s.lave_max, s.lsigma_cutoff);
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid, d_grid, cells_of(ws) * sizeof(unsigned), cudaMemcpyDeviceToHost));
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lave, ws->grid_lave, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
+  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lsigma, ws->grid_lsigma, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
+}
+
 }  // namespace
 
 IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const IceSettings& settings) {
@@ -57,6 +109,7 @@ IceWorkspace ice_workspace_new(MirrorPad* pad, int grid_nx, int grid_ny, const I
   ws.host_grid_lsigma = host_cells<float>(&ws);
   ws.lsigma_window = disc_window_new(pad, settings.lsigma_radius, settings.edge_width);
   ws.lave_window = disc_window_new(pad, settings.lave_radius, settings.edge_width);
+  if (settings.robust) allocate_pixels(&ws, pixels);
   return ws;
 }
 
@@ -65,6 +118,8 @@ void ice_workspace_free(IceWorkspace* ws) {
   cudaFreeHost(ws->host_grid);
   cudaFreeHost(ws->host_grid_lave);
   cudaFreeHost(ws->host_grid_lsigma);
+  for (float* map : {ws->host_lave, ws->host_lsigma, ws->host_open}) free(map);
+  free(ws->bad);
   disc_window_free(&ws->lsigma_window);
   disc_window_free(&ws->lave_window);
   *ws = IceWorkspace{};
@@ -76,11 +131,11 @@ void hcuda_2d_ice_detect(MirrorPad* pad, IceWorkspace* ws, const float* d, int N
   hcuda_2d_mpad_transform(pad, d);
   hcuda_2d_local_ave_softR_mpad(pad, &ws->lave_window, ws->lave_map);
   hcuda_2d_local_sigma_softR_mpad(pad, &ws->lsigma_window, d, ws->lsigma_map, ws->scratch);
-  hcuda_find_sigma_grids(ws->lave_map, ws->lsigma_map, d_grid, ws->grid_lave, ws->grid_lsigma, Nx, Ny, grid_size,
-                         settings.lave_min, settings.lave_max, settings.lsigma_cutoff);
-  CHECK_DEVICE(cudaMemcpy(ws->host_grid, d_grid, cells_of(ws) * sizeof(unsigned), cudaMemcpyDeviceToHost));
-  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lave, ws->grid_lave, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
-  CHECK_DEVICE(cudaMemcpy(ws->host_grid_lsigma, ws->grid_lsigma, cells_of(ws) * sizeof(float), cudaMemcpyDeviceToHost));
+  if (settings.robust) {
+    close_pixels(ws, Nx, Ny, grid_size);
+  } else {
+    close_cells_by_limits(ws, Nx, Ny, d_grid, grid_size);
+  }
   if (settings.write_rejected) write_rejected_lists(ws, Nx, Ny, origin, grid_size, mic_name, settings.shrink);
   if (settings.write_lave) write_map(ws->lave_map, Nx, Ny, mic_name, "_bg.mrc");
   if (settings.write_lsigma) write_map(ws->lsigma_map, Nx, Ny, mic_name, "_lsigma.mrc");

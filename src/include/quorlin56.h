@@ -31,6 +31,7 @@ struct ScanWorkspace {
   cufftHandle mic_plan;      // forward, one image
   cufftHandle forward_plan;  // forward, a batch
   cufftHandle inverse_plan;  // inverse, a batch
+  float* ccmin;              // device, nx*ny, not owned; null unless the lowest scores are wanted beside the best
 };
 
 /// Highest frequency that an image can have, in cycles per pixel.
@@ -63,6 +64,7 @@ void quorlin_transform_micrograph(ScanWorkspace* ws, const float* mic);
 ///             keep_psi is 0 or psi is null
 /// T           device, T_nx*T_ny floats
 /// radius      working pixels;    start, stop, step   degrees
+/// Where ws->ccmin is set, it receives the lowest of the same correlations, divided likewise.
 /// The score at pixel p is that of template pixel (T_nx / 2, T_ny / 2), for an odd size the one after it, lying over
 /// p; the sum wraps around the image's edges. Prints a dot for each angle, then a newline. Returns 0.
 int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const float* mask, float* ccmax, float* psi,
@@ -80,6 +82,22 @@ void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const 
 
 /// The same without angles.
 void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int count, int nx, int ny);
+
+/// As the first, and where cc < ccmin, ccmin takes it.
+void hcuda_update_ccmax_ccmin_psi_2d(float* ccmax, float* ccmin, const float* cc, float* psi, const ScanAngles& angles,
+                                     int count, int nx, int ny);
+
+/// The best of all templates, pixel by pixel: device, as the maps of one.
+struct TemplateMaps {
+  float* best;      // score
+  float* best_psi;  // its angle
+  float* best_T;    // its template
+  float* least;     // the lowest score
+};
+
+/// Takes the maps of template t, n pixels, into those of all: where its score is above the best one.
+void hcuda_take_template(const TemplateMaps& all, const float* ccmax, const float* psi, const float* ccmin, int t,
+                         unsigned long n);
 
 // --- Peaks, at most one per cell of the grid ---
 

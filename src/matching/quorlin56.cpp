@@ -163,11 +163,15 @@ void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, cons
   const int ny = ws->ny;
   hcuda_2d_memset(ccmax, -std::numeric_limits<float>::infinity(), nx, ny);
   if (psi) hcuda_2d_empty(psi, nx, ny);
+  float* ccmin = psi ? ws->ccmin : nullptr;
+  if (ccmin) hcuda_2d_memset(ccmin, std::numeric_limits<float>::infinity(), nx, ny);
   ScanAngles angles{};
   while (const int count = take_angles(start, stop, step, ws->batch, angles)) {
     put_dots(count);
     correlate_angles(ws, T, angles, count);
-    if (psi) {
+    if (ccmin) {
+      hcuda_update_ccmax_ccmin_psi_2d(ccmax, ccmin, ws->correlation, psi, angles, count, nx, ny);
+    } else if (psi) {
       hcuda_update_ccmax_psi_2d(ccmax, ws->correlation, psi, angles, count, nx, ny);
     } else {
       hcuda_update_ccmax_2d(ccmax, ws->correlation, count, nx, ny);
@@ -177,6 +181,9 @@ void scan_by_device_transforms(ScanWorkspace* ws, float* ccmax, float* psi, cons
   hcuda_2d_swap_ccf_inplace(ccmax, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
   if (psi) hcuda_2d_swap_ccf_inplace(psi, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
   hcuda_2d_divide_inplace(ccmax, nx, ny, divisor);
+  if (!ccmin) return;
+  hcuda_2d_swap_ccf_inplace(ccmin, static_cast<unsigned>(nx), static_cast<unsigned>(ny));
+  hcuda_2d_divide_inplace(ccmin, nx, ny, divisor);
 }
 
 // The angles of a scan, n_angles of them, for free. Prints what a scan prints.
@@ -251,7 +258,7 @@ int quorlin_ccmax_psi_by_one_template(ScanWorkspace* ws, const float* mic, const
   if (ws->host_scan) {
     const int n_angles = count_scan_angles(start, stop, step);
     float* angles = angles_new(start, stop, step, n_angles);
-    host_scan_template(ws->host_scan, T, angles, n_angles, divisor, ccmax, kept_psi);
+    host_scan_template(ws->host_scan, T, angles, n_angles, divisor, ccmax, kept_psi, ws->ccmin);
     free(angles);
     return 0;
   }
@@ -272,6 +279,17 @@ int scan_search_by_one_template(ScanWorkspace* ws, PeakWorkspace* peaks, const f
 void hcuda_update_ccmax_psi_2d(float* ccmax, const float* cc, float* psi, const ScanAngles& angles, int count, int nx,
                                int ny) {
   CHECK_DEVICE(launch_2d_times<cuda_update_ccmax_psi_2d>(nx, ny, count, ccmax, cc, psi, angles, nx, ny));
+}
+
+void hcuda_update_ccmax_ccmin_psi_2d(float* ccmax, float* ccmin, const float* cc, float* psi, const ScanAngles& angles,
+                                     int count, int nx, int ny) {
+  CHECK_DEVICE(launch_2d_times<cuda_update_ccmax_ccmin_psi_2d>(nx, ny, count, ccmax, ccmin, cc, psi, angles, nx, ny));
+}
+
+void hcuda_take_template(const TemplateMaps& all, const float* ccmax, const float* psi, const float* ccmin, int t,
+                         unsigned long n) {
+  CHECK_DEVICE(launch_1d<cuda_take_template>(n, all.best, all.best_psi, all.best_T, all.least, ccmax, psi, ccmin,
+                                             static_cast<float>(t)));
 }
 
 void hcuda_update_ccmax_2d(float* ccmax, const float* cc, int count, int nx, int ny) {

@@ -43,6 +43,32 @@ KERNEL void cuda_update_ccmax_psi_2d(int x, int y, int k, float* __restrict__ cc
   psi[i] = better ? angles.psi[k] : angle;
 }
 
+KERNEL void cuda_update_ccmax_ccmin_psi_2d(int x, int y, int k, float* __restrict__ ccmax, float* __restrict__ ccmin,
+                                           const float* __restrict__ cc, float* __restrict__ psi, ScanAngles angles,
+                                           int nx, int ny) {
+  const size_t i = pixel_at(x, y, nx);
+  const float value = cc[static_cast<size_t>(k) * nx * ny + i];
+  const float best = ccmax[i];
+  const float least = ccmin[i];
+  const float angle = psi[i];
+  const bool better = best < value;
+  ccmax[i] = better ? value : best;
+  psi[i] = better ? angles.psi[k] : angle;
+  ccmin[i] = value < least ? value : least;
+}
+
+/// Takes the maps of template t into the best of all: its score, angle and template, and the lowest score.
+KERNEL void cuda_take_template(unsigned long i, float* best, float* best_psi, float* best_T, float* least,
+                               const float* ccmax, const float* psi, const float* ccmin, float t) {
+  const float value = ccmax[i];
+  const float low = ccmin[i];
+  const bool better = best[i] < value;
+  best_psi[i] = better ? psi[i] : best_psi[i];
+  best_T[i] = better ? t : best_T[i];
+  best[i] = better ? value : best[i];
+  least[i] = low < least[i] ? low : least[i];
+}
+
 KERNEL void cuda_update_ccmax_2d(int x, int y, int k, float* __restrict__ ccmax, const float* __restrict__ cc, int nx,
                                  int ny) {
   const size_t i = pixel_at(x, y, nx);

@@ -118,6 +118,11 @@ void remove_beaten_and_weak(const Selection& s, PickGrid& grid) {
   }
 }
 
+void remove_weak(const Selection& s, PickGrid& grid) {
+  for (long i = 0; i < grid.gx * grid.gy; i++)
+    if (grid.cells[i].score < s.cc_cutoff) grid.cells[i].pixel = 0;
+}
+
 // --- Excluded boxes ---
 
 ExcludedBoxes read_excluded(const PickGrid& grid, const char* name) {
@@ -180,22 +185,26 @@ void write_picks(const Selection& s, FILE* file, const PickGrid& grid, int kind)
   }
 }
 
-}  // namespace
-
-int box_filter_cell_size(float min_dist) { return saturating_int(1.41421354f * min_dist / 2.0f); }
-
-int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
-               int2 origin, const char* candidates, const char* excluded, const char* out, int kind) {
+// Both forms of the selection: of any candidates, or of such as are far enough apart already.
+int select_candidates(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
+                      int2 origin, const char* candidates, const char* excluded, const char* out, int kind,
+                      bool distinct) {
   const int cell = box_filter_cell_size(min_dist);
-  if (cell < 1) KESTRIX_FATAL("the least distance of two picks, %g shrunk pixels, is too small", min_dist);
+  if (cell < 1)
+    fatal_error("box_filter", unit, __LINE__, "the least distance of two picks, %g shrunk pixels, is too small",
+                static_cast<double>(min_dist));
   const double min_dist2 = 2.0 * cell * cell;
   const Selection s{shrink_nx, shrink_ny, cell, min_dist2, cc_cutoff, shrink, box_w, box_h, origin};
-  FILE* candidate_file = KESTRIX_OPEN_READ(candidates);
-  FILE* file = KESTRIX_OUTPUT_OPEN(out);
+  FILE* candidate_file = open_to_read(candidates, "box_filter", unit, __LINE__);
+  FILE* file = output_open(out, "box_filter", unit, __LINE__);
 
   PickGrid grid = new_grid(s);
   read_candidates(s, grid, candidate_file);
-  remove_beaten_and_weak(s, grid);
+  if (distinct) {
+    remove_weak(s, grid);
+  } else {
+    remove_beaten_and_weak(s, grid);
+  }
   const ExcludedBoxes excluded_boxes = read_excluded(grid, excluded);
   remove_excluded(s, grid, excluded_boxes);
   write_picks(s, file, grid, kind);
@@ -205,6 +214,23 @@ int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, fl
   free(excluded_boxes.boxes);
   free(grid.cells);
   return 0;
+}
+
+}  // namespace
+
+int box_filter_cell_size(float min_dist) { return saturating_int(1.41421354f * min_dist / 2.0f); }
+
+int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w, int box_h,
+               int2 origin, const char* candidates, const char* excluded, const char* out, int kind) {
+  return select_candidates(shrink_nx, shrink_ny, min_dist, cc_cutoff, shrink, box_w, box_h, origin, candidates,
+                           excluded, out, kind, false);
+}
+
+int box_filter_distinct(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w,
+                        int box_h, int2 origin, const char* candidates, const char* excluded, const char* out,
+                        int kind) {
+  return select_candidates(shrink_nx, shrink_ny, min_dist, cc_cutoff, shrink, box_w, box_h, origin, candidates,
+                           excluded, out, kind, true);
 }
 
 int output_starbox_head(FILE* file) {

@@ -1,6 +1,8 @@
 #include "run/parameters.h"
 
 #include <strings.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -23,6 +25,7 @@ constexpr char unit[] = "parameters";
 // Which of the options were given whose absence has a consequence.
 struct Given {
   bool T, apixM, apixT, diameter, min_dist, boxsize, lsigma_D, lave_D;
+  bool speed, cc_cutoff, ice_limits, band, robust_ice, learn_template, auto_cutoff;
 };
 
 using Given_Mark = bool Given::*;
@@ -44,18 +47,18 @@ const Option options[] = {
     {"apixT", &P::apixT, WITH_VALUE, &Given::apixT},
     {"diameter", &P::diameter, WITH_VALUE, &Given::diameter},
     {"ang_step", &P::ang_step},
-    {"speed", &P::speed},
+    {"speed", &P::speed, WITH_VALUE, &Given::speed},
     {"boxsize", &P::boxsize, WITH_VALUE, &Given::boxsize},
     {"min_dist", &P::min_dist, WITH_VALUE, &Given::min_dist},
     {"update_T", &P::update_T, FLAG},
-    {"cc_cutoff", &P::cc_cutoff},
-    {"lsigma_cutoff", &P::lsigma_cutoff},
-    {"lave_max", &P::lave_max},
-    {"lave_min", &P::lave_min},
+    {"cc_cutoff", &P::cc_cutoff, WITH_VALUE, &Given::cc_cutoff},
+    {"lsigma_cutoff", &P::lsigma_cutoff, WITH_VALUE, &Given::ice_limits},
+    {"lave_max", &P::lave_max, WITH_VALUE, &Given::ice_limits},
+    {"lave_min", &P::lave_min, WITH_VALUE, &Given::ice_limits},
     {"lsigma_D", &P::lsigma_D, WITH_VALUE, &Given::lsigma_D},
     {"lave_D", &P::lave_D, WITH_VALUE, &Given::lave_D},
-    {"lp", &P::lp},
-    {"hp", &P::hp},
+    {"lp", &P::lp, WITH_VALUE, &Given::band},
+    {"hp", &P::hp, WITH_VALUE, &Given::band},
     {"pre_lp", &P::pre_lp},
     {"pre_hp", &P::pre_hp},
     {"do_pre_filter", &P::do_pre_filter, FLAG},
@@ -87,6 +90,11 @@ const Option options[] = {
     {"gid", &P::gid},
     {"skip_empty_templates", &P::skip_empty_templates, FLAG},
     {"clip_outliers", &P::clip_outliers},
+    {"auto", &P::auto_picks, FLAG},
+    {"robust_ice", &P::robust_ice, FLAG, &Given::robust_ice},
+    {"learn_template", &P::learn_template, FLAG, &Given::learn_template},
+    {"auto_cutoff", &P::auto_cutoff, FLAG, &Given::auto_cutoff},
+    {"write_learned", &P::write_learned, FLAG},
 };
 
 void* cleared_memory(size_t count, size_t bytes) {
@@ -203,6 +211,34 @@ void settle_options_not_given(Kestrix_Para* para, const Given& given) {
   }
 }
 
+// Working pixels along the particle at the least, where the raw pixels allow it.
+constexpr double kPixelsAcross = 24;
+
+// The parts of --auto that nothing given contradicts.
+void settle_auto(Kestrix_Para* para, const Given& given) {
+  para->keeps_min_dist = given.min_dist;
+  if (para->auto_picks) {
+    if (!given.robust_ice) para->robust_ice = !given.ice_limits;
+    if (!given.learn_template) para->learn_template = 1;
+    if (!given.auto_cutoff) para->auto_cutoff = !given.cc_cutoff;
+    para->keeps_cutoff = !para->auto_cutoff;
+    const double across = static_cast<double>(para->diameter) / (kPixelsAcross * static_cast<double>(para->apixM));
+    if (!given.speed) kestrix_set_shrink(para, std::max(1, saturating_int(across)));
+  }
+  if (!para->auto_template) para->learn_template = 0;
+}
+
+// What was given in place of a part of --auto, and what has no effect with it.
+void note_overridden_auto(const Kestrix_Para* para, const Given& given) {
+  if (!para->auto_picks) return;
+  if (given.cc_cutoff && !given.auto_cutoff)
+    safety_note(nullptr, "--cc_cutoff is given: it takes the place of the cutoff that --auto finds, in its units.");
+  if (given.ice_limits && !given.robust_ice)
+    safety_note(nullptr, "limits of ice detection are given: they take the place of those that --auto finds.");
+  if (given.speed) safety_note(nullptr, "--speed is given: it takes the place of the working pixel of --auto.");
+  if (given.band) safety_note(nullptr, "--lp and --hp have no effect with --auto, whose band follows the particle's size.");
+}
+
 void require_positive(const char* option, const char* meaning, float value) {
   if (!std::isfinite(value) || value <= 0)
     KESTRIX_FATAL("--%s is %g: %s must be a number above 0", option, static_cast<double>(value), meaning);
@@ -261,9 +297,11 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   para->auto_template = is_auto_template(para->T);
   derive_from_diameter(para, given);
   derive_pixel_values(para);
+  settle_auto(para, given);
   if (para->n_files == 0) kestrix_help_exit(argv[0], "No valid files to be processed.");
   if (check_and_set_gid(para->gid) == -1) kestrix_help_exit(argv[0], "Failed to find any usable GPU device!");
   settle_options_not_given(para, given);
+  note_overridden_auto(para, given);
 }
 
 int kestrix_find_device_argument(int argc, char** argv) {
@@ -297,6 +335,11 @@ void kestrix_check_parameters(const Kestrix_Para* para) {
     KESTRIX_FATAL("--ang_step is %g: the angular step must be a number of at least 0.001 degrees",
                   static_cast<double>(para->ang_step));
   refuse_own_lists(para);
+}
+
+void kestrix_set_shrink(Kestrix_Para* para, int shrink) {
+  para->shrink = shrink;
+  derive_pixel_values(para);
 }
 
 void kestrix_free_parameters(Kestrix_Para* para) {

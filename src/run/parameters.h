@@ -67,6 +67,14 @@ struct Kestrix_Para {
   char* first_file;           // first readable micrograph, set by main
   int skip_empty_templates;   // leave out templates that are zero everywhere
   float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
+  // Picks that need no tuning:
+  int auto_picks;      // all of what follows that the user hasn't set otherwise, on a working pixel of its own
+  int robust_ice;      // close ice pixel by pixel, by limits that the micrograph sets
+  int learn_template;  // match what the micrograph itself shows in place of the automatic template
+  int auto_cutoff;     // find the cutoff of each micrograph from its scores
+  int write_learned;   // write _learned.mrcs
+  int keeps_min_dist;  // 1: min_dist is the user's
+  int keeps_cutoff;    // 1: cc_cutoff is the user's
 };
 
 /// Allocates files for argc names and the text buffers, and sets every default. Values that depend on others
@@ -87,6 +95,9 @@ int kestrix_find_device_argument(int argc, char** argv);
 /// Ends the run with a fatal error that names the option, its value and what is allowed, if a pixel size, the
 /// diameter, the distance, the box or the angular step is one that no run can work with.
 void kestrix_check_parameters(const Kestrix_Para* para);
+
+/// Makes `shrink` raw pixels a side one working pixel, and works out the values in working pixels.
+void kestrix_set_shrink(Kestrix_Para* para, int shrink);
 
 /// Frees what the record owns, not the record.
 void kestrix_free_parameters(Kestrix_Para* para);

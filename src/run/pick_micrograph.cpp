@@ -17,6 +17,7 @@
 #include "platform/outputs.h"
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
+#include "run/auto_picks.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
 #include "str_utils.h"
@@ -49,6 +50,17 @@ void set_names(MicrographNames* names, const char* mic, const Kestrix_Para* para
 }
 
 int is_file_quorlin_done(const char* name) { return access(name, R_OK) == 0; }
+
+// What holds before anything is found.
+PickFindings findings_before(const Kestrix_Para* para) {
+  PickFindings findings{};
+  findings.matched = para->auto_template ? kDisc : kGivenTemplates;
+  findings.rule = kGivenCutoff;
+  findings.cutoff = findings.least = para->cc_cutoff;
+  findings.min_dist_px = para->min_dist_px;
+  findings.distinct = para->auto_picks;
+  return findings;
+}
 
 bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   if (!para->do_unfinished) return false;
@@ -115,6 +127,9 @@ bool is_finite(const float* d, size_t n) {
 bool upload_working_image(Run* run, const char* name, bool readable) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
+  const int shrink = run->para.shrink;
+  if (run->para.auto_picks)
+    tame_outliers(run->host.work_mic, s.nx / (2 * shrink) * 2, s.ny / (2 * shrink) * 2, s.work_nx, name);
   cpu_2d_extend_even(run->host.work_mic, s.nx, s.ny, run->para.shrink);
   CHECK_DEVICE(cudaMemcpy(run->device.d_mic, run->host.work_mic, pixels * sizeof(float), cudaMemcpyHostToDevice));
   if (!is_finite(run->host.work_mic, pixels)) {
@@ -173,15 +188,30 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
   const bool open = close_cells(run, names, excluded_n);
+  if (uses_auto_parts(&para)) set_open_area(run);
+  const bool learns = para.auto_picks || para.learn_template;
+  if (learns) learn_template(run, names->mic, usable);
+  const bool filters = para.do_bandpass && !para.auto_picks;
   // Ice detection has left the transform of d_mic.
-  if (para.do_bandpass && !para.detect_ice) hcuda_2d_mpad_transform(&run->pad, d_mic);
-  if (para.do_bandpass) hcuda_2d_bandpass_guas_transformed(&run->pad, d_mic, apix, para.lp, para.hp);
+  if (filters && (!para.detect_ice || learns)) hcuda_2d_mpad_transform(&run->pad, d_mic);
+  if (filters) hcuda_2d_bandpass_guas_transformed(&run->pad, d_mic, apix, para.lp, para.hp);
   // The band-pass leaves any scale; what follows takes it out, over the open area alone.
   hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
+  if (para.robust_ice || para.auto_picks) hcuda_x1d_multi(d_mask, d_mask, run->autos.d_open, pixels);
   if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
   hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
   if (usable && open) note_not_normalised(run, names->mic);
   if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
+}
+
+// The least score of a candidate: 0 where the cutoff is yet to be found.
+float candidate_cutoff(const Kestrix_Para& para) { return para.auto_cutoff ? 0.0f : para.cc_cutoff; }
+
+void make_template_maps(Run* run, const float* T) {
+  const Kestrix_Para& para = run->para;
+  const DeviceBuffers& device = run->device;
+  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
+                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
 }
 
 // The peaks of one template, from its maps or without them.
@@ -197,22 +227,40 @@ void find_template_peaks(Run* run, const float* T) {
                  run->peaks.excluded, run->peaks.n_excluded);
     return;
   }
-  quorlin_ccmax_psi_by_one_template(&run->scan, device.d_mic, device.d_mask, device.d_ccmax, device.d_psi, 1, T,
-                                    para.radius_px, para.psi_start, para.psi_end, para.ang_step);
+  make_template_maps(run, T);
   gpu_find_filter_ccmax_psi_grids_exclusive(&run->peaks, device.d_ccmax, device.d_psi, host.grid_index, host.grid_cc,
-                                            host.grid_psi, para.cc_cutoff, s.work_nx, s.work_ny, s.grid_size,
+                                            host.grid_psi, candidate_cutoff(para), s.work_nx, s.work_ny, s.grid_size,
                                             run->peaks.excluded, run->peaks.n_excluded);
 }
 
-// One template: scan, peaks, candidate lines.
+// Takes peaks out that stand where pixels are closed.
+void drop_closed_peaks(Run* run) {
+  unsigned* index = run->host.grid_index;
+  for (size_t i = 0; i < grid_cells(run); i++)
+    if (index[i] != 0 && run->autos.host_open[index[i]] == 0.0f) index[i] = 0;
+}
+
+void write_template_candidates(Run* run, const float* T, int t, FILE* nonunique) {
+  const RunSizes& s = run->sizes;
+  find_template_peaks(run, T);
+  if (run->para.robust_ice) drop_closed_peaks(run);
+  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
+                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny,
+                                run->para.boxsize / run->para.shrink);
+}
+
+// One template: scan, peaks, candidate lines; with --auto the maps alone, as candidates are those of all templates.
 void match_template(Run* run, int t, FILE* nonunique) {
   const Kestrix_Para& para = run->para;
-  const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
+  const float* T = run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run);
   printf("Template %03d\n", t + 1);
-  find_template_peaks(run, run->device.d_T_stack + static_cast<size_t>(t) * template_pixels(run));
-  output_quorlin_coord_one_temp(nonunique, run->host.grid_index, run->host.grid_cc, run->host.grid_psi, t,
-                                static_cast<int>(grid_cells(run)), s.work_nx, s.work_ny, para.boxsize / para.shrink);
+  if (para.auto_picks) {
+    make_template_maps(run, T);
+  } else {
+    write_template_candidates(run, T, t, nonunique);
+  }
+  if (run->autos.d_ccmin) take_template_maps(run, t);
   if (para.write_ccmax_mic)
     CHECK_DEVICE(cudaMemcpy(run->host.ccmax_stack + static_cast<size_t>(t) * pixels, run->device.d_ccmax,
                             pixels * sizeof(float), cudaMemcpyDeviceToHost));
@@ -220,19 +268,44 @@ void match_template(Run* run, int t, FILE* nonunique) {
 
 void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   quorlin_transform_micrograph(&run->scan, run->device.d_mic);
+  if (run->autos.d_ccmin) begin_template_maps(run);
   for (int t = 0; t < run->sizes.T_num; t++)
     if (!run->host.T_empty[t]) match_template(run, t, nonunique);
+  if (run->para.auto_picks) {
+    pick_peaks(run, nonunique);
+  } else if (run->para.auto_cutoff) {
+    find_run_cutoff(run);
+  }
   if (!run->para.write_ccmax_mic) return;
   char name[kTextBytes];
   set_outname_by_suffix(name, mic, "_ccmax.mrc");
   mrcf_write_xyz_data(name, run->host.ccmax_stack, run->sizes.work_nx, run->sizes.work_ny, run->sizes.T_num);
 }
 
+// The map of the template that --auto has found, in its scores.
+void write_own_map(Run* run, const char* mic) {
+  const SizeScanResult& found = run->autos.found;
+  if (!found.usable) return;
+  DiscWindow window = radial_window_new(&run->pad, found.found.values, found.found.n, found.found.step);
+  correlate_with_window(&run->pad, &window, run->device.d_mic, run->device.d_ccmax);
+  disc_window_free(&window);
+  write_device_image(run->device.d_ccmax, run, mic, "_ccmax.mrc");
+}
+
+// With --auto: the peaks of the template that the micrograph has been found to ask for.
+void match_own_template(Run* run, const char* mic, FILE* nonunique) {
+  printf("Template 001\n.\n");
+  pick_peaks(run, nonunique);
+  if (run->para.write_ccmax_mic) write_own_map(run, mic);
+}
+
 void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
   const Kestrix_Para& para = run->para;
-  box_filter(run->sizes.shrink_nx, run->sizes.shrink_ny, para.min_dist_px, para.cc_cutoff,
-             static_cast<float>(para.shrink), para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique),
-             names->excluded, out, kind);
+  const PickFindings& found = run->findings;
+  const auto select = found.distinct ? box_filter_distinct : box_filter;
+  select(run->sizes.shrink_nx, run->sizes.shrink_ny, found.min_dist_px, found.cutoff, static_cast<float>(para.shrink),
+         para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique), names->excluded, out,
+         kind);
 }
 
 // The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: it
@@ -263,6 +336,7 @@ void pick_micrograph(Run* run, const char* mic) {
     time_drop();
     return;
   }
+  run->findings = findings_before(&run->para);
   const long notes_before = safety_notes_said();
   outputs_hold();
   FILE* nonunique = output_open(names.nonunique, "main", unit, __LINE__);
@@ -283,9 +357,14 @@ void pick_micrograph(Run* run, const char* mic) {
   time_pop("NORMALIZATION");
 
   time_push();
-  match_all_templates(run, mic, nonunique);
+  if (matches_own_template(&run->para)) {
+    match_own_template(run, mic, nonunique);
+  } else {
+    match_all_templates(run, mic, nonunique);
+  }
   KESTRIX_OUTPUT_CLOSE(nonunique);
   select_picks(run, &names);
+  if (uses_auto_parts(&run->para)) tell_findings(run, mic);
   tally_micrograph(&run->tally, mic, output_at_hand(names.nonunique), output_at_hand(names.box), notes_before,
                    &run->para);
   publish_outputs_of(&names);

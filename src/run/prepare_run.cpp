@@ -6,6 +6,7 @@
 #include "cuda_general.h"
 #include "formats/mrc_diagnosis.h"
 #include "platform/failure.h"
+#include "run/auto_picks.h"
 #include "run/picking.h"
 #include "run/reports.h"
 #include "run/setting_notes.h"
@@ -68,6 +69,7 @@ void prepare_run(Run* run) {
   Kestrix_Para* para = &run->para;
   CHECK_DEVICE(cudaSetDevice(para->gid));
   read_first_header(run);
+  limit_auto_shrink(para, run->first_head.nx, run->first_head.ny);
   set_run_sizes(run);
   // The disc is the same at every angle: one is enough.
   if (para->auto_template) para->ang_step = 360.0f;

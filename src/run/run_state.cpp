@@ -10,6 +10,7 @@
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "process2d_raw.h"
+#include "run/auto_picks.h"
 #include "templates/templates.h"
 
 namespace {
@@ -69,6 +70,10 @@ void set_run_sizes(Run* run) {
 void acquire_templates(Run* run) {
   const Kestrix_Para& para = run->para;
   RunSizes& s = run->sizes;
+  if (matches_own_template(&para)) {
+    s.T_num = 1;
+    return;
+  }
   run->host.T_stack = get_or_create_template_data(s.T_nx, s.T_ny, s.T_num, para.T, para.radius_px, para.apixT,
                                                   para.apixM, para.shrink, para.center1_ratio, s.work_nx);
 }
@@ -80,17 +85,25 @@ float micrograph_band(const Kestrix_Para& para) {
   return band > 0 ? std::min(band, kFullBand) : kFullBand;
 }
 
-IceSettings ice_settings(const Kestrix_Para& para) {
+// The pixels' own limits are found with windows as sharp as a pixel.
+constexpr float kSharpEdge = 1.0f;
+
+IceSettings ice_settings(const Kestrix_Para& para, const RunSizes& s) {
   return {para.lave_min,
           para.lave_max,
           para.lsigma_cutoff,
           para.lave_radius_px,
           para.lsigma_radius_px,
-          para.local_edge_width,
+          para.robust_ice ? kSharpEdge : para.local_edge_width,
           para.shrink,
           para.write_rejected_box != 0,
           para.write_bg_mic != 0,
-          para.write_lsigma_mic != 0};
+          para.write_lsigma_mic != 0,
+          para.robust_ice != 0,
+          para.diameter / (static_cast<float>(para.shrink) * para.apixM),
+          para.min_dist_px / 2,
+          s.nx / (2 * para.shrink) * 2,
+          s.ny / (2 * para.shrink) * 2};
 }
 
 void allocate_run(Run* run) {
@@ -115,12 +128,16 @@ void allocate_run(Run* run) {
   for (float** buffer : {&device.d_mic, &device.d_ccmax, &device.d_psi, &device.d_mask})
     *buffer = device_new<float>(pixels);
   device.d_grid = device_new<unsigned>(cells);
-  if (para.detect_ice || para.do_bandpass || para.do_pre_filter) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
-  if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, ice_settings(para));
+  if (para.detect_ice || para.do_bandpass || para.do_pre_filter || uses_auto_parts(&para))
+    run->pad = mirror_pad_new(s.work_nx, s.work_ny);
+  if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, ice_settings(para, s));
+  auto_buffers_new(run);
   run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);
+  if (matches_own_template(&para)) return;
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
   run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
-                                 para.write_ccmax_mic ? 0 : s.grid_size);
+                                 para.write_ccmax_mic || para.auto_cutoff || para.auto_picks ? 0 : s.grid_size);
+  run->scan.ccmin = run->autos.d_ccmin;
 }
 
 // Whether template t is zero everywhere and to be left out for it; says so.
@@ -131,6 +148,7 @@ bool leaves_out(const Kestrix_Para* para, const float* T, size_t n, int t) {
 }
 
 void prepare_templates(Run* run) {
+  if (matches_own_template(&run->para)) return;
   const Kestrix_Para& para = run->para;
   const RunSizes& s = run->sizes;
   run->host.T_empty = host_new<bool>(static_cast<size_t>(s.T_num));
@@ -165,6 +183,7 @@ void free_run(Run* run) {
   for (float* buffer : {device.d_T_stack, device.d_mic, device.d_ccmax, device.d_psi, device.d_mask}) cudaFree(buffer);
   cudaFree(device.d_grid);
   if (run->ice.host_grid) ice_workspace_free(&run->ice);
+  auto_buffers_free(&run->autos);
   mirror_pad_free(&run->pad);
   scan_workspace_free(&run->scan);
   peak_workspace_free(&run->peaks);

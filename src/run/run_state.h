@@ -5,8 +5,10 @@
 #include "conditioning/conditioning.h"
 #include "mrcfile.h"
 #include "quorlin56.h"
+#include "run/findings.h"
 #include "run/parameters.h"
 #include "run/tally.h"
+#include "templates/size_scan.h"
 
 /// Sizes of the run, from the first micrograph's header and the templates. "Shrunk" pixels are pixels of
 /// apixM * shrink Å.
@@ -42,6 +44,18 @@ struct DeviceBuffers {
   unsigned* d_grid;  // one per cell: 0, or the pixel that marks the cell as closed to picking
 };
 
+/// What the parts that need no tuning share; empty where none is asked for.
+struct AutoBuffers {
+  SizeScan sizes;        // empty where no template is looked for
+  SizeScanResult found;  // of the micrograph at hand
+  float* d_open;         // device, work_nx*work_ny: 1 where peaks count, else 0
+  float* host_open;      // the same on the host
+  // The best of all templates, for the cutoff; null without it or where the template is found:
+  TemplateMaps all;    // device, work_nx*work_ny each
+  float* d_ccmin;      // device, work_nx*work_ny: the lowest score of the current template
+  float* host_map[4];  // the same on the host
+};
+
 struct Run {
   Kestrix_Para para;
   MRC_HEAD first_head;  // of the first readable micrograph
@@ -53,6 +67,8 @@ struct Run {
   ScanWorkspace scan;
   PeakWorkspace peaks;
   RunTally tally;
+  AutoBuffers autos;
+  PickFindings findings;  // of the micrograph at hand
 };
 
 /// Sets the sizes that follow from the first micrograph's header and the parameters, all but the templates'. Ends the

@@ -47,7 +47,7 @@ void simulate_micrograph(const Settings& settings, const Phantom& phantom, long 
 int main(int argc, char** argv) {
   Settings settings;
   if (!settings_from_arguments(argc, argv, &settings)) return 0;
-  const Phantom phantom = make_phantom(settings.diameter);
+  const Phantom phantom = make_phantom(settings.diameter, settings.shape);
   if (settings.templates > 0) {
     const std::string name = std::string(settings.prefix) + "templates.mrcs";
     write_templates(name.c_str(), settings, phantom);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "simulate/random.h"
@@ -10,15 +11,18 @@ namespace {
 
 constexpr double kDegree = 0.017453292519943295;
 constexpr double kSqrtTwoPi = 2.5066282746310002;
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kGoldenAngle = 2.399963229728653;
 
 /// Half axes of the ellipsoid that holds the body, as shares of the particle's radius.
 constexpr double kHalfAxes[3] = {1.0, 0.86, 0.74};
+constexpr double kBallAxes[3] = {1.0, 1.0, 1.0};
 
 /// Centres keep this distance, in particle radii, so that the body fills its ellipsoid.
 constexpr double kLeastDistance = 0.24;
 
-/// A Gaussian somewhere in the ellipsoid such that most of it stays inside. Unit: the particle's radius.
-Blob random_blob(Random* random) {
+/// A Gaussian somewhere in an ellipsoid such that most of it stays inside. Unit: the particle's radius.
+Blob random_blob(Random* random, const double half_axes[3]) {
   Blob blob;
   blob.sigma = random_between(random, 0.06, 0.14);
   blob.density = random_between(random, 0.5, 1.5);
@@ -26,9 +30,9 @@ Blob random_blob(Random* random) {
     const double u = random_between(random, -1, 1), v = random_between(random, -1, 1),
                  w = random_between(random, -1, 1);
     if (u * u + v * v + w * w > 1) continue;
-    blob.x = u * (kHalfAxes[0] - 1.5 * blob.sigma);
-    blob.y = v * (kHalfAxes[1] - 1.5 * blob.sigma);
-    blob.z = w * (kHalfAxes[2] - 1.5 * blob.sigma);
+    blob.x = u * (half_axes[0] - 1.5 * blob.sigma);
+    blob.y = v * (half_axes[1] - 1.5 * blob.sigma);
+    blob.z = w * (half_axes[2] - 1.5 * blob.sigma);
     return blob;
   }
 }
@@ -41,11 +45,34 @@ bool keeps_distance(const Blob& blob, const Blob* others, int count) {
   return true;
 }
 
-void fill_body(Random* random, Phantom* phantom) {
+void fill_ellipsoid(Random* random, const double half_axes[3], Phantom* phantom) {
   for (int count = 0; count < kBlobs;) {
-    const Blob blob = random_blob(random);
+    const Blob blob = random_blob(random, half_axes);
     if (keeps_distance(blob, phantom->blobs, count)) phantom->blobs[count++] = blob;
   }
+}
+
+/// Evenly over a sphere, along a spiral from pole to pole.
+Blob shell_blob(int i) {
+  const double z = 1 - (2 * i + 1.0) / kBlobs, rho = std::sqrt(1 - z * z), angle = kGoldenAngle * i;
+  return {0.83 * rho * std::cos(angle), 0.83 * rho * std::sin(angle), 0.83 * z, 0.13, 1};
+}
+
+/// In four layers of ten around an empty channel.
+Blob barrel_blob(int i) {
+  const int layer = i / 10;
+  const double angle = kTwoPi * (i + 0.5 * (layer % 2)) / 10;
+  return {0.56 * std::cos(angle), 0.56 * std::sin(angle), -0.54 + 0.36 * layer, 0.13, 1};
+}
+
+/// Along a tight helix, a third as thick as it is long.
+Blob rod_blob(int i) {
+  const double angle = kGoldenAngle * i;
+  return {-0.8 + 1.6 * i / (kBlobs - 1.0), 0.16 * std::cos(angle), 0.16 * std::sin(angle), 0.11, 1};
+}
+
+void place_blobs(Phantom* phantom, Blob (*blob)(int)) {
+  for (int i = 0; i < kBlobs; i++) phantom->blobs[i] = blob(i);
 }
 
 double blob_mass(const Blob& blob) { return blob.density * std::pow(blob.sigma * kSqrtTwoPi, 3); }
@@ -89,10 +116,24 @@ void add_spot(const Spot& spot, double cx, double cy, double apix, float* image,
 
 }  // namespace
 
-Phantom make_phantom(double diameter) {
+bool shape_from_name(const char* name, Shape* shape) {
+  static constexpr const char* kNames[] = {"body", "ball", "shell", "barrel", "rod"};
+  for (int i = 0; i < 5; i++)
+    if (strcmp(name, kNames[i]) == 0) {
+      *shape = static_cast<Shape>(i);
+      return true;
+    }
+  return false;
+}
+
+Phantom make_phantom(double diameter, Shape shape) {
   Random random = random_stream(0, Stream::phantom, 0, 0);
   Phantom phantom;
-  fill_body(&random, &phantom);
+  if (shape == Shape::body) fill_ellipsoid(&random, kHalfAxes, &phantom);
+  if (shape == Shape::ball) fill_ellipsoid(&random, kBallAxes, &phantom);
+  if (shape == Shape::shell) place_blobs(&phantom, shell_blob);
+  if (shape == Shape::barrel) place_blobs(&phantom, barrel_blob);
+  if (shape == Shape::rod) place_blobs(&phantom, rod_blob);
   move_centre_of_mass_to_origin(&phantom);
   const double radius = diameter / 2;
   for (Blob& blob : phantom.blobs) {

@@ -28,9 +28,16 @@ struct Spot {
   double height;
 };
 
-/// The particle of a diameter in Å: always the same body, scaled. It lies within the sphere of that diameter
+/// What the particle looks like: a lumpy body without symmetry, a lumpy ball, a hollow sphere, a
+/// hollow barrel, a rod.
+enum class Shape { body, ball, shell, barrel, rod };
+
+/// Finds the shape of a name. Returns false for a name that no shape has.
+bool shape_from_name(const char* name, Shape* shape);
+
+/// The particle of a diameter in Å: for each shape always the same, scaled. It lies within the sphere of that diameter
 /// but for the outer tails of its Gaussians.
-Phantom make_phantom(double diameter);
+Phantom make_phantom(double diameter, Shape shape = Shape::body);
 
 /// Density of the particle at a point in Å.
 double phantom_density(const Phantom& phantom, double x, double y, double z);

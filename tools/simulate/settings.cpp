@@ -29,6 +29,7 @@ Settings default_settings() {
   s.frames = 1;
   s.seed = 1;
   s.diameter = 260;
+  s.shape_name = "body";
   s.count = static_cast<long>(kDerived);
   s.coverage = 0.2;
   s.min_spacing = s.margin = kDerived;
@@ -55,6 +56,8 @@ std::vector<Option> option_table(Settings* s) {
       {"frames", integer, &s->frames, 1, 10000, nullptr, "sections per file, each of the dose and snr given"},
       {"seed", integer, &s->seed, 0, kMostSeed, nullptr, "the same seed gives the same files"},
       {"diameter", real, &s->diameter, 10, 10000, nullptr, "particle diameter, Å"},
+      {"shape", OptionKind::text, &s->shape_name, 0, 0, nullptr,
+       "of the particle: body (lumpy), ball, shell (hollow), barrel, rod"},
       {"count", integer, &s->count, 0, 100000, "from coverage", "particles per micrograph"},
       {"coverage", real, &s->coverage, 0, 1, nullptr, "share of the area within the margins under particles"},
       {"min_spacing", real, &s->min_spacing, 0, 1e6, "1.1 x diameter", "least distance of two centres, Å"},
@@ -109,6 +112,8 @@ bool settings_from_arguments(int argc, char** argv, Settings* settings) {
     print_help("[options]", kPurpose, options.data(), options.size());
     return false;
   }
+  if (!shape_from_name(settings->shape_name, &settings->shape))
+    refuse("--shape is %s, but must be body, ball, shell, barrel or rod", settings->shape_name);
   derive_defaults(settings);
   refuse_unworkable(*settings);
   return true;

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "simulate/ctf.h"
+#include "simulate/phantom.h"
 
 /// Settings of one run of kestrix_simulate. Lengths in Å unless another unit is given.
 struct Settings {
@@ -15,6 +16,8 @@ struct Settings {
   long frames;  // sections of each micrograph
   long seed;
   double diameter;  // of the particle
+  const char* shape_name;
+  Shape shape;
   long count;       // particles per micrograph
   double coverage;  // share of the area between the margins that particles cover, where count isn't given
   double min_spacing;

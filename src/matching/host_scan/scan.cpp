@@ -158,15 +158,15 @@ void host_scan_transform_micrograph(HostScan* scan, const float* mic) {
 }
 
 void host_scan_template(HostScan* scan, const float* T, const float* psi, int n_angles, float divisor, float* ccmax,
-                        float* map_psi) {
+                        float* map_psi, float* ccmin) {
   auto* turns = host_new<TurnPair>(static_cast<size_t>(scan->boxes.room));
-  score_maps_begin(scan);
+  score_maps_begin(scan, ccmin != nullptr);
   for (int first = 0; first < n_angles; first += scan->boxes.room) {
     turn_boxes(&scan->boxes, T, psi + first, std::min(scan->boxes.room, n_angles - first));
     const int n_pairs = pair_turns(scan->boxes, psi + first, turns);
     score_maps_take(scan, turns, static_cast<size_t>(n_pairs), psi + first);
   }
-  score_maps_write(scan, divisor, ccmax, map_psi);
+  score_maps_write(scan, divisor, ccmax, map_psi, ccmin);
   free(turns);
 }
 

@@ -24,9 +24,10 @@ void host_scan_transform_micrograph(HostScan* scan, const float* mic);
 
 /// Correlates the template T (T_nx*T_ny floats), turned by each of the angles psi (n_angles of them, in degrees,
 /// ascending), with the micrograph. Writes the largest correlation of each pixel, re-centred, divided by divisor, into
-/// ccmax and, unless map_psi is null, the earliest angle that gave it into map_psi: nx*ny floats each.
+/// ccmax and, unless map_psi is null, the earliest angle that gave it into map_psi, and, unless ccmin is null, the
+/// lowest one into ccmin: nx*ny floats each.
 void host_scan_template(HostScan* scan, const float* T, const float* psi, int n_angles, float divisor, float* ccmax,
-                        float* map_psi);
+                        float* map_psi, float* ccmin = nullptr);
 
 /// The peaks of the same map: for each cell of the grid the pixel y*nx + x of its largest value, the first in row order
 /// of those that tie, 0 if that is the cell's first pixel; the value; the earliest angle that gave it. Cells whose

@@ -16,6 +16,8 @@ struct ScoreMaps {
   size_t product_rows;  // of a product's block: the side in y, up to a multiple of eight
   LaneValue* products;  // for each pair of turns 2 * blocks * product_rows: columns done
   LaneValue* best;      // strips * nx: as re the largest correlation so far, as im its angle
+  bool wants_least;
+  Lane* least;  // strips * nx: the lowest correlation so far; null until it is wanted
 };
 
 namespace {
@@ -63,6 +65,22 @@ KERNEL_LOOP bool update_strip(const LaneValue* values, const LaneValue* half_tur
   return any;
 }
 
+// Takes the lowest of the same correlations.
+template <bool HasHalfTurns>
+KERNEL_LOOP void take_least(const LaneValue* values, const LaneValue* half_turns, Lane* least, size_t n, size_t step,
+                            bool has_second) {
+  for (size_t x = 0; x < n; x++) {
+    Lane low = least[x * step];
+    low = values[x].im < low ? values[x].im : low;
+    if (has_second) low = values[x].re < low ? values[x].re : low;
+    if constexpr (HasHalfTurns) {
+      low = half_turns[x].im < low ? half_turns[x].im : low;
+      if (has_second) low = -half_turns[x].re < low ? -half_turns[x].re : low;
+    }
+    least[x * step] = low;
+  }
+}
+
 // Gives pixels where angles tie the smallest one.
 void settle_ties(const LaneValue* values, LaneValue* maps, size_t n, size_t step, const PairAngles& psi) {
   for (size_t x = 0; x < n; x++) {
@@ -107,6 +125,9 @@ void fold_rows(const HostScan* scan, const TurnPair& turns, const float* psi, si
       lane_fft_part(plan, half_turn_parts, static_cast<int>(first), scratch.other_out, 1, passes);
     const auto update = turns.has_half_turns ? update_strip<true> : update_strip<false>;
     if (update(scratch.out, scratch.other_out, best, n, step, angles)) settle_ties(scratch.out, best, n, step, angles);
+    if (!scan->maps->wants_least) continue;
+    const auto take = turns.has_half_turns ? take_least<true> : take_least<false>;
+    take(scratch.out, scratch.other_out, scan->maps->least + strip * width_of(scan) + first, n, step, angles.has_second);
   }
 }
 
@@ -125,6 +146,17 @@ KERNEL_LOOP void take_only_angle(const Lane* values, LaneValue* best, size_t n, 
   for (size_t x = 0; x < n; x++) take_best(&best[x], values[2 * x], psi);
 }
 
+KERNEL_LOOP void take_only_least(const Lane* values, Lane* least, size_t n) {
+  for (size_t x = 0; x < n; x++) least[x] = values[2 * x] < least[x] ? values[2 * x] : least[x];
+}
+
+// The one angle's correlations of a strip, every other Lane of values, to the maps.
+void take_strip_of_only_angle(const HostScan* scan, const Lane* values, size_t strip, float psi) {
+  const size_t first = strip * width_of(scan);
+  take_only_angle(values, scan->maps->best + first, width_of(scan), psi);
+  if (scan->maps->wants_least) take_only_least(values, scan->maps->least + first, width_of(scan));
+}
+
 // The inverse in x of two strips of the one angle's products, taken into the maps.
 void fold_row_pairs(const HostScan* scan, float psi, size_t strip, size_t other) {
   const ThreadScratch scratch = scratch_of_thread(scan);
@@ -140,9 +172,8 @@ void fold_row_pairs(const HostScan* scan, float psi, size_t strip, size_t other)
   }
   join_spectra(scratch.in, scratch.other_out, static_cast<size_t>(part.samples.n));
   lane_fft(&part.samples, scratch.in, scratch.out, scratch.passes);
-  take_only_angle(&scratch.out->im, scan->maps->best + strip * width_of(scan), width_of(scan), psi);
-  if (other < strips_of(scan))
-    take_only_angle(&scratch.out->re, scan->maps->best + other * width_of(scan), width_of(scan), psi);
+  take_strip_of_only_angle(scan, &scratch.out->im, strip, psi);
+  if (other < strips_of(scan)) take_strip_of_only_angle(scan, &scratch.out->re, other, psi);
 }
 
 // Correlates `count` pairs of turns of the template with the micrograph and takes the results into the maps.
@@ -173,15 +204,16 @@ void scan_pairs(const HostScan* scan, const TurnPair* turns, const float* psi, s
   }
 }
 
-// A strip of one of the two maps, over the divisor, to the rows `to` of an image, the place of the score added in x.
-void write_strip(const HostScan* scan, const Lane* values, float divisor, float* const* to, int rows) {
+// A strip of a map, every step-th Lane of values, over the divisor, to the rows `to` of an image, the place of the score
+// added in x.
+void write_strip(const HostScan* scan, const Lane* values, int step, float divisor, float* const* to, int rows) {
   const int nx = scan->nx;
   const int place = place_of_score(nx, scan->T_nx);
   for (int x = 0; x < nx; x += kLanes) {
     const int n = std::min(kLanes, nx - x);
     Lane in[kLanes]{};
     Lane out[kLanes];
-    for (int i = 0; i < n; i++) in[i] = values[2 * (x + i)] / divisor;
+    for (int i = 0; i < n; i++) in[i] = values[step * (x + i)] / divisor;
     lane_transpose(in, 1, out, 1);
     const int at = (x + place) % nx;
     const int before_edge = std::min(n, nx - at);
@@ -206,6 +238,7 @@ size_t score_maps_bytes_of_pair(const HostScan* scan) {
 
 ScoreMaps* score_maps_new(const HostScan* scan) {
   auto* maps = host_new<ScoreMaps>(1);
+  *maps = ScoreMaps{};
   maps->product_rows = region_of(scan).rows;
   maps->products = lane_values_new(static_cast<size_t>(scan->pairs) * 2 * region_of(scan).blocks * maps->product_rows);
   maps->best = lane_values_new(strips_of(scan) * width_of(scan));
@@ -216,10 +249,16 @@ void score_maps_free(ScoreMaps* maps) {
   if (!maps) return;
   free(maps->products);
   free(maps->best);
+  free(maps->least);
   free(maps);
 }
 
-void score_maps_begin(const HostScan* scan) {
+void score_maps_begin(const HostScan* scan, bool with_least) {
+  const size_t lanes = strips_of(scan) * width_of(scan);
+  ScoreMaps* maps = scan->maps;
+  maps->wants_least = with_least;
+  if (with_least && !maps->least) maps->least = &lane_values_new((lanes + 1) / 2)->re;
+  if (with_least) std::fill_n(maps->least, lanes, Lane{} + std::numeric_limits<float>::infinity());
   std::fill_n(scan->maps->best, strips_of(scan) * width_of(scan),
               LaneValue{Lane{} - std::numeric_limits<float>::infinity(), Lane{}});
 }
@@ -229,7 +268,7 @@ void score_maps_take(const HostScan* scan, const TurnPair* turns, size_t n_pairs
   for (size_t i = 0; i < n_pairs; i += batch) scan_pairs(scan, turns + i, psi, std::min(batch, n_pairs - i));
 }
 
-void score_maps_write(const HostScan* scan, float divisor, float* ccmax, float* map_psi) {
+void score_maps_write(const HostScan* scan, float divisor, float* ccmax, float* map_psi, float* ccmin) {
   const int place = place_of_score(scan->ny, scan->T_ny);
 #pragma omp parallel for schedule(static) num_threads(scan->threads)
   for (size_t strip = 0; strip < strips_of(scan); strip++) {
@@ -237,13 +276,16 @@ void score_maps_write(const HostScan* scan, float divisor, float* ccmax, float* 
     const int rows = std::min(kLanes, scan->ny - first);
     float* to_ccmax[kLanes];
     float* to_psi[kLanes];
+    float* to_ccmin[kLanes];
     for (int y = 0; y < rows; y++) {
       const size_t row = pixel_at(0, (first + y + place) % scan->ny, scan->nx);
       to_ccmax[y] = ccmax + row;
       if (map_psi) to_psi[y] = map_psi + row;
+      if (ccmin) to_ccmin[y] = ccmin + row;
     }
     const LaneValue* best = scan->maps->best + strip * width_of(scan);
-    write_strip(scan, &best->re, divisor, to_ccmax, rows);
-    if (map_psi) write_strip(scan, &best->im, 1, to_psi, rows);
+    write_strip(scan, &best->re, 2, divisor, to_ccmax, rows);
+    if (map_psi) write_strip(scan, &best->im, 2, 1, to_psi, rows);
+    if (ccmin) write_strip(scan, scan->maps->least + strip * width_of(scan), 1, divisor, to_ccmin, rows);
   }
 }

@@ -1,0 +1,62 @@
+// The template that a micrograph asks for: of balls of several sizes the one whose peaks stand out most against decoys,
+// and the mean of what they show, if that stands out more.
+#pragma once
+
+#include "conditioning/size_band.h"
+#include "particles/score_peaks.h"
+#include "templates/round_template.h"
+
+/// Sizes that are tried, in expected diameters.
+constexpr int kSizes = 4;
+constexpr float kSizeShares[kSizes] = {0.64f, 0.8f, 1.0f, 1.25f};
+
+/// What the scan goes by. Lengths in working pixels.
+struct SizeScanSettings {
+  float diameter;        // expected
+  float least_distance;  // of two peaks; 0: 0.8 times the size tried
+  int true_nx, true_ny;  // the micrograph in the working image
+};
+
+/// Buffers and the balls' windows of a run's scans of nx by ny images.
+struct SizeScan {
+  int nx, ny;
+  SizeScanSettings settings;
+  SizeBand band;
+  DiscWindow balls[kSizes];
+  float* d_band;      // device, nx*ny: the band of the last size
+  float* d_scores;    // device, nx*ny
+  float* host;        // host, nx*ny
+  float* host_open;   // host, nx*ny
+};
+
+/// What was found. Scores are in robust deviations of their map over the open area.
+struct SizeScanResult {
+  bool usable;             // whether the open area has any variation; if not, all else is empty
+  float share;             // the size in expected diameters
+  bool learned;            // whether the mean won; else it is the ball
+  double excess;           // of peaks over decoys, by which the template won
+  RoundTemplate found;     // the template
+  float band_size;         // size of the band that it is matched in, pixels
+  PeakList peaks, decoys;  // of its map
+};
+
+/// Allocates and prepares for images of pad's size; released with size_scan_free. Ends the run on a device error.
+SizeScan size_scan_new(MirrorPad* pad, const SizeScanSettings& settings);
+void size_scan_free(SizeScan* scan);
+
+/// Scans the image (device, nx*ny) over sizes where open (device, nx*ny, 1 or 0) lets it. d_scores holds the winning map
+/// afterwards, each pixel for the place half a pixel before it, not yet in robust deviations. The caller frees the result
+/// with size_scan_result_free.
+SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, const float* open, bool all_open);
+
+void size_scan_result_free(SizeScanResult* result);
+
+/// Peaks and decoys of a map of scores (host, nx*ny) by the settings' borders, for particles of `size` pixels and with
+/// least_distance between two of them. Scores are divided by `deviation`. open: host, as the map.
+struct PeaksAndDecoys {
+  PeakList peaks, decoys;
+};
+PeakArea peak_area(const SizeScanSettings& settings, int nx, const float* open, float least_distance);
+
+/// The least distance of two peaks of particles of `size` pixels.
+float peak_distance(const SizeScanSettings& settings, float size);
