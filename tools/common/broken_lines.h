@@ -1,0 +1,28 @@
+// Lines and files that make no sense: named, counted, and passed over unless the user wants them to end the work.
+#pragma once
+
+#include <string>
+
+/// Of one run of a tool.
+class BrokenLines {
+ public:
+  explicit BrokenLines(bool strict) : strict_(strict) {}
+
+  /// Notes line `number` of a file, with the reason. Ends the run where it is strict. Of each file the first ten are
+  /// printed, the others counted.
+  void note_line(const std::string& file, long number, const std::string& reason);
+
+  /// Notes a whole file that is left out. Ends the run where it is strict.
+  void note_file(const std::string& file, const std::string& reason);
+
+  /// Prints what was counted only. Returns the exit status: 0, or 3 where anything was passed over.
+  int finish();
+
+ private:
+  void print_uncounted();
+
+  bool strict_;
+  bool any_ = false;
+  std::string file_;  // of the last line noted
+  long lines_in_file_ = 0;
+};
