@@ -188,7 +188,7 @@ TEST_F(Lists, SplitReadsAnyParticleTable) {
       "M/a.mrc 20.5 10.25\n'M/b.mrcs' 40 30\n\n# aside\nM/a.mrc 60 50\nM/a.mrc 60\n\ndata_more\n\n_rlnX 5\n");
   const ProgramRun done = run("split p.star _bad.star --dir .");
   EXPECT_EQ(3, done.status);
-  EXPECT_TRUE(holds(done.errors, "p.star: line 23 left out: 2 words for 3 columns")) << done.errors;
+  EXPECT_TRUE(holds(done.errors, "p.star: line 24 left out: 2 words for 3 columns")) << done.errors;
   const std::string head = "\ndata_\n\nloop_\n_rlnCoordinateX #1\n_rlnCoordinateY #2\n";
   EXPECT_EQ(head + "      10.250       20.500\n      50.000       60.000\n", content("a_bad.star"));
   EXPECT_EQ(head + "      30.000       40.000\n", content("b_bad.star"));
@@ -218,11 +218,11 @@ TEST_F(Lists, DrawMarksEachCentre) {
   EXPECT_EQ(1, run("draw m.mrc out.png p.box=mauve").status);
   Picture picture = picture_of(40, 40, std::vector<uint8_t>(1600, 7));
   draw_circle(&picture, 20, 20, 10, {255, 0, 0});
-  draw_box(&picture, 1, 1, 30, {0, 0, 255});  // most of it beside the picture
+  draw_box(&picture, 1, 1, 35, {0, 0, 255});  // most of it beside the picture
   const auto red = [&](int x, int y) { return picture.rgb[static_cast<size_t>(3 * (40 * y + x))] == 255; };
   EXPECT_TRUE(red(30, 20) && red(20, 9) && red(9, 20) && red(27, 27));
   EXPECT_FALSE(red(20, 20) || red(32, 20) || red(27, 20));
-  EXPECT_EQ(255, picture.rgb[3 * (40 * 5 + 31) + 2]);
+  EXPECT_EQ(255, picture.rgb[3 * (40 * 5 + 36) + 2]);
 }
 
 TEST_F(Lists, StripHoldsTheFileAgainstItsHeader) {
