@@ -18,6 +18,10 @@ int main(int argc, char** argv) {
     kestrix_help_full(argv[0]);
     return 0;
   }
+  if (keywd_cmp(argv[1], "help_more")) {
+    kestrix_help_more();
+    return 0;
+  }
   Run run{};
   read_command_line(argc, argv, &run);
   run.para.n_files = leave_out_own_images(run.para.files, run.para.n_files);
