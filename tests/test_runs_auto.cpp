@@ -119,6 +119,20 @@ TEST_F(RunAuto, ListsCanBeSelectedAgainAndTheLearnedTemplateIsATemplate) {
   EXPECT_TRUE(picks("sim_001_quorlin.box").empty());
 }
 
+TEST_F(RunAuto, FindsBrightParticlesWhereTemplatesAreNotInverted) {
+  simulate_auto();
+  auto_pick("--auto 1");
+  const std::string dark = content("sim_001_quorlin.box");
+  Image inverted = image(".mrc");
+  for (float& pixel : inverted.data) pixel = 1000 - pixel;
+  mrcf_write_xyz_data(path("sim_001.mrc").c_str(), inverted.data.data(), inverted.head.nx, inverted.head.ny, 1);
+  auto_pick("--auto 1 --dont_invertT 1 --write_learned");
+  EXPECT_EQ(content("sim_001_quorlin.box").size(), dark.size());
+  EXPECT_GE(auto_score().f1, 0.95);
+  auto_pick("--auto 1 --dont_invertT 1 --T sim_001_learned.mrcs --apixT 8");
+  EXPECT_GE(auto_score().f1, 0.9);
+}
+
 TEST_F(RunAuto, ItsPartsWorkAloneWithTheScanAsItIs) {
   simulate_auto("--ice 4 --templates 6 --snr 0.1");
   auto_pick("--speed 1");

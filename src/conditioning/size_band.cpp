@@ -9,6 +9,7 @@
 #include "math_utils.h"
 #include "platform/host_memory.h"
 #include "platform/launch.h"
+#include "process2d_raw.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ SizeBand size_band_new(MirrorPad* pad) {
   band.of_open = mirror_transform_new(pad);
   band.local = device_new<float>(pixels_of(&band));
   band.weight = device_new<float>(pixels_of(&band));
+  hcuda_2d_memset(band.weight, 1.0f, band.nx, band.ny);
   band.host = host_new<float>(pixels_of(&band));
   band.host_open = host_new<float>(pixels_of(&band));
   return band;

@@ -69,12 +69,12 @@ SizeScanSettings scan_settings(const Run* run) {
           true_side(run->sizes.ny, para.shrink)};
 }
 
-// Writes the template as a stack of one image, bright as class averages are, in working pixels.
-void write_learned(const RoundTemplate& found, const char* mic) {
+// Writes the template as a stack of one image in working pixels, bright as class averages are.
+void write_learned(const RoundTemplate& found, bool bright, const char* mic) {
   const int side = round_template_side(found);
   auto* image = host_new<float>(static_cast<size_t>(side) * static_cast<size_t>(side));
   draw_round_template(found, side, image);
-  hm_invert_inplace(image, static_cast<unsigned long>(side) * static_cast<unsigned long>(side));
+  if (!bright) hm_invert_inplace(image, static_cast<unsigned long>(side) * static_cast<unsigned long>(side));
   char name[kTextBytes];
   set_outname_by_suffix(name, mic, "_learned.mrcs");
   mrcf_write_xyz_data(name, image, side, side, 1);
@@ -98,6 +98,20 @@ void set_size_findings(Run* run) {
   findings.size_at_end = found.share <= kSizeShares[0] || found.share >= kSizeShares[kSizes - 1];
   const SizeScanSettings& settings = run->autos.sizes.settings;
   if (run->para.auto_picks) findings.min_dist_px = peak_distance(settings, found.share * settings.diameter);
+}
+
+// Scans for dark particles or, where templates aren't inverted, for bright ones, and leaves the template in the
+// micrograph's contrast.
+SizeScanResult scan_for_contrast(Run* run) {
+  const bool bright = run->para.dont_invertT != 0;
+  AutoBuffers& autos = run->autos;
+  float* d_mic = run->device.d_mic;
+  if (bright) hcuda_invert_inplace(d_mic, work_pixels(run));
+  SizeScanResult found = scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, is_all_open(run));
+  if (!bright) return found;
+  hcuda_invert_inplace(d_mic, work_pixels(run));
+  if (found.usable) hm_invert_inplace(found.found.values, static_cast<unsigned long>(found.found.n));
+  return found;
 }
 
 // Peaks and decoys of the best of all templates.
@@ -249,14 +263,14 @@ void learn_template(Run* run, const char* mic, bool usable) {
   AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   size_scan_result_free(&autos.found);
-  if (usable) autos.found = scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, is_all_open(run));
+  if (usable) autos.found = scan_for_contrast(run);
   if (!autos.found.usable) {
     // The disc again, where an earlier micrograph's template has taken its place.
     if (!run->para.auto_picks) prepare_templates(run);
     return;
   }
   set_size_findings(run);
-  if (run->para.write_learned && run->para.auto_template) write_learned(autos.found.found, mic);
+  if (run->para.write_learned && run->para.auto_template) write_learned(autos.found.found, run->para.dont_invertT != 0, mic);
   if (!run->para.auto_picks) return replace_template(run, autos.found.found);
   size_band_make(&autos.sizes.band, &run->pad, autos.found.band_size, d_mic);
 }

@@ -34,6 +34,10 @@ int main(int argc, char** argv) {
     kestrix_help_full(argv[0]);
     return 0;
   }
+  if (keywd_cmp(argv[1], "help_more")) {
+    kestrix_help_more();
+    return 0;
+  }
   const int device = kestrix_find_device_argument(argc, argv);
   const bool on_several = device > 0 && names_devices(argv[device]);
   const int n_files = on_several ? pick_on_devices(argc, argv, device) : pick_on_one_device(argc, argv);

@@ -77,6 +77,17 @@ struct Kestrix_Para {
   int keeps_cutoff;    // 1: cc_cutoff is the user's
 };
 
+/// What --help_more says of an option.
+struct OwnOption {
+  const char* group;
+  const char* word;      // without hyphens
+  const char* argument;  // what follows it
+  const char* text;
+};
+
+/// The options that the short help doesn't list, from 0 on, those of a group side by side; all null past the last.
+OwnOption own_option(int index);
+
 /// Allocates files for argc names and the text buffers, and sets every default. Values that depend on others
 /// are 0 until kestrix_get_parameters. Ends the run if memory is short. Free by kestrix_free_parameters.
 void kestrix_init_parameters(int argc, Kestrix_Para* para);

@@ -32,6 +32,9 @@ void kestrix_put_info(const char* program);
 /// Prints the banner, the usage, all options and examples on standard output.
 void kestrix_help(const char* program);
 
+/// Prints the options that kestrix_help doesn't list on standard output, by groups.
+void kestrix_help_more();
+
 /// kestrix_help, then kestrix_put_all_tips.
 void kestrix_help_full(const char* program);
 
