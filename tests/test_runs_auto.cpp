@@ -99,6 +99,10 @@ TEST_F(RunAuto, IsTheSameByteForByteOnAnyNumberOfThreadsAndAfterAnyMicrograph) {
   for (const char* options : {"--auto 1 --write_learned --write_ccmax_mic --write_mic_mask ",
                               "--auto 1 --T sim_templates.mrcs --apixT 8 --write_ccmax_mic "}) {
     auto_pick(options);
+    const Image maps = image("_ccmax.mrc");
+    for (const auto& c : rows("sim_001_nonunique.box"))
+      EXPECT_NEAR(c[4], maps.at(static_cast<long>(c[0] + std::trunc(c[2] / 2)),
+                                static_cast<long>(c[1] + std::trunc(c[3] / 2)), static_cast<long>(c[5])), 1e-4);
     const std::string first = lists() + content("sim_001_ccmax.mrc") + content("sim_001_learned.mrcs");
     auto_pick(std::string(options) + "sim_002.mrc", "OMP_NUM_THREADS=3");
     EXPECT_TRUE(first == lists() + content("sim_001_ccmax.mrc") + content("sim_001_learned.mrcs")) << options;

@@ -27,18 +27,6 @@ class RunPicks : public WholeRun {
     }
   }
 
-  /// The numbers of a list's lines.
-  std::vector<std::vector<double>> rows(const std::string& list) const {
-    std::istringstream lines(content(list));
-    std::vector<std::vector<double>> all;
-    for (std::string line; std::getline(lines, line);) {
-      std::istringstream words(line);
-      all.emplace_back();
-      for (double value; words >> value;) all.back().push_back(value);
-    }
-    return all;
-  }
-
   /// The stack holds exactly the raw pixels of the picks, all sections of one after another.
   void expect_stack_of_picks() const {
     const Image micrograph = image(".mrc"), stack = image("_particles.mrcs");

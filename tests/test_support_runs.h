@@ -1,6 +1,7 @@
 // Whole runs of the program on small simulated micrographs.
 #pragma once
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,18 @@ class WholeRun : public FolderTest {
   std::string content(const std::string& name) const { return read_file(path(name)); }
   std::vector<Pick> picks(const std::string& name) const { return read_picks(path(name).c_str()); }
   Image image(const std::string& suffix) const { return read_image(path("sim_001" + suffix)); }
+
+  /// The numbers of a list's lines.
+  std::vector<std::vector<double>> rows(const std::string& list) const {
+    std::istringstream lines(content(list));
+    std::vector<std::vector<double>> all;
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream words(line);
+      all.emplace_back();
+      for (double value; words >> value;) all.back().push_back(value);
+    }
+    return all;
+  }
 
   /// The names of the files of sim_001.mrc that runs have written, less "sim_001", each followed by a blank.
   std::string outputs() const {

@@ -66,7 +66,7 @@ SizeScanSettings scan_settings(const Run* run) {
   const Kestrix_Para& para = run->para;
   const float apix = static_cast<float>(para.shrink) * para.apixM;
   return {para.diameter / apix, para.keeps_min_dist ? para.min_dist_px : 0, true_side(run->sizes.nx, para.shrink),
-          true_side(run->sizes.ny, para.shrink)};
+          true_side(run->sizes.ny, para.shrink), para.auto_template && !para.learn_template};
 }
 
 // Writes the template as a stack of one image in working pixels, bright as class averages are.
@@ -96,6 +96,7 @@ void set_size_findings(Run* run) {
   if (run->para.auto_template) findings.matched = found.learned ? kLearned : kBall;
   findings.size = found.share * run->para.diameter;
   findings.size_at_end = found.share <= kSizeShares[0] || found.share >= kSizeShares[kSizes - 1];
+  findings.score_unit = found.score_unit;
   const SizeScanSettings& settings = run->autos.sizes.settings;
   if (run->para.auto_picks) findings.min_dist_px = peak_distance(settings, found.share * settings.diameter);
 }
@@ -122,8 +123,9 @@ void find_best_peaks(Run* run, PeakList* peaks, PeakList* decoys) {
   float* const from[4] = {autos.all.best, autos.all.least, autos.all.best_psi, autos.all.best_T};
   for (int i = 0; i < 4; i++) CHECK_DEVICE(cudaMemcpy(autos.host_map[i], from[i], bytes, cudaMemcpyDeviceToHost));
   const RobustScale scale = robust_scale(autos.host_map[0], autos.host_open, s.work_nx, s.work_ny);
+  if (!(scale.deviation > 0) || !std::isfinite(scale.deviation)) return;
   const float unit_score = run->para.auto_picks ? 1.0f / scale.deviation : 1.0f;
-  if (!(scale.deviation > 0) || !std::isfinite(unit_score)) return;
+  run->findings.score_unit = unit_score;
   const PeakArea area = peak_area(scan_settings(run), s.work_nx, autos.host_open, run->findings.min_dist_px);
   *peaks = find_peaks(autos.host_map[0], 1.0f, unit_score, area);
   *decoys = find_peaks(autos.host_map[1], -1.0f, unit_score, area);

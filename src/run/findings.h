@@ -14,6 +14,7 @@ struct PickFindings {
   CutoffRule rule;      // kGivenCutoff where no cutoff was looked for
   float cutoff;         // least score of a pick
   float least;          // score of the lowest candidates that are listed, where a cutoff was looked for
+  float score_unit;     // score of a list over the map's value
   float min_dist_px;    // least distance of two picks, working pixels
   bool distinct;        // candidates keep that distance already
   float closed;         // share of the micrograph closed to picking, 0 to 1

@@ -57,6 +57,7 @@ PickFindings findings_before(const Kestrix_Para* para) {
   findings.matched = para->auto_template ? kDisc : kGivenTemplates;
   findings.rule = kGivenCutoff;
   findings.cutoff = findings.least = para->cc_cutoff;
+  findings.score_unit = 1;
   findings.min_dist_px = para->min_dist_px;
   findings.distinct = para->auto_picks;
   return findings;
@@ -273,6 +274,9 @@ void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
     if (!run->host.T_empty[t]) match_template(run, t, nonunique);
   if (run->para.auto_picks) {
     pick_peaks(run, nonunique);
+    if (run->para.write_ccmax_mic)
+      hm_multi_inplace(run->host.ccmax_stack, work_pixels(run) * static_cast<size_t>(run->sizes.T_num),
+                       run->findings.score_unit);
   } else if (run->para.auto_cutoff) {
     find_run_cutoff(run);
   }
@@ -289,6 +293,7 @@ void write_own_map(Run* run, const char* mic) {
   DiscWindow window = radial_window_new(&run->pad, found.found.values, found.found.n, found.found.step);
   correlate_with_window(&run->pad, &window, run->device.d_mic, run->device.d_ccmax);
   disc_window_free(&window);
+  hcuda_multi_add_inplace(run->device.d_ccmax, work_pixels(run), run->findings.score_unit, 0.0f);
   write_device_image(run->device.d_ccmax, run, mic, "_ccmax.mrc");
 }
 

@@ -14,7 +14,7 @@ namespace {
 constexpr char unit[] = "micrograph_list";
 
 constexpr const char* kOwnImages[] = {"_pref.mrc",   "_mask.mrc",  "_bg.mrc",        "_bgfree.mrc",
-                                      "_lsigma.mrc", "_ccmax.mrc", "_particles.mrcs"};
+                                      "_lsigma.mrc", "_ccmax.mrc", "_particles.mrcs", "_learned.mrcs"};
 
 // The same for every way to write a path: ./a.mrc is a.mrc.
 std::string plain_path(const char* file) { return std::filesystem::path(file).lexically_normal().string(); }

@@ -25,6 +25,7 @@ constexpr float kApart = 0.8f;
 struct Trial {
   PeakList peaks, decoys;
   double excess;
+  float score_unit;
 };
 
 void trial_free(Trial* trial) {
@@ -40,11 +41,12 @@ Trial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float
   CHECK_DEVICE(cudaMemcpy(scan->host, scan->d_scores, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
   const RobustScale scale = robust_scale(scan->host, scan->host_open, scan->nx, scan->ny);
   Trial trial{};
-  if (!(scale.deviation > 0)) return trial;
+  if (!(scale.deviation > 0) || !std::isfinite(scale.deviation)) return trial;
+  trial.score_unit = 1.0f / scale.deviation;
   const PeakArea area =
       peak_area(scan->settings, scan->nx, scan->host_open, peak_distance(scan->settings, size));
-  trial.peaks = find_peaks(scan->host, 1.0f, 1.0f / scale.deviation, area);
-  trial.decoys = find_peaks(scan->host, -1.0f, 1.0f / scale.deviation, area);
+  trial.peaks = find_peaks(scan->host, 1.0f, trial.score_unit, area);
+  trial.decoys = find_peaks(scan->host, -1.0f, trial.score_unit, area);
   trial.excess = static_cast<double>(size / scan->settings.diameter) * excess_of_peaks(trial.peaks, trial.decoys);
   return trial;
 }
@@ -65,6 +67,7 @@ void try_mean(SizeScan* scan, MirrorPad* pad, SizeScanResult* result) {
     std::swap(result->decoys, trial.decoys);
     std::swap(result->found, mean);
     result->excess = trial.excess;
+    result->score_unit = trial.score_unit;
     result->band_size = band_size;
     result->learned = true;
   }
@@ -119,6 +122,7 @@ SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, co
   int best = -1;
   for (int i = 0; i < kSizes; i++) {
     const float size = kSizeShares[i] * scan->settings.diameter;
+    if (scan->settings.only_ball && kSizeShares[i] != 1.0f) continue;
     if (!size_band_make(&scan->band, pad, size, scan->d_band)) continue;
     result.usable = true;
     Trial trial = try_window(scan, pad, &scan->balls[i], size);
@@ -126,6 +130,7 @@ SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, co
       std::swap(result.peaks, trial.peaks);
       std::swap(result.decoys, trial.decoys);
       result.excess = trial.excess;
+      result.score_unit = trial.score_unit;
       best = i;
     }
     trial_free(&trial);
@@ -134,7 +139,7 @@ SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, co
   result.share = kSizeShares[best];
   result.band_size = result.share * scan->settings.diameter;
   result.found = ball_template(result.band_size);
-  try_mean(scan, pad, &result);
+  if (!scan->settings.only_ball) try_mean(scan, pad, &result);
   return result;
 }
 

@@ -15,6 +15,7 @@ struct SizeScanSettings {
   float diameter;        // expected
   float least_distance;  // of two peaks; 0: 0.8 times the size tried
   int true_nx, true_ny;  // the micrograph in the working image
+  bool only_ball;        // try neither other sizes nor the mean
 };
 
 /// Buffers and the balls' windows of a run's scans of nx by ny images.
@@ -36,6 +37,7 @@ struct SizeScanResult {
   bool learned;            // whether the mean won; else it is the ball
   double excess;           // of peaks over decoys, by which the template won
   RoundTemplate found;     // the template
+  float score_unit;        // score over the value of the template's correlation with its band
   float band_size;         // size of the band that it is matched in, pixels
   PeakList peaks, decoys;  // of its map
 };
@@ -51,11 +53,8 @@ SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, co
 
 void size_scan_result_free(SizeScanResult* result);
 
-/// Peaks and decoys of a map of scores (host, nx*ny) by the settings' borders, for particles of `size` pixels and with
-/// least_distance between two of them. Scores are divided by `deviation`. open: host, as the map.
-struct PeaksAndDecoys {
-  PeakList peaks, decoys;
-};
+/// Where peaks of particles of the settings count in images nx wide: half a diameter and more from the borders. open:
+/// host, as the map.
 PeakArea peak_area(const SizeScanSettings& settings, int nx, const float* open, float least_distance);
 
 /// The least distance of two peaks of particles of `size` pixels.
