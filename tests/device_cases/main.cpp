@@ -239,6 +239,19 @@ void record_updates(int nx, int ny) {
   keep("update_ccmax_psi_2d.psi", psi);
   hcuda_update_ccmax_2d(psi.data, cc.data, kImages, nx, ny);
   keep("update_ccmax_2d", psi);
+
+  const OnDevice<float> highest(std::vector<float>(pixels, -infinity)), angle(pixels),
+      lowest(std::vector<float>(pixels, infinity));
+  hcuda_update_ccmax_ccmin_psi_2d(highest.data, lowest.data, cc.data, angle.data, angles, kImages, nx, ny);
+  keep("update_ccmax_ccmin_psi_2d.ccmax", highest);
+  keep("update_ccmax_ccmin_psi_2d.ccmin", lowest);
+  const OnDevice<float> best(noise(pixels, 102)), best_psi(pixels), best_T(pixels), least(noise(pixels, 103));
+  hcuda_take_template({best.data, best_psi.data, best_T.data, least.data}, highest.data, angle.data, lowest.data, 3,
+                      pixels);
+  keep("take_template.best", best);
+  keep("take_template.best_psi", best_psi);
+  keep("take_template.best_T", best_T);
+  keep("take_template.least", least);
 }
 
 // Numbers of angles that fill a batch and that don't, one angle, templates of even and odd sides and of the image's.
