@@ -78,8 +78,6 @@ const Charts = {
     const step = Charts.niceStep((Charts.high - Charts.low) / (width / 60));
     for (let s = Math.ceil(Charts.low / step - 1e-6) * step; s <= Charts.high + 1e-9; s += step)
       ctx.fillText(String(+s.toFixed(6)), Math.min(Math.max(Charts.x(s, width), 12), width - 12), floor + 13);
-    ctx.textAlign = 'right';
-    ctx.fillText('height: square root of picks', width - 8, top + 8);
     Charts.placeHandle('threshold', least, width);
     Charts.placeHandle('ceiling', most, width);
     const text = value => value === null ? 'none' : String(value);
