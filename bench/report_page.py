@@ -19,7 +19,7 @@ ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(ROOT, "tests", "page"))
 from browser import Browser, find_browser  # noqa: E402
 
-SIDE = 1024
+SIDE = 512
 
 
 def make_data(folder, micrographs, picks):
@@ -30,7 +30,7 @@ def make_data(folder, micrographs, picks):
         file.write(bytes(header) + rng.randbytes(SIDE * SIDE))
     lists = []
     for _ in range(50):
-        lines = ("%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n" % (rng.randrange(900), rng.randrange(900), 64, 64, rng.random() ** 2, 0, 0) for _ in range(picks))
+        lines = ("%-8d%-8d%-8d%-8d%-8.6f\t%-8d%-8.6f\n" % (rng.randrange(440), rng.randrange(440), 64, 64, rng.random() ** 2, 0, 0) for _ in range(picks))
         lists.append("".join(lines))
     for number in range(micrographs):
         base = os.path.join(folder, f"mic_{number:05d}")

@@ -24,6 +24,14 @@ const Charts = {
     matchMedia('(prefers-color-scheme: dark)').addEventListener('change', Charts.draw);
   },
 
+  // The score below which a share of the picks lies, to a bin of the histogram.
+  quantile(share) {
+    const total = Charts.histogram.reduce((a, b) => a + b, 0);
+    let below = 0, b = 0;
+    while (b < Charts.bins - 1 && (below += Charts.histogram[b]) < share * total) b++;
+    return Charts.low + (b + 0.5) / Charts.bins * (Charts.high - Charts.low);
+  },
+
   niceStep(least) {
     const power = 10 ** Math.floor(Math.log10(least));
     return [1, 2, 5, 10].map(m => m * power).find(step => step >= least);

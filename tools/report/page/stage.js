@@ -16,8 +16,7 @@ const Stage = {
 
   start() {
     const stage = Stage.element('stage');
-    const scores = Data.index.scores.filter(s => !Number.isNaN(s)).sort();
-    if (scores.length > 0) [Stage.low, Stage.high] = [0.02, 0.98].map(q => scores[Math.floor(q * (scores.length - 1))]);
+    [Stage.low, Stage.high] = [0.02, 0.98].map(Charts.quantile);
     Stage.drawLegend();
     stage.addEventListener('pointerdown', Stage.press);
     stage.addEventListener('pointermove', Stage.move);
