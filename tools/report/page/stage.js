@@ -157,7 +157,7 @@ const Stage = {
     if (px < -radius || py < -radius || px > ctx.canvas.clientWidth + radius || py > ctx.canvas.clientHeight + radius) return;
     // A dark line under the colour, or dark dashes between the light ones, show on any ground.
     ctx.setLineDash(dashed ? [4, 4] : []);
-    const lines = dashed ? [[1.5, 'rgba(20, 24, 30, 0.85)', 0], [1.5, colour, 4]] : [[3.5, 'rgba(0, 0, 0, 0.45)', 0], [1.75, colour, 0]];
+    const lines = dashed ? [[1, 'rgba(20, 24, 30, 0.7)', 0], [1, colour, 4]] : [[4, 'rgba(0, 0, 0, 0.4)', 0], [2.25, colour, 0]];
     for (const [width, style, offset] of lines) {
       ctx.lineWidth = width;
       ctx.strokeStyle = style;
@@ -181,7 +181,7 @@ const Stage = {
 
   drawPicks(ctx) {
     const {x, y, score} = Stage.picks, dropped = Stage.element('show-dropped').checked, out = Stage.edits().left_out;
-    if (dropped) for (let k = 0; k < x.length; k++) if (!Stage.kept[k]) Stage.circle(ctx, x[k], y[k], '#e8ecf1', true);
+    if (dropped) for (let k = 0; k < x.length; k++) if (!Stage.kept[k]) Stage.circle(ctx, x[k], y[k], 'rgba(235, 240, 245, 0.7)', true);
     for (let k = 0; k < x.length; k++) if (Stage.kept[k]) Stage.circle(ctx, x[k], y[k], Stage.colourOf(score[k]), false);
     if (!out) for (const [ax, ay] of Stage.edits().added) Stage.circle(ctx, ax, ay, '#ff7bf0', false);
     if (Stage.focus >= 0 && Stage.focus < x.length) {

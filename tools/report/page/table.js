@@ -90,7 +90,7 @@ const Table = {
       button.parentElement.setAttribute('aria-sort', key !== Table.sort ? 'none' : Table.down ? 'descending' : 'ascending');
     }
     document.getElementById('shown').textContent =
-        `${Table.order.length} of ${Data.index.names.length} micrographs shown`;
+        `${Table.order.length} of ${Data.index.names.length} shown`;
     Table.draw();
   },
 
