@@ -6,7 +6,7 @@ crystal.py MICROGRAPH LIST.star --apixM ANGSTROM --diameter ANGSTROM [--speed LE
 The dark area (an ice crystal) is found on the image itself: its local mean over 7 x 7 pixels lies more than
 5 robust deviations of that mean below its median; of such places the piece that holds the darkest one counts.
 Prints a table of runs and draws their picks and rejected places. Works on copies in DIR.
-Needs python3-numpy and python3-pil.
+Needs python3-numpy, and the build's kestrix_lists.
 """
 
 import argparse
@@ -15,12 +15,29 @@ import shutil
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
-import kestrix_lists  # noqa: E402
+import numpy
 
-numpy = kestrix_lists.need("numpy", "python3-numpy")
 WINDOW = 7
 DEVIATIONS = 5
+SHRINK_OF_SPEED = {0: 1, 1: 2, 2: 4, 3: 6, 4: 8}
+SAMPLE_TYPES = {0: "u1", 1: "<i2", 2: "<f4", 6: "<u2"}
+
+
+def read_image(name):
+    """Section 0 of an MRC file without an extended header, row y and column x."""
+    with open(name, "rb") as file:
+        nx, ny, _, mode = numpy.frombuffer(file.read(1024), "<i4", 4)
+        return numpy.fromfile(file, SAMPLE_TYPES[int(mode)], nx * ny).reshape(ny, nx).astype("f4")
+
+
+def read_points(name):
+    """Centres of a list and the side of its boxes, 0 in a STAR file, whose first two columns are x and y."""
+    with open(name) as file:
+        rows = [line.split() for line in file if line[:1].isdigit() or line[:1] in " -"]
+    if name.endswith(".star"):
+        return [(float(row[0]), float(row[1]), 0) for row in rows if len(row) > 1]
+    boxes = [[int(word) for word in row[:4]] for row in rows]
+    return [(x + w // 2, y + h // 2, w) for x, y, w, h in boxes]
 
 
 def local_mean(image, window):
@@ -51,7 +68,7 @@ def dark_area(image):
 
 def closed_pixels(mask_name, shape, shrink):
     """Pixels of the micrograph in cells that the mask closes."""
-    closed = numpy.kron(kestrix_lists.read_image(mask_name) == 0, numpy.ones((shrink, shrink), bool))
+    closed = numpy.kron(read_image(mask_name) == 0, numpy.ones((shrink, shrink), bool))
     whole = numpy.zeros(shape, bool)
     height, width = (min(a, b) for a, b in zip(shape, closed.shape))
     whole[:height, :width] = closed[:height, :width]
@@ -61,7 +78,7 @@ def closed_pixels(mask_name, shape, shrink):
 def boxed_pixels(box_name, shape):
     """Pixels of the micrograph within the boxes of a list."""
     boxed = numpy.zeros(shape, bool)
-    for x, y, side, _ in kestrix_lists.read_points(box_name):
+    for x, y, side in read_points(box_name):
         boxed[max(y - side // 2, 0) : y - side // 2 + side, max(x - side // 2, 0) : x - side // 2 + side] = True
     return boxed
 
@@ -100,7 +117,7 @@ def vetoed_pixels(box_name, shape):
     """Pixels of the micrograph where no peak counts: nearer to a rejected point than a cell's diagonal."""
     rows, columns = numpy.ogrid[: shape[0], : shape[1]]
     vetoed = numpy.zeros(shape, bool)
-    for x, y, side, _ in kestrix_lists.read_points(box_name):
+    for x, y, side in read_points(box_name):
         reach = int(side * 1.5) + 1
         rows_near, columns_near = slice(max(y - reach, 0), y + reach), slice(max(x - reach, 0), x + reach)
         square = (rows[rows_near] - y) ** 2 + (columns[:, columns_near] - x) ** 2
@@ -112,14 +129,15 @@ def draw(args, names, label):
     lists = [names["quorlin.box"] + "=lime:circle", args.list + "=yellow:cross"]
     if os.path.exists(names["rejected.box"]):
         lists.insert(0, names["rejected.box"] + "=red:box")
-    kestrix_lists.draw_lists(args.mic, os.path.join(args.out, label + ".png"), lists, diameter=24)
+    picture = os.path.join(args.out, label + ".png")
+    subprocess.run([args.kestrix + "_lists", "draw", "--diameter", "24", args.mic, picture, *lists], check=True)
 
 
 def measure(args, area, listed, label, extra):
     """Prints one row of the table. Returns the picks."""
     names = pick(args, label, extra)
-    points = kestrix_lists.read_points(names["quorlin.box"])
-    closed = closed_pixels(names["mask.mrc"], area.shape, kestrix_lists.SHRINK_OF_SPEED[args.speed])
+    points = read_points(names["quorlin.box"])
+    closed = closed_pixels(names["mask.mrc"], area.shape, SHRINK_OF_SPEED[args.speed])
     parts = [area & False, area & False, closed]
     if os.path.exists(names["rejected.box"]):
         parts[:2] = boxed_pixels(names["rejected.box"], area.shape), vetoed_pixels(names["rejected.box"], area.shape)
@@ -155,10 +173,12 @@ def main():
     args.mic = args.base + ".mrc"
     shutil.copyfile(args.micrograph, args.mic)
     shutil.copyfile(args.list, args.base + "_listed.star")
-    listed = kestrix_lists.read_points(args.list)
-    kestrix_lists.write_plain_star(listed, args.base + "_plain.star")
+    listed = read_points(args.list)
+    # A list without comments, which end a head for the picker.
+    select = [args.kestrix + "_lists", "select", "--list", "_listed.star", "--suffix", "_plain", args.mic]
+    subprocess.run(select, check=True, stdout=subprocess.DEVNULL)
 
-    area = dark_area(kestrix_lists.read_image(args.mic))
+    area = dark_area(read_image(args.mic))
     ys, xs = numpy.where(area)
     print(f"dark area: {area.sum()} pixels, {100 * area.mean():.1f} % of the micrograph, x {xs.min()} to {xs.max()}, "
           f"y {ys.min()} to {ys.max()}")
@@ -175,7 +195,7 @@ def main():
     measure(args, area, listed, "list_as_given", [*exclude, "_listed.star"])
     excluded = measure(args, area, listed, "list", [*exclude, "_plain.star"])
     measure(args, area, listed, "list_masked", [*exclude, "_plain.star", "--mask_excluded", "1"])
-    side = kestrix_lists.read_points(os.path.join(args.out, "default_rejected.box"))[0][2]
+    side = read_points(os.path.join(args.out, "default_rejected.box"))[0][2]
     report_exclusion(points, excluded, listed, side * 2**0.5)
 
 

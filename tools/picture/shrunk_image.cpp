@@ -56,7 +56,7 @@ ShrunkImage read_shrunk_image(const MicrographFile& file, int bin) {
 }
 
 std::vector<float> image_quantiles(const ShrunkImage& image, const std::vector<double>& shares) {
-  constexpr size_t kSample = 1 << 16;
+  constexpr size_t kSample = 1 << 15;
   const size_t step = std::max<size_t>(1, image.values.size() / kSample) | 1;  // odd: meets every column
   std::vector<float> sample;
   for (size_t i = 0; i < image.values.size(); i += step) sample.push_back(image.values[i]);

@@ -21,12 +21,10 @@ void note(Record* record, const std::string& file, const std::string& problem) {
   record->problems.push_back(file + ": " + problem);
 }
 
-// Grey levels of the picture below and above which each step's share lies.
-std::string contrast_levels(const ShrunkImage& image, float low, float high) {
-  std::vector<double> shares(kClippedShares, kClippedShares + kContrastSteps);
-  for (const double share : kClippedShares) shares.push_back(1 - share);
+// Grey levels of the picture below which, and above which, each step's share lies; `quantiles` of those shares.
+std::string contrast_levels(const std::vector<float>& quantiles, float low, float high) {
   std::string levels;
-  for (const float value : image_quantiles(image, shares)) {
+  for (const float value : quantiles) {
     const float level = high > low ? (value - low) / (high - low) * 255.0f : 0.0f;
     levels += static_cast<char>(static_cast<unsigned char>(std::clamp(level, 0.0f, 255.0f)));
   }
@@ -52,9 +50,14 @@ std::string small_jpeg(const ShrunkImage& image) {
 void add_pictures(Record* record, const MicrographFile& file, int side, bool with_thumbnail) {
   const ShrunkImage image = read_shrunk_image(file, bin_for_side(file, side));
   record->bin = image.bin;
-  const std::vector<float> limits = image_quantiles(image, {0.0005, 0.9995});
-  record->image = jpeg_of(image.nx, image.ny, grey_levels(image, limits[0], limits[1]), kQuality);
-  record->levels = contrast_levels(image, limits[0], limits[1]);
+  std::vector<double> shares(kClippedShares, kClippedShares + kContrastSteps);
+  for (const double share : kClippedShares) shares.push_back(1 - share);
+  shares.insert(shares.end(), {0.0005, 0.9995});
+  std::vector<float> quantiles = image_quantiles(image, shares);
+  const float high = quantiles.back(), low = quantiles[quantiles.size() - 2];
+  quantiles.resize(2 * kContrastSteps);
+  record->image = jpeg_of(image.nx, image.ny, grey_levels(image, low, high), kQuality);
+  record->levels = contrast_levels(quantiles, low, high);
   if (with_thumbnail) record->thumbnail = small_jpeg(image);
 }
 

@@ -24,6 +24,14 @@ const Charts = {
     matchMedia('(prefers-color-scheme: dark)').addEventListener('change', Charts.draw);
   },
 
+  // The score below which a share of the picks lies, to a bin of the histogram.
+  quantile(share) {
+    const total = Charts.histogram.reduce((a, b) => a + b, 0);
+    let below = 0, b = 0;
+    while (b < Charts.bins - 1 && (below += Charts.histogram[b]) < share * total) b++;
+    return Charts.low + (b + 0.5) / Charts.bins * (Charts.high - Charts.low);
+  },
+
   niceStep(least) {
     const power = 10 ** Math.floor(Math.log10(least));
     return [1, 2, 5, 10].map(m => m * power).find(step => step >= least);
@@ -78,8 +86,6 @@ const Charts = {
     const step = Charts.niceStep((Charts.high - Charts.low) / (width / 60));
     for (let s = Math.ceil(Charts.low / step - 1e-6) * step; s <= Charts.high + 1e-9; s += step)
       ctx.fillText(String(+s.toFixed(6)), Math.min(Math.max(Charts.x(s, width), 12), width - 12), floor + 13);
-    ctx.textAlign = 'right';
-    ctx.fillText('height: square root of picks', width - 8, top + 8);
     Charts.placeHandle('threshold', least, width);
     Charts.placeHandle('ceiling', most, width);
     const text = value => value === null ? 'none' : String(value);

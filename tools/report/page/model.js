@@ -3,7 +3,7 @@
 const Model = {
   rules: Selection.none(),
   edits: new Map(),  // by number of the micrograph
-  kept: null, best: null, mean: null,  // of each micrograph
+  kept: null, best: null,  // number of picks and best score of each micrograph
   counted: null,     // whether a micrograph's numbers belong to the present rules
   listeners: [],
   run: 0,            // number of the count under way
@@ -13,7 +13,6 @@ const Model = {
     const n = Data.index.names.length;
     Model.kept = new Int32Array(n);
     Model.best = new Float32Array(n).fill(NaN);
-    Model.mean = new Float32Array(n).fill(NaN);
     Model.counted = new Uint8Array(n);
   },
 
@@ -30,54 +29,57 @@ const Model = {
     return r.thin <= 0 && [r.min_average, r.max_average, r.min_sigma, r.max_sigma].every(v => v === null);
   },
 
-  set(i, kept, sum, best) {
+  set(i, kept, best) {
     Model.kept[i] = kept;
-    Model.best[i] = kept > 0 ? best : NaN;
-    Model.mean[i] = kept > 0 ? sum / kept : NaN;
+    Model.best[i] = kept > 0 && best > -Infinity ? best : NaN;
     Model.counted[i] = 1;
   },
 
-  // By the scores of the index, which are always here. With `most` the best ones count.
+  // By the scores of the index, which are always here.
   countByScore(i) {
-    const scores = Data.index.scores, to = Data.first[i + 1];
-    const least = Model.rules.min_score === null ? -Infinity : Math.fround(Model.rules.min_score);
-    const most = Model.rules.max_score === null ? Infinity : Math.fround(Model.rules.max_score);
-    const limited = Model.rules.min_score !== null || Model.rules.max_score !== null;
-    let kept = 0, sum = 0, scored = 0, best = -Infinity;
+    const scores = Data.index.scores, to = Data.first[i + 1], {min_score, max_score, most: number} = Model.rules;
+    const least = min_score === null ? -Infinity : Math.fround(min_score);
+    const most = max_score === null ? Infinity : Math.fround(max_score);
+    let kept = 0, unscored = 0, best = -Infinity;
     for (let j = Data.first[i]; j < to; j++) {
       const s = scores[j];
-      if (s >= least && s <= most) { kept++; scored++; sum += s; if (s > best) best = s; }
-      else if (!limited && Number.isNaN(s)) kept++;
+      if (s >= least && s <= most) { kept++; if (s > best) best = s; } else if (s !== s) unscored++;
     }
-    if (Model.rules.most >= 0 && kept > Model.rules.most) {
-      const left = Array.from(scores.subarray(Data.first[i], to)).filter(s => s >= least && s <= most);
-      left.sort((a, b) => b - a);
-      kept = Model.rules.most;
-      sum = left.slice(0, kept).reduce((a, b) => a + b, 0);
-      scored = Math.min(kept, left.length);
-    }
-    Model.set(i, kept, scored > 0 ? sum / scored * kept : NaN, scored > 0 ? best : NaN);
+    if (min_score === null && max_score === null) kept += unscored;
+    Model.set(i, number >= 0 ? Math.min(kept, number) : kept, best);
   },
 
   // By all that is known of the picks, where their chunk is here. Returns whether it is.
   countByAll(i) {
     if (!Data.isHere(i)) return false;
-    const picks = Data.picks(i), kept = Selection.keep(picks, Model.rules, Model.editsOf(i));
-    let number = 0, sum = 0, scored = 0, best = -Infinity;
+    const {score} = Data.picks(i), kept = Selection.keep(Data.picks(i), Model.rules, Model.editsOf(i));
+    let number = 0, best = -Infinity;
     for (let j = 0; j < kept.length; j++) {
       if (!kept[j]) continue;
       number++;
-      if (Number.isNaN(picks.score[j])) continue;
-      scored++; sum += picks.score[j]; best = Math.max(best, picks.score[j]);
+      if (score[j] > best) best = score[j];
     }
     const e = Model.editsOf(i);
-    if (!e.left_out) number += e.added.length;
-    Model.set(i, number, scored > 0 ? sum / scored * number : NaN, scored > 0 ? best : NaN);
+    Model.set(i, e.left_out ? 0 : number + e.added.length, best);
     return true;
   },
 
+  // Mean score of the picks kept; no number where there is none, or where it isn't known yet. Worked out for those rows of
+  // the table only that are in sight, or for a sorting.
+  mean(i) {
+    if (!Model.counted[i] || Model.kept[i] === 0) return NaN;
+    const near = Data.isHere(i), {score} = near ? Data.picks(i) : {score: Data.index.scores.subarray(Data.first[i], Data.first[i + 1])};
+    if (!near && !(Model.scoresDecide() && !Model.hasEdits(i))) return NaN;
+    const unknown = near ? null : new Float32Array(score.length).fill(NaN);
+    const picks = near ? Data.picks(i) : {x: unknown, y: unknown, average: unknown, sigma: unknown, score};
+    const kept = Selection.keep(picks, Model.rules, Model.editsOf(i));
+    let number = 0, sum = 0;
+    for (let j = 0; j < kept.length; j++) if (kept[j] && score[j] === score[j]) { number++; sum += score[j]; }
+    return number > 0 ? sum / number : NaN;
+  },
+
   count(i) {
-    if (Model.editsOf(i).left_out) { Model.set(i, 0, 0, NaN); return true; }
+    if (Model.editsOf(i).left_out) { Model.set(i, 0, NaN); return true; }
     if (Model.scoresDecide() && !Model.hasEdits(i)) { Model.countByScore(i); return true; }
     return Model.countByAll(i);
   },

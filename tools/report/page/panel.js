@@ -3,15 +3,15 @@
 const Panel = {
   // A rule's ends and step come from the data; at its far end a slider sets no limit.
   list: [
-    {rule: 'min_score', label: 'Minimum score', side: -1, range: () => [Charts.low, Charts.high]},
-    {rule: 'max_score', label: 'Maximum score', side: 1, range: () => [Charts.low, Charts.high]},
-    {rule: 'thin', label: 'Least distance, Å', side: -1, range: () => [0, Math.ceil(2.5 * Data.index.diameter * Data.index.apix)]},
-    {rule: 'most', label: 'At most per micrograph', side: 1,
+    {rule: 'min_score', short: 'Score from', label: 'Minimum score', side: -1, range: () => [Charts.low, Charts.high]},
+    {rule: 'max_score', short: 'Score to', label: 'Maximum score', side: 1, range: () => [Charts.low, Charts.high]},
+    {rule: 'thin', short: 'Distance, Å', label: 'Least distance, Å', side: -1, range: () => [0, Math.ceil(2.5 * Data.index.diameter * Data.index.apix)]},
+    {rule: 'most', short: 'At most', label: 'At most per micrograph', side: 1,
      range: () => [0, Data.index.counts.reduce((a, b) => Math.max(a, b), 1)]},
-    {rule: 'min_average', label: 'Minimum local average', side: -1, range: () => Data.index.average, map: '--write_bg_mic'},
-    {rule: 'max_average', label: 'Maximum local average', side: 1, range: () => Data.index.average, map: '--write_bg_mic'},
-    {rule: 'min_sigma', label: 'Minimum local sigma', side: -1, range: () => Data.index.sigma, map: '--write_lsigma_mic'},
-    {rule: 'max_sigma', label: 'Maximum local sigma', side: 1, range: () => Data.index.sigma, map: '--write_lsigma_mic'},
+    {rule: 'min_average', short: 'Average from', label: 'Minimum local average', side: -1, range: () => Data.index.average},
+    {rule: 'max_average', short: 'Average to', label: 'Maximum local average', side: 1, range: () => Data.index.average},
+    {rule: 'min_sigma', short: 'Sigma from', label: 'Minimum local sigma', side: -1, range: () => Data.index.sigma},
+    {rule: 'max_sigma', short: 'Sigma to', label: 'Maximum local sigma', side: 1, range: () => Data.index.sigma},
   ],
   inputs: new Map(),  // by rule: slider, number, step and ends
   frame: 0,
@@ -46,7 +46,9 @@ const Panel = {
     const row = document.createElement('div'), text = document.createElement('span');
     const slider = document.createElement('input'), number = document.createElement('input');
     row.className = known ? 'rule' : 'rule off';
-    text.textContent = known ? one.label : `${one.label}: needs ${one.map}`;
+    text.textContent = one.short;
+    row.title = one.label;
+    if (!known) document.getElementById('no-maps').hidden = false;
     Object.assign(slider, {type: 'range', min: low, max: high, step, value: one.side < 0 ? low : high, disabled: !known});
     Object.assign(number, {type: 'number', step: 'any', disabled: !known, placeholder: 'none'});
     slider.id = 'slider-' + one.rule;
@@ -62,7 +64,7 @@ const Panel = {
     slider.addEventListener('change', Table.arrange);
     number.addEventListener('change', Table.arrange);
     row.append(text, slider, number);
-    document.getElementById('rules').append(row);
+    document.getElementById('no-maps').before(row);
     Panel.inputs.set(one.rule, {slider, number, step, end});
   },
 

@@ -16,8 +16,7 @@ const Stage = {
 
   start() {
     const stage = Stage.element('stage');
-    const scores = Data.index.scores.filter(s => !Number.isNaN(s)).sort();
-    if (scores.length > 0) [Stage.low, Stage.high] = [0.02, 0.98].map(q => scores[Math.floor(q * (scores.length - 1))]);
+    [Stage.low, Stage.high] = [0.02, 0.98].map(Charts.quantile);
     Stage.drawLegend();
     stage.addEventListener('pointerdown', Stage.press);
     stage.addEventListener('pointermove', Stage.move);
@@ -156,10 +155,13 @@ const Stage = {
   circle(ctx, x, y, colour, dashed) {
     const [px, py] = Stage.toPage(x, y), radius = Math.max(3, Stage.radius() * Stage.scale);
     if (px < -radius || py < -radius || px > ctx.canvas.clientWidth + radius || py > ctx.canvas.clientHeight + radius) return;
-    ctx.setLineDash(dashed ? [3, 4] : []);
-    for (const [width, style] of dashed ? [[1.25, colour]] : [[3.5, 'rgba(0, 0, 0, 0.45)'], [1.75, colour]]) {
+    // A dark line under the colour, or dark dashes between the light ones, show on any ground.
+    ctx.setLineDash(dashed ? [4, 4] : []);
+    const lines = dashed ? [[1, 'rgba(20, 24, 30, 0.7)', 0], [1, colour, 4]] : [[4, 'rgba(0, 0, 0, 0.4)', 0], [2.25, colour, 0]];
+    for (const [width, style, offset] of lines) {
       ctx.lineWidth = width;
       ctx.strokeStyle = style;
+      ctx.lineDashOffset = offset;
       ctx.beginPath();
       ctx.arc(px, py, radius, 0, 2 * Math.PI);
       ctx.stroke();
@@ -179,7 +181,7 @@ const Stage = {
 
   drawPicks(ctx) {
     const {x, y, score} = Stage.picks, dropped = Stage.element('show-dropped').checked, out = Stage.edits().left_out;
-    if (dropped) for (let k = 0; k < x.length; k++) if (!Stage.kept[k]) Stage.circle(ctx, x[k], y[k], '#b9c2cc', true);
+    if (dropped) for (let k = 0; k < x.length; k++) if (!Stage.kept[k]) Stage.circle(ctx, x[k], y[k], 'rgba(235, 240, 245, 0.7)', true);
     for (let k = 0; k < x.length; k++) if (Stage.kept[k]) Stage.circle(ctx, x[k], y[k], Stage.colourOf(score[k]), false);
     if (!out) for (const [ax, ay] of Stage.edits().added) Stage.circle(ctx, ax, ay, '#ff7bf0', false);
     if (Stage.focus >= 0 && Stage.focus < x.length) {

@@ -12,7 +12,7 @@ const Table = {
     {key: 'kept', title: 'Picks', width: 76, number: true, value: i => Model.kept[i],
      text: i => Model.counted[i] ? Model.kept[i] : '…'},
     {key: 'best', title: 'Best', width: 74, number: true, value: i => Model.best[i], text: i => Table.score(Model.best[i])},
-    {key: 'mean', title: 'Mean', width: 74, number: true, value: i => Model.mean[i], text: i => Table.score(Model.mean[i])},
+    {key: 'mean', title: 'Mean', width: 74, number: true, value: i => Model.mean(i), text: i => Table.score(Model.mean(i))},
     {key: 'closed', title: 'Closed', width: 80, number: true, value: i => Data.index.closed[i],
      text: i => Data.index.closed[i] < 0 ? '' : (Data.index.closed[i] * 100).toFixed(1) + ' %'},
     {key: 'state', title: 'State', width: 112, value: i => Table.state(i)},
@@ -90,7 +90,7 @@ const Table = {
       button.parentElement.setAttribute('aria-sort', key !== Table.sort ? 'none' : Table.down ? 'descending' : 'ascending');
     }
     document.getElementById('shown').textContent =
-        `${Table.order.length} of ${Data.index.names.length} micrographs shown`;
+        `${Table.order.length} of ${Data.index.names.length} shown`;
     Table.draw();
   },
 
