@@ -1,5 +1,6 @@
 // Whole runs: what the program prints, how it ends, and which files are there afterwards.
 #include <algorithm>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -114,6 +115,49 @@ TEST_F(RunOutput, TakesTheSecondFileForTheFirstWhereThatIsUnreadableAndStopsAtAL
                             fatal_line("main", "kestrix56", "open file failed.")));
   EXPECT_GT(picks("sim_001_quorlin.star").size(), 0U);
   EXPECT_FALSE(exists("sim_002_quorlin.box"));
+}
+
+// Two processes on the first device: on a GPU too that is enough to see what several devices do.
+TEST_F(RunOutput, OfSeveralDevicesIsThatOfOne) {
+  simulate(std::string(kSmall) + "--number 3 --templates 2");
+  const std::string options = std::string(kCommon) + "--T sim_templates.mrcs --apixT 8 --ang_step 90 ";
+  const auto files = [this] {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(path(".")))
+      if (!holds(entry.path().filename(), "std")) found[entry.path().filename()] = read_file(entry.path());
+    return found;
+  };
+  const auto expect_the_same = [&](const std::string& list, int status) {
+    const auto before = files();
+    const ProgramRun one = kestrix("--gid 0 " + options + list);
+    const auto of_one = files();
+    for (const auto& file : of_one)
+      if (!before.count(file.first)) remove_file(file.first);
+    const ProgramRun several = kestrix("--gid 0,0 " + options + list);
+    EXPECT_EQ(status, one.status) << list;
+    EXPECT_EQ(status, several.status) << list << several.errors;
+    const auto steady = [&](const std::string& output) {
+      return status == 0 ? steady_output(output) : without_line_numbers(without_times(output));
+    };
+    EXPECT_EQ(steady(one.output), steady(several.output)) << list;
+    const std::string end = status == 0 ? "" : "Kestrix: the process for device 0 has failed; the run ends.\n";
+    EXPECT_EQ(one.errors + end, several.errors) << list;
+    const auto of_several = files();
+    for (const auto& file : of_one) EXPECT_EQ(file.second, of_several.at(file.first)) << list << " " << file.first;
+    EXPECT_TRUE(status != 0 || of_one.size() == of_several.size()) << "those past a failure may be finished";
+    EXPECT_NE(before.size(), of_one.size()) << list;
+    for (const auto& file : of_several)
+      if (!before.count(file.first)) remove_file(file.first);
+  };
+  write_file(path("half.mrc"), content("sim_001.mrc").substr(0, 500000));
+  expect_the_same("gone.mrc sim_001.mrc half.mrc ./sim_001.mrc sim_002.mrc sim_003.mrc", 0);
+  expect_the_same("sim_001.mrc", 0);
+  expect_the_same("sim_001.mrc sim_002.mrc gone.mrc sim_003.mrc", 1);
+  const ProgramRun refused = kestrix("--gid 0,0 " + options + "--T gone.mrcs sim_001.mrc");
+  EXPECT_EQ(1, refused.status);
+  EXPECT_TRUE(ends_with(refused.output, "open file failed.! Exit now!\n")) << refused.output;
+  EXPECT_EQ(refused.output.find("All parameters"), refused.output.rfind("All parameters")) << "told once";
+  EXPECT_EQ(kestrix("--gid 0 --no_such_option a.mrc").output, kestrix("--gid 0,0 --no_such_option a.mrc").output);
 }
 
 TEST_F(RunOutput, HelpAndRefusalsHaveTheirStatuses) {

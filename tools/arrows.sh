@@ -11,7 +11,8 @@ cd "$(dirname "$0")/.."
 floors='tools main
 session
 run
-templates conditioning matching
+templates
+conditioning matching
 particles
 formats
 compute

@@ -4,6 +4,7 @@
 #include <omp.h>
 
 #include "matching/host_scan/scan.h"
+#include "platform/failure.h"
 #include "platform/host_memory.h"
 
 #include <algorithm>
@@ -24,6 +25,10 @@ constexpr char unit[] = "quorlin56";
 // Most device memory that the angles of one pass may take, in bytes.
 constexpr size_t kBytesOfPass = size_t{1} << 30;
 
+// What the angles of a pass leave free of a device that is short of memory, in bytes: kernels come to the device when they
+// are first launched, and sums take scratch.
+constexpr size_t kBytesLeftFree = size_t{32} << 20;
+
 size_t image_pixels(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx) * ws.ny; }
 size_t spectrum_values(const ScanWorkspace& ws) { return static_cast<size_t>(ws.nx / 2 + 1) * ws.ny; }
 
@@ -40,15 +45,77 @@ int batch_size(const ScanWorkspace& ws, int n_angles) {
   return (std::max(n_angles, 1) + passes - 1) / passes;
 }
 
-cufftHandle plan_images(int nx, int ny, cufftType type, int batch) {
+// The next smaller number of angles that makes passes of about the same size.
+int smaller_batch(int batch, int n_angles) {
+  int passes = (n_angles + batch - 1) / batch;
+  while ((n_angles + passes - 1) / passes >= batch) passes++;
+  return (n_angles + passes - 1) / passes;
+}
+
+// cudaMalloc that answers whether the device had room; any other failure ends the run.
+template <class T>
+bool take_if_it_fits(T** p, size_t count) {
+  const cudaError_t status = cudaMalloc(p, count * sizeof(T));
+  if (status != cudaErrorMemoryAllocation) CHECK_DEVICE(status);
+  if (status == cudaSuccess) return true;
+  cudaGetLastError();  // has been taken: the next launch is not to hear of it
+  *p = nullptr;
+  return false;
+}
+
+// The same for a plan, which takes work areas of its own.
+bool plan_if_it_fits(cufftHandle* plan, int nx, int ny, cufftType type, int batch) {
   int n[2] = {ny, nx};
   const int image = nx * ny;
   const int spectrum = (nx / 2 + 1) * ny;
   const bool forward = type == CUFFT_R2C;
-  cufftHandle plan;
-  CHECK_CUFFT(cufftPlanMany(&plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1, forward ? spectrum : image,
-                            type, batch));
-  return plan;
+  const cufftResult result = cufftPlanMany(plan, 2, n, nullptr, 1, forward ? image : spectrum, nullptr, 1,
+                                           forward ? spectrum : image, type, batch);
+  if (result != CUFFT_ALLOC_FAILED) CHECK_CUFFT(result);
+  if (result == CUFFT_SUCCESS) return true;
+  cudaGetLastError();
+  return false;
+}
+
+void free_pass(ScanWorkspace* ws) {
+  for (float** buffer : {&ws->padded, &ws->correlation}) {
+    cudaFree(*buffer);
+    *buffer = nullptr;
+  }
+  cudaFree(ws->spectra);
+  ws->spectra = nullptr;
+}
+
+// Buffers and plans for passes of ws->batch angles. False, with nothing taken, where the device has no room for them.
+bool take_pass(ScanWorkspace* ws) {
+  const auto batch = static_cast<size_t>(ws->batch);
+  unsigned char* left_free = nullptr;
+  if (batch > 1 && !take_if_it_fits(&left_free, kBytesLeftFree)) return false;
+  bool fits = take_if_it_fits(&ws->padded, batch * image_pixels(*ws)) &&
+              take_if_it_fits(&ws->correlation, batch * image_pixels(*ws)) &&
+              take_if_it_fits(&ws->spectra, batch * spectrum_values(*ws)) &&
+              plan_if_it_fits(&ws->forward_plan, ws->nx, ws->ny, CUFFT_R2C, ws->batch);
+  if (fits && !plan_if_it_fits(&ws->inverse_plan, ws->nx, ws->ny, CUFFT_C2R, ws->batch)) {
+    cufftDestroy(ws->forward_plan);
+    fits = false;
+  }
+  if (!fits) free_pass(ws);
+  cudaFree(left_free);
+  return fits;
+}
+
+// As many angles in one pass as are worth while and the device has room for.
+void take_largest_pass(ScanWorkspace* ws, int n_angles) {
+  const int wanted = ws->batch = batch_size(*ws, n_angles);
+  while (!take_pass(ws)) {
+    if (ws->batch == 1)
+      KESTRIX_FATAL("the device has not enough memory to scan images of %d x %d pixels; give a higher --speed", ws->nx,
+                    ws->ny);
+    ws->batch = smaller_batch(ws->batch, n_angles);
+  }
+  if (ws->batch < wanted)
+    safety_note(nullptr, "the device is short of memory; angles scanned at a time: %d instead of %d.", ws->batch,
+                wanted);
 }
 
 // The next angles of the scan, starting at `angle`; moves `angle` on. Returns how many.
@@ -156,27 +223,19 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
     ws.host_scan = host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
     return ws;
   }
-  ws.batch = batch_size(ws, n_angles);
-  const auto batch = static_cast<size_t>(ws.batch);
-  ws.padded = device_new<float>(batch * image_pixels(ws));
-  ws.correlation = device_new<float>(batch * image_pixels(ws));
   ws.mic_spectrum = device_new<float2>(spectrum_values(ws));
-  ws.spectra = device_new<float2>(batch * spectrum_values(ws));
-  ws.mic_plan = plan_images(nx, ny, CUFFT_R2C, 1);
-  ws.forward_plan = plan_images(nx, ny, CUFFT_R2C, ws.batch);
-  ws.inverse_plan = plan_images(nx, ny, CUFFT_C2R, ws.batch);
+  CHECK_CUFFT(cufftPlan2d(&ws.mic_plan, ny, nx, CUFFT_R2C));
+  take_largest_pass(&ws, n_angles);
   // The box in the middle is rewritten for every angle; what lies around it stays zero for the run.
-  hcuda_empty(ws.padded, batch * image_pixels(ws) * sizeof(float));
+  hcuda_empty(ws.padded, static_cast<size_t>(ws.batch) * image_pixels(ws) * sizeof(float));
   return ws;
 }
 
 void scan_workspace_free(ScanWorkspace* ws) {
   host_scan_free(ws->host_scan);
-  if (ws->padded) {
-    cudaFree(ws->padded);
-    cudaFree(ws->correlation);
+  if (ws->mic_spectrum) {
+    free_pass(ws);
     cudaFree(ws->mic_spectrum);
-    cudaFree(ws->spectra);
     cufftDestroy(ws->mic_plan);
     cufftDestroy(ws->forward_plan);
     cufftDestroy(ws->inverse_plan);

@@ -105,6 +105,9 @@ struct HostDeviceFaults {
   int capability[8][2] = {};       // compute capability of each; 0.0 stands for the healthy 1.0, one below 0 for a
                                    // device that gives no properties
   long fail_set_device_at = 0;     // the n-th and every later cudaSetDevice fails; -n: the n-th alone
+  bool lost_by_fork = false;       // children of a process that has used the device can't, as with CUDA
+  long killed_at = 0;              // the n-th wait after a launch ends the process by SIGKILL
+  size_t memory = 0;               // bytes that cudaMalloc may give out at a time; 0: no limit
   long fail_malloc_at = 0;         // likewise cudaMalloc
   long fail_malloc_host_at = 0;    // likewise cudaMallocHost
   long fail_memcpy_at = 0;         // likewise cudaMemcpy
@@ -115,3 +118,6 @@ struct HostDeviceFaults {
 
 /// The pretence in force; all healthy unless a test changes it.
 HostDeviceFaults& host_device_faults();
+
+/// Bytes that cudaMalloc has given out and cudaFree has not taken back.
+size_t host_device_bytes_in_use();

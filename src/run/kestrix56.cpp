@@ -1,11 +1,27 @@
 // The program kestrix: the run, from the command line to the last micrograph.
 #include <cstdio>
 
-#include "run/picking.h"
+#include "run/parameters.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
-#include "session/micrograph_list.h"
+#include "session/begin_run.h"
+#include "session/devices.h"
 #include "str_utils.h"
+
+namespace {
+
+// Picks all micrographs of the command line in this process. Returns their number.
+int pick_on_one_device(int argc, char** argv) {
+  Run run{};
+  begin_run(argc, argv, &run);
+  const int n_files = run.para.n_files;
+  for (int i = 0; i < n_files; i++) pick_micrograph(&run, run.para.files[i]);
+  put_tally(&run.tally);
+  free_run(&run);
+  return n_files;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   time_push();
@@ -22,19 +38,9 @@ int main(int argc, char** argv) {
     kestrix_help_more();
     return 0;
   }
-  Run run{};
-  read_command_line(argc, argv, &run);
-  run.para.n_files = leave_out_own_images(run.para.files, run.para.n_files);
-  report_command_line(argc, argv, &run);
-  check_output_names(run.para.files, run.para.n_files);
-  prepare_run(&run);
-  time_pop("PREPARATION");
-
-  for (int i = 0; i < run.para.n_files; i++) pick_micrograph(&run, run.para.files[i]);
-
-  put_tally(&run.tally);
-  const int n_files = run.para.n_files;
-  free_run(&run);
+  const int device = kestrix_find_device_argument(argc, argv);
+  const bool on_several = device > 0 && names_devices(argv[device]);
+  const int n_files = on_several ? pick_on_devices(argc, argv, device) : pick_on_one_device(argc, argv);
   put_rule('#', 129, stdout);
   printf("All %d files finished successfully:\n", n_files);
   time_pop("TOTAL");

@@ -320,6 +320,21 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   note_overridden_auto(para, given);
 }
 
+int kestrix_find_device_argument(int argc, char** argv) {
+  int position = 0;
+  for (int i = 1; i < argc; i++) {
+    const Option* option = find_option(argv[i]);
+    int flag = 0;
+    if (!option) continue;
+    if (option->kind == FLAG) {
+      get_bool_keyword(argc, argv, i, flag);
+    } else if (++i < argc && option->field.integer == &P::gid) {
+      position = i;
+    }
+  }
+  return position;
+}
+
 void kestrix_check_parameters(const Kestrix_Para* para) {
   require_positive("apixM", "the pixel size of the micrographs in angstrom", para->apixM);
   require_positive("apixT", "the pixel size of the templates in angstrom", para->apixT);

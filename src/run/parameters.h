@@ -99,6 +99,10 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para);
 /// status 1. Numbers are taken as they are; kestrix_check_parameters judges them.
 void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para);
 
+/// The position in argv of the value that the command line gives --gid, 0 where it gives none. Walks over the arguments as
+/// kestrix_get_parameters does, but asks for no device and judges nothing.
+int kestrix_find_device_argument(int argc, char** argv);
+
 /// Ends the run with a fatal error that names the option, its value and what is allowed, if a pixel size, the
 /// diameter, the distance, the box or the angular step is one that no run can work with.
 void kestrix_check_parameters(const Kestrix_Para* para);

@@ -9,8 +9,8 @@
 #include "math_utils.h"
 #include "platform/failure.h"
 #include "platform/host_memory.h"
-#include "run/auto_picks.h"
 #include "process2d_raw.h"
+#include "run/auto_picks.h"
 #include "templates/templates.h"
 
 namespace {
@@ -111,6 +111,7 @@ void allocate_run(Run* run) {
   const RunSizes& s = run->sizes;
   const size_t pixels = work_pixels(run);
   const size_t cells = grid_cells(run);
+  if (device_transforms_wanted()) check_device_memory(run);
   HostBuffers& host = run->host;
   host.work_mic = pinned_new<float>(pixels);
   if (para.write_ccmax_mic) {
@@ -127,7 +128,8 @@ void allocate_run(Run* run) {
   for (float** buffer : {&device.d_mic, &device.d_ccmax, &device.d_psi, &device.d_mask})
     *buffer = device_new<float>(pixels);
   device.d_grid = device_new<unsigned>(cells);
-  if (para.detect_ice || para.do_bandpass || para.do_pre_filter || uses_auto_parts(&para)) run->pad = mirror_pad_new(s.work_nx, s.work_ny);
+  if (para.detect_ice || para.do_bandpass || para.do_pre_filter || uses_auto_parts(&para))
+    run->pad = mirror_pad_new(s.work_nx, s.work_ny);
   if (para.detect_ice) run->ice = ice_workspace_new(&run->pad, s.grid_nx, s.grid_ny, ice_settings(para, s));
   auto_buffers_new(run);
   run->peaks = peak_workspace_new(s.grid_nx, s.grid_ny);

@@ -78,7 +78,15 @@ void set_run_sizes(Run* run);
 /// Acquires the templates (host.T_stack) and sets their sizes.
 void acquire_templates(Run* run);
 
-/// Allocates every buffer and workspace of the run but host.T_stack. Failure ends the run.
+/// Device memory that a run takes by the device's own transforms with so many angles in one pass of the scan: all its
+/// buffers, in bytes, the work areas of its transforms not included. Sizes and templates must be known.
+size_t device_bytes(const Run* run, int angles);
+
+/// Ends the run where the device has no room for it even with one angle at a time.
+void check_device_memory(const Run* run);
+
+/// Allocates every buffer and workspace of the run but host.T_stack. Where a GPU is short of memory the scan takes fewer
+/// angles at a time. Failure ends the run.
 void allocate_run(Run* run);
 
 /// Normalises the templates one by one and moves them to the device, inverted unless dont_invertT.
