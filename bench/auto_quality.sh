@@ -5,7 +5,7 @@
 # Simulated: micrographs of 2560 x 2400 pixels of 2 Å with particles of 200 Å of five shapes, at two noise levels, clean
 # and with ice and carbon; empty, sparse and crowded ones; with templates. Real: the micrographs of FOLDER, where it is;
 # without it this part is skipped, which is said. F1 is the mean over micrographs; a pick is right within a quarter of the
-# particle's diameter, one pick a mark.
+# particle's diameter, one pick a mark. Last, what is left when parts of --auto are switched off.
 set -eu
 seed=1
 data=../shared/data
@@ -27,12 +27,16 @@ export OMP_NUM_THREADS=${OMP_NUM_THREADS:-1}
 shapes="body ball shell barrel rod"
 dirty="--ice 10 --carbon 0.12"
 
-# make NAME OPTIONS...: one micrograph of the simulated kind
+# make NAME SEED OPTIONS...: one micrograph of the simulated kind; where ice would be darker than black, of another seed
 make() {
-  local name=$1
-  shift
-  "$build/kestrix_simulate" --prefix "$work/${name}_" --number 1 --nx 2560 --ny 2400 --apix 2 --diameter 200 --mode 6 \
-    --templates 0 --seed "$seed" "$@" >/dev/null
+  local name=$1 first=$2
+  shift 2
+  for other in 0 10000 20000 30000; do
+    "$build/kestrix_simulate" --prefix "$work/${name}_" --number 1 --nx 2560 --ny 2400 --apix 2 --diameter 200 --mode 6 \
+      --templates 0 --seed $((first + other)) "$@" >/dev/null 2>"$work/refused" && return
+  done
+  cat "$work/refused" >&2
+  return 1
 }
 
 simulate() {
@@ -40,14 +44,14 @@ simulate() {
     local extra=""
     [ $dirt = dirty ] && extra=$dirty
     for shape in $shapes; do
-      for snr in 0.05 0.025; do make "cases_${shape}_${snr}_$dirt" --shape "$shape" --snr $snr $extra; done
+      for snr in 0.05 0.025; do make "cases_${shape}_${snr}_$dirt" "$seed" --shape "$shape" --snr $snr $extra; done
     done
-    for i in 1 2 3 4 5 6 7 8 9; do make "empty_${i}_$dirt" --count 0 $extra --seed $((100 * seed + i)); done
-    for i in 1 2 3; do make "sparse-${dirt}_$i" --count 15 --snr 0.1 $extra --seed $((100 * seed + i)); done
-    make "crowded-$dirt" --coverage 0.4 --min_spacing 190 --snr 0.05 $extra
+    for i in 1 2 3 4 5 6 7 8 9; do make "empty_${i}_$dirt" $((100 * seed + i)) --count 0 $extra; done
+    for i in 1 2 3; do make "sparse-${dirt}_$i" $((100 * seed + i)) --count 15 --snr 0.1 $extra; done
+    make "crowded-$dirt" "$seed" --coverage 0.4 --min_spacing 190 --snr 0.05 $extra
   done
   for shape in body barrel; do
-    make "templates_$shape" --shape $shape --snr 0.01 --templates 8 --apixT 4 --boxT 64
+    make "templates_$shape" "$seed" --shape $shape --snr 0.01 --templates 8 --apixT 4 --boxT 64
   done
 }
 
@@ -141,6 +145,26 @@ kinds() {
   done
 }
 
+# ablation LABEL OPTIONS...: what is left when a part is switched off
+ablation() {
+  local label=$1 real="-"
+  shift
+  [ -d "$data/apoferritin" ] && real=$(real_scores beta_galactosidase 3.54 180 1.25 --auto 1 "$@" | grep ^truth | mean)
+  printf '| %s | %s | %s | %s | %s | %s |\n' "$label" "$(pick_simulated cases --auto 1 "$@" | mean)" \
+    "$(pick_simulated sparse-dirty --auto 1 "$@" | mean)" "$(pick_simulated crowded-clean --auto 1 "$@" | mean)" \
+    "$(pick_simulated empty --auto 1 "$@" | picks)" "$real"
+}
+
+ablations() {
+  echo
+  echo "| left out | 20 cases | 15 alone, dirty | crowded | picks on empty ones | β-galactosidase, D x 1.25 |"
+  echo "|---|---|---|---|---|---|"
+  ablation "nothing"
+  ablation "the map of ice (cells with fixed limits, \`--robust_ice 0\`)" --robust_ice 0
+  ablation "sizes and the mean (a ball of D, \`--learn_template 0\`)" --learn_template 0
+  ablation "the cutoff (fixed, \`--cc_cutoff 4.5\`)" --cc_cutoff 4.5
+}
+
 simulate
 echo "Seed $seed."
 echo
@@ -161,3 +185,4 @@ echo
 echo "18 empty simulated micrographs, clean and with ice: $(pick_simulated empty --auto 1 | picks) with --auto," \
   "$(pick_simulated empty | picks) with the defaults."
 if [ -d "$data/micrograph_kinds" ]; then kinds; else echo "SKIPPED: no real micrographs, as there is no folder --data."; fi
+ablations

@@ -8,7 +8,7 @@
 #include "run/findings.h"
 #include "run/parameters.h"
 #include "run/tally.h"
-#include "templates/size_scan.h"
+#include "run/size_scan.h"
 
 /// Sizes of the run, from the first micrograph's header and the templates. "Shrunk" pixels are pixels of
 /// apixM * shrink Å.

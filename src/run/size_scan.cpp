@@ -1,4 +1,4 @@
-#include "templates/size_scan.h"
+#include "run/size_scan.h"
 
 #include <algorithm>
 #include <cmath>
