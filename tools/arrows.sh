@@ -11,8 +11,7 @@ cd "$(dirname "$0")/.."
 floors='tools main
 session
 run
-templates
-conditioning matching
+templates conditioning matching
 particles
 formats
 compute

@@ -58,11 +58,16 @@ const Charts = {
   },
 
   draw() {
+    Charts.drawKept();
+    const closed = Data.index.closed.map(v => v < 0 ? NaN : v);
+    Charts.drawSeries('closed', closed, v => Math.round(v * 100) + ' %');
+  },
+
+  // What follows the limits.
+  drawKept() {
     Charts.drawHistogram();
     const kept = Model.kept, names = Data.index.names;
     Charts.drawSeries('per-micrograph', kept, v => Math.round(v).toString());
-    const closed = Data.index.closed.map(v => v < 0 ? NaN : v);
-    Charts.drawSeries('closed', closed, v => Math.round(v * 100) + ' %');
     document.getElementById('per-micrograph').setAttribute('aria-label',
         `Picks kept in each of ${names.length} micrographs, at most ${kept.reduce((a, b) => Math.max(a, b), 0)}`);
   },
@@ -72,13 +77,13 @@ const Charts = {
     if (!area) return;
     const {ctx, width, floor} = area, {top} = Charts.inner;
     const highest = Math.sqrt(Math.max(1, ...Charts.histogram));
-    const {least, most} = Charts.limits();
+    const {least, most} = Charts.limits(), kept = Charts.colour('--bar-kept'), other = Charts.colour('--bar');
     for (let b = 0; b < Charts.bins; b++) {
       const from = Charts.low + b / Charts.bins * (Charts.high - Charts.low);
       const middle = from + 0.5 / Charts.bins * (Charts.high - Charts.low);
       const x = Charts.x(from, width), w = (width - 12) / Charts.bins;
       const h = Math.sqrt(Charts.histogram[b]) / highest * (floor - top);
-      ctx.fillStyle = Charts.colour(middle >= least && middle <= most ? '--bar-kept' : '--bar');
+      ctx.fillStyle = middle >= least && middle <= most ? kept : other;
       ctx.fillRect(x, floor - h, Math.max(w - 0.5, 0.5), h);
     }
     ctx.fillStyle = Charts.colour('--faint');

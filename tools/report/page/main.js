@@ -50,7 +50,7 @@ const Main = {
 
   showOverview() {
     if (document.getElementById('overview').hidden) return;
-    Charts.draw();
+    Charts.drawKept();
     Table.draw();
   },
 

@@ -78,9 +78,11 @@ const Model = {
     return number > 0 ? sum / number : NaN;
   },
 
-  count(i) {
-    if (Model.editsOf(i).left_out) { Model.set(i, 0, NaN); return true; }
-    if (Model.scoresDecide() && !Model.hasEdits(i)) { Model.countByScore(i); return true; }
+  // Returns whether that could be done: what isn't known from scores needs the chunk.
+  count(i, known = Model.scoresDecide()) {
+    const edits = Model.edits.get(i);
+    if (edits && edits.left_out) { Model.set(i, 0, NaN); return true; }
+    if (known && !Model.hasEdits(i)) { Model.countByScore(i); return true; }
     return Model.countByAll(i);
   },
 
@@ -93,7 +95,7 @@ const Model = {
     const left = [], known = Model.scoresDecide();
     for (const i of shown || []) Model.count(i);
     for (let i = 0; i < n; i++)
-      if (!Model.counted[i] && !(known && Model.count(i))) left.push(i);
+      if (!Model.counted[i] && !(known && Model.count(i, known))) left.push(i);
     Model.tell();
     let at = 0;
     const goOn = () => {
