@@ -82,7 +82,8 @@ TEST(ScorePeaks, AreTheOpenLocalMaximaTakenFromTheHighestDown) {
         bool top = open[static_cast<size_t>(i)] != 0;
         for (int dy = -1; dy <= 1; dy++)
           for (int dx = -1; dx <= 1; dx++) {
-            const float v = sign * map[static_cast<size_t>(i)], other = sign * map[static_cast<size_t>(i + dy * nx + dx)];
+            const float v = sign * map[static_cast<size_t>(i)],
+                        other = sign * map[static_cast<size_t>(i + dy * nx + dx)];
             const bool before = dy < 0 || (dy == 0 && dx < 0);
             if (dy != 0 || dx != 0) top = top && (before ? v > other : v >= other);
           }
@@ -138,20 +139,21 @@ TEST(ScoreCutoff, DividesParticlesFromNoiseAndFindsNoneInNoise) {
 TEST(RobustIce, ClosesWideAreasAndLeavesSmallSpots) {
   const int nx = 200, ny = 160;
   const size_t n = static_cast<size_t>(nx) * ny;
-  std::vector<float> average = random_values(n, 2, -0.05f, 0.05f), deviation = random_values(n, 3, 0.95f, 1.05f), open(n);
+  std::vector<float> average = random_values(n, 2, -0.05f, 0.05f), deviation = random_values(n, 3, 0.95f, 1.05f),
+                     open(n);
   std::vector<unsigned char> bad(n), near(n);
   const auto disc = [&](std::vector<float>& map, int cx, int cy, double radius, float value) {
     for (int y = 0; y < ny; y++)
       for (int x = 0; x < nx; x++)
         if (std::hypot(x - cx, y - cy) <= radius) map[static_cast<size_t>(y * nx + x)] = value;
   };
-  disc(deviation, 40, 40, 20, 3);   // wider than 0.6 of 20 pixels: ice
-  disc(deviation, 120, 40, 9, 3);   // one strong particle
+  disc(deviation, 40, 40, 20, 3);      // wider than 0.6 of 20 pixels: ice
+  disc(deviation, 120, 40, 9, 3);      // one strong particle
   disc(average, 150, 120, 14, -0.7f);  // the rim of
   disc(average, 150, 120, 6, -2);      // a dark lump
   disc(average, 60, 120, 14, -0.7f);   // as deep as the rim, with nothing in it
-  const RobustIceLimits limits = find_robust_ice({nx, ny, nx, ny, 20, 8}, average.data(), deviation.data(), bad.data(),
-                                                 open.data());
+  const RobustIceLimits limits =
+      find_robust_ice({nx, ny, nx, ny, 20, 8}, average.data(), deviation.data(), bad.data(), open.data());
   const auto is_bad = [&](int x, int y) { return bad[static_cast<size_t>(y * nx + x)] != 0; };
   EXPECT_TRUE(is_bad(40, 40) && is_bad(55, 40) && is_bad(150, 120) && is_bad(162, 120));
   EXPECT_FALSE(is_bad(120, 40) || is_bad(60, 120) || is_bad(100, 100));
@@ -254,8 +256,8 @@ TEST_P(SizeBands, ClosedAreasLeakNothingIntoABand) {
 
 TEST(LowestScores, AreThoseOfTheNegatedTemplateAndLeaveTheBestAsTheyAre) {
   REQUIRE_DEVICE();
-  for (const ScanWay way : kOnGpu ? std::vector<ScanWay>{kDeviceTransforms}
-                                  : std::vector<ScanWay>{kDeviceTransforms, kHostScan})
+  for (const ScanWay way :
+       kOnGpu ? std::vector<ScanWay>{kDeviceTransforms} : std::vector<ScanWay>{kDeviceTransforms, kHostScan})
     for (const float stop : {359.0f, 1.0f}) {
       const int nx = 40, ny = 36, side = 11;
       const size_t n = static_cast<size_t>(nx) * ny;

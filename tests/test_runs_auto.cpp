@@ -101,8 +101,10 @@ TEST_F(RunAuto, IsTheSameByteForByteOnAnyNumberOfThreadsAndAfterAnyMicrograph) {
     auto_pick(options);
     const Image maps = image("_ccmax.mrc");
     for (const auto& c : rows("sim_001_nonunique.box"))
-      EXPECT_NEAR(c[4], maps.at(static_cast<long>(c[0] + std::trunc(c[2] / 2)),
-                                static_cast<long>(c[1] + std::trunc(c[3] / 2)), static_cast<long>(c[5])), 1e-4);
+      EXPECT_NEAR(c[4],
+                  maps.at(static_cast<long>(c[0] + std::trunc(c[2] / 2)),
+                          static_cast<long>(c[1] + std::trunc(c[3] / 2)), static_cast<long>(c[5])),
+                  1e-4);
     const std::string first = lists() + content("sim_001_ccmax.mrc") + content("sim_001_learned.mrcs");
     auto_pick(std::string(options) + "sim_002.mrc", "OMP_NUM_THREADS=3");
     EXPECT_TRUE(first == lists() + content("sim_001_ccmax.mrc") + content("sim_001_learned.mrcs")) << options;
@@ -176,8 +178,7 @@ TEST_F(RunAuto, BadMicrographsGiveNothingAndALineOrThePicksOfTheGoodPart) {
            common(clean, found) + 1 >= clean.size();
   };
   EXPECT_TRUE(picks_of_spoilt([](Image& i) { std::fill(i.data.begin(), i.data.end(), 7.0f); }, "no variation").empty());
-  EXPECT_TRUE(
-      picks_of_spoilt([](Image& i) { std::fill(i.data.begin(), i.data.end(), kNaN); }, "not finite").empty());
+  EXPECT_TRUE(picks_of_spoilt([](Image& i) { std::fill(i.data.begin(), i.data.end(), kNaN); }, "not finite").empty());
   EXPECT_TRUE(same(picks_of_spoilt([](Image& i) { i.data[400 * 1000 + 500] = 1e7f; }))) << "a hot pixel";
   EXPECT_TRUE(same(picks_of_spoilt([](Image& i) { i.data[400 * 1000 + 500] = kNaN; }, "not finite"))) << "a dead one";
   EXPECT_TRUE(same(picks_of_spoilt([](Image& i) {

@@ -127,9 +127,9 @@ struct IceSettings {
   bool write_lave;           // write _bg.mrc
   bool write_lsigma;         // write _lsigma.mrc
   bool robust = false;       // close pixels by limits that the micrograph sets (robust_ice.h), not cells by those above
-  float particle = 0;           // for that: diameter, pixels of the working image
-  float reach = 0;              // for that: how far from a bad pixel nothing counts, likewise
-  int true_nx = 0, true_ny = 0;     // for that: the micrograph in the working image
+  float particle = 0;        // for that: diameter, pixels of the working image
+  float reach = 0;           // for that: how far from a bad pixel nothing counts, likewise
+  int true_nx = 0, true_ny = 0;  // for that: the micrograph in the working image
 };
 
 /// What ice detection needs for a run of nx by ny images with grid_nx by grid_ny cells.
@@ -148,8 +148,8 @@ struct IceWorkspace {
   // Of the pixels' own limits, host, nx*ny; null for cells:
   float* host_lave;
   float* host_lsigma;
-  float* host_open;     // 1 or 0
-  unsigned char* bad;   // 1 or 0
+  float* host_open;    // 1 or 0
+  unsigned char* bad;  // 1 or 0
 };
 
 /// Allocates and prepares the two windows; released with ice_workspace_free.

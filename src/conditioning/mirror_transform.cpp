@@ -19,7 +19,9 @@ constexpr char unit[] = "mirror_transform";
 // Frequencies whose weight is below exp(-kNothing^2 / 2) don't count.
 constexpr float kNothing = 6.0f;
 
-size_t spectrum_values(const MirrorPad* pad) { return (static_cast<size_t>(pad->nx) + 1) * (2 * static_cast<size_t>(pad->ny)); }
+size_t spectrum_values(const MirrorPad* pad) {
+  return (static_cast<size_t>(pad->nx) + 1) * (2 * static_cast<size_t>(pad->ny));
+}
 
 // How many frequencies k / (2n) below n have a weight.
 int kept_of(int n, float sharpness) {
@@ -108,8 +110,8 @@ DiscWindow radial_window_new(MirrorPad* pad, const float* profile, int n, float 
   const int nx = pad->cosines ? pad->nx : 2 * pad->nx;
   const int ny = pad->cosines ? pad->ny : 2 * pad->ny;
   float* image = pad->cosines ? pad->coefficients : pad->padded;
-  CHECK_DEVICE(launch_2d<cuda_2d_radial_image>(nx, ny, image, nx, cx, cy, static_cast<const float*>(d_profile), n,
-                                               1.0f / step));
+  CHECK_DEVICE(
+      launch_2d<cuda_2d_radial_image>(nx, ny, image, nx, cx, cy, static_cast<const float*>(d_profile), n, 1.0f / step));
   if (pad->cosines) {
     const size_t values = cosine_coefficients(pad->nx, pad->ny);
     window.coefficients = device_new<float>(values);

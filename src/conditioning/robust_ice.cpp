@@ -146,7 +146,8 @@ void dilate_by_disc(const unsigned char* in, int nx, int ny, float radius, unsig
     }
   auto* half = host_new<int>(static_cast<size_t>(reach) + 2);
   for (int dy = 0; dy <= reach; dy++)
-    half[dy] = static_cast<int>(std::sqrt(std::max(0.0f, radius * radius - static_cast<float>(dy) * static_cast<float>(dy))));
+    half[dy] =
+        static_cast<int>(std::sqrt(std::max(0.0f, radius * radius - static_cast<float>(dy) * static_cast<float>(dy))));
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < ny; y++) {
     const int* row = rows + static_cast<size_t>(y) * width;

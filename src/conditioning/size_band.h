@@ -12,9 +12,9 @@ struct SizeBand {
   bool all_open;
   MirrorTransform of_image;  // of image * open
   MirrorTransform of_open;
-  float* local;    // device, nx*ny
-  float* weight;   // device, nx*ny
-  float* host;     // host, nx*ny
+  float* local;      // device, nx*ny
+  float* weight;     // device, nx*ny
+  float* host;       // host, nx*ny
   float* host_open;  // host copy of open
 };
 

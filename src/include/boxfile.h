@@ -67,7 +67,8 @@ int box_filter(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, fl
 /// The same of candidates no two of which are nearer than min_dist: none has a better one nearby, and those in the
 /// outermost ring of cells stay.
 int box_filter_distinct(int shrink_nx, int shrink_ny, float min_dist, float cc_cutoff, float shrink, int box_w,
-                        int box_h, int2 origin, const char* candidates, const char* excluded, const char* out, int kind);
+                        int box_h, int2 origin, const char* candidates, const char* excluded, const char* out,
+                        int kind);
 
 /// Rewinds and writes the head of a STAR list of picks: x, y, psi, class, score. Returns 0.
 int output_starbox_head(FILE* file);

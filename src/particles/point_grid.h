@@ -3,12 +3,12 @@
 
 /// Points of an image of nx by ny pixels.
 struct PointGrid {
-  float distance;       // pixels
-  int cell;             // side of a cell, pixels
-  int columns, rows;    // of cells
-  int* first;           // of each cell: its last point, -1: none
-  int* next;            // of each point: the one before it in its cell, -1: none
-  int (*points)[2];     // x, y
+  float distance;     // pixels
+  int cell;           // side of a cell, pixels
+  int columns, rows;  // of cells
+  int* first;         // of each cell: its last point, -1: none
+  int* next;          // of each point: the one before it in its cell, -1: none
+  int (*points)[2];   // x, y
   int n;
 };
 

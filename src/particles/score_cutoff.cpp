@@ -32,7 +32,8 @@ PeakList without_beaten(const PeakList& list, const PeakList& others, int nx, fl
   for (int i = 0; i < list.n; i++) {
     for (; next < others.n && others.peaks[next].score > list.peaks[i].score; next++)
       point_grid_add(&higher, others.peaks[next].pixel % nx, others.peaks[next].pixel / nx);
-    if (!is_point_near(higher, list.peaks[i].pixel % nx, list.peaks[i].pixel / nx)) left.peaks[left.n++] = list.peaks[i];
+    if (!is_point_near(higher, list.peaks[i].pixel % nx, list.peaks[i].pixel / nx))
+      left.peaks[left.n++] = list.peaks[i];
   }
   point_grid_free(&higher);
   return left;
@@ -63,7 +64,8 @@ int valley_between_modes(const double* density) {
   int highest = -1;
   int second = -1;
   for (int k = 0; k < kDensityPoints; k++) {
-    const bool mode = (k == 0 || density[k] > density[k - 1]) && (k == kDensityPoints - 1 || density[k] >= density[k + 1]);
+    const bool mode =
+        (k == 0 || density[k] > density[k - 1]) && (k == kDensityPoints - 1 || density[k] >= density[k + 1]);
     if (!mode) continue;
     if (highest < 0 || density[k] > density[highest]) {
       second = highest;

@@ -6,10 +6,10 @@
 
 /// By which rule a cutoff was found.
 enum CutoffRule {
-  kNoParticles,   // peaks don't stand out against decoys: nothing is picked
-  kValley,        // where the scores of particles and those of noise divide, or above for few decoys' sake
-  kBestBalance,   // where the expected balance of precision and recall is best
-  kGivenCutoff    // the user's
+  kNoParticles,  // peaks don't stand out against decoys: nothing is picked
+  kValley,       // where the scores of particles and those of noise divide, or above for few decoys' sake
+  kBestBalance,  // where the expected balance of precision and recall is best
+  kGivenCutoff   // the user's
 };
 
 struct ScoreCutoff {

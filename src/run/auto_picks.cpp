@@ -140,8 +140,8 @@ void set_cutoff(Run* run, const PeakList& peaks, const PeakList& decoys) {
   if (run->para.auto_cutoff) {
     findings.rule = found.rule;
     // Lists hold six digits behind the point; a peak at the cutoff must still reach it when it is read back.
-    findings.cutoff = std::isfinite(found.cutoff) ? found.cutoff - 1e-6f * std::max(1.0f, std::fabs(found.cutoff))
-                                                  : found.cutoff;
+    findings.cutoff =
+        std::isfinite(found.cutoff) ? found.cutoff - 1e-6f * std::max(1.0f, std::fabs(found.cutoff)) : found.cutoff;
   }
   findings.least = std::min(findings.least, findings.cutoff);
   findings.picks = peaks_from(peaks, findings.cutoff);
@@ -272,7 +272,8 @@ void learn_template(Run* run, const char* mic, bool usable) {
     return;
   }
   set_size_findings(run);
-  if (run->para.write_learned && run->para.auto_template) write_learned(autos.found.found, run->para.dont_invertT != 0, mic);
+  if (run->para.write_learned && run->para.auto_template)
+    write_learned(autos.found.found, run->para.dont_invertT != 0, mic);
   if (!run->para.auto_picks) return replace_template(run, autos.found.found);
   size_band_make(&autos.sizes.band, &run->pad, autos.found.band_size, d_mic);
 }

@@ -9,16 +9,16 @@ enum TemplateUsed { kGivenTemplates, kDisc, kBall, kLearned };
 /// Facts of one micrograph.
 struct PickFindings {
   TemplateUsed matched;
-  float size;           // of the particles, Å; 0: not looked for
-  bool size_at_end;     // the smallest or the largest size tried fitted best
-  CutoffRule rule;      // kGivenCutoff where no cutoff was looked for
-  float cutoff;         // least score of a pick
-  float least;          // score of the lowest candidates that are listed, where a cutoff was looked for
-  float score_unit;     // score of a list over the map's value
-  float min_dist_px;    // least distance of two picks, working pixels
-  bool distinct;        // candidates keep that distance already
-  float closed;         // share of the micrograph closed to picking, 0 to 1
-  int picks;            // peaks that reached the cutoff, before borders and excluded places
+  float size;         // of the particles, Å; 0: not looked for
+  bool size_at_end;   // the smallest or the largest size tried fitted best
+  CutoffRule rule;    // kGivenCutoff where no cutoff was looked for
+  float cutoff;       // least score of a pick
+  float least;        // score of the lowest candidates that are listed, where a cutoff was looked for
+  float score_unit;   // score of a list over the map's value
+  float min_dist_px;  // least distance of two picks, working pixels
+  bool distinct;      // candidates keep that distance already
+  float closed;       // share of the micrograph closed to picking, 0 to 1
+  int picks;          // peaks that reached the cutoff, before borders and excluded places
 };
 
 /// The words for what was matched.

@@ -90,21 +90,49 @@ const Option options[] = {
     {"extract_pf", &P::extract_pf, FLAG},
     {"gid", &P::gid},
     // Of our own:
-    {"auto", &P::auto_picks, FLAG, nullptr, {"Picks that need no tuning", "auto", "[0|1]",
-     "Give --apixM and --diameter alone: ice, particle size, template and cutoff are found on each micrograph. The sum "
-     "of the three options below, on a working pixel and in a band of its own"}},
-    {"robust_ice", &P::robust_ice, FLAG, &Given::robust_ice, {"Picks that need no tuning", "robust_ice", "[0|1]",
-     "Close ice, contamination and carbon pixel by pixel, by limits that the micrograph itself sets"}},
-    {"learn_template", &P::learn_template, FLAG, &Given::learn_template, {"Picks that need no tuning", "learn_template",
-     "[0|1]", "Match the mean of what the micrograph shows in place of the automatic template"}},
-    {"auto_cutoff", &P::auto_cutoff, FLAG, &Given::auto_cutoff, {"Picks that need no tuning", "auto_cutoff", "[0|1]",
-     "Find each micrograph's cutoff from its scores; one without particles gets empty lists"}},
-    {"write_learned", &P::write_learned, FLAG, nullptr, {"Picks that need no tuning", "write_learned", "[0|1]",
-     "Write the template found as _learned.mrcs, which --T takes at the working pixel size"}},
-    {"skip_empty_templates", &P::skip_empty_templates, FLAG, nullptr, {"Input that needs care", "skip_empty_templates",
-     "[0|1]", "Leave out templates that are zero everywhere"}},
-    {"clip_outliers", &P::clip_outliers, WITH_VALUE, nullptr, {"Input that needs care", "clip_outliers", "NUMBER",
-     "Limit raw pixels to so many robust deviations from the median"}},
+    {"auto",
+     &P::auto_picks,
+     FLAG,
+     nullptr,
+     {"Picks that need no tuning", "auto", "[0|1]",
+      "Give --apixM and --diameter alone: ice, particle size, template and cutoff are found on each micrograph. The "
+      "sum "
+      "of the three options below, on a working pixel and in a band of its own"}},
+    {"robust_ice",
+     &P::robust_ice,
+     FLAG,
+     &Given::robust_ice,
+     {"Picks that need no tuning", "robust_ice", "[0|1]",
+      "Close ice, contamination and carbon pixel by pixel, by limits that the micrograph itself sets"}},
+    {"learn_template",
+     &P::learn_template,
+     FLAG,
+     &Given::learn_template,
+     {"Picks that need no tuning", "learn_template", "[0|1]",
+      "Match the mean of what the micrograph shows in place of the automatic template"}},
+    {"auto_cutoff",
+     &P::auto_cutoff,
+     FLAG,
+     &Given::auto_cutoff,
+     {"Picks that need no tuning", "auto_cutoff", "[0|1]",
+      "Find each micrograph's cutoff from its scores; one without particles gets empty lists"}},
+    {"write_learned",
+     &P::write_learned,
+     FLAG,
+     nullptr,
+     {"Picks that need no tuning", "write_learned", "[0|1]",
+      "Write the template found as _learned.mrcs, which --T takes at the working pixel size"}},
+    {"skip_empty_templates",
+     &P::skip_empty_templates,
+     FLAG,
+     nullptr,
+     {"Input that needs care", "skip_empty_templates", "[0|1]", "Leave out templates that are zero everywhere"}},
+    {"clip_outliers",
+     &P::clip_outliers,
+     WITH_VALUE,
+     nullptr,
+     {"Input that needs care", "clip_outliers", "NUMBER",
+      "Limit raw pixels to so many robust deviations from the median"}},
 };
 
 void* cleared_memory(size_t count, size_t bytes) {
@@ -246,7 +274,8 @@ void note_overridden_auto(const Kestrix_Para* para, const Given& given) {
   if (given.ice_limits && !given.robust_ice)
     safety_note(nullptr, "limits of ice detection are given: they take the place of those that --auto finds.");
   if (given.speed) safety_note(nullptr, "--speed is given: it takes the place of the working pixel of --auto.");
-  if (given.band) safety_note(nullptr, "--lp and --hp have no effect with --auto, whose band follows the particle's size.");
+  if (given.band)
+    safety_note(nullptr, "--lp and --hp have no effect with --auto, whose band follows the particle's size.");
 }
 
 void require_positive(const char* option, const char* meaning, float value) {

@@ -309,8 +309,7 @@ void write_picks(const Run* run, const MicrographNames* names, const char* out, 
   const PickFindings& found = run->findings;
   const auto select = found.distinct ? box_filter_distinct : box_filter;
   select(run->sizes.shrink_nx, run->sizes.shrink_ny, found.min_dist_px, found.cutoff, static_cast<float>(para.shrink),
-         para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique), names->excluded, out,
-         kind);
+         para.boxsize, para.boxsize, kOrigin, output_at_hand(names->nonunique), names->excluded, out, kind);
 }
 
 // The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: it

@@ -7,8 +7,8 @@
 #include "quorlin56.h"
 #include "run/findings.h"
 #include "run/parameters.h"
-#include "run/tally.h"
 #include "run/size_scan.h"
+#include "run/tally.h"
 
 /// Sizes of the run, from the first micrograph's header and the templates. "Shrunk" pixels are pixels of
 /// apixM * shrink Å.

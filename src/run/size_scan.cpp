@@ -43,8 +43,7 @@ Trial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float
   Trial trial{};
   if (!(scale.deviation > 0) || !std::isfinite(scale.deviation)) return trial;
   trial.score_unit = 1.0f / scale.deviation;
-  const PeakArea area =
-      peak_area(scan->settings, scan->nx, scan->host_open, peak_distance(scan->settings, size));
+  const PeakArea area = peak_area(scan->settings, scan->nx, scan->host_open, peak_distance(scan->settings, size));
   trial.peaks = find_peaks(scan->host, 1.0f, trial.score_unit, area);
   trial.decoys = find_peaks(scan->host, -1.0f, trial.score_unit, area);
   trial.excess = static_cast<double>(size / scan->settings.diameter) * excess_of_peaks(trial.peaks, trial.decoys);

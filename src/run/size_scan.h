@@ -24,10 +24,10 @@ struct SizeScan {
   SizeScanSettings settings;
   SizeBand band;
   DiscWindow balls[kSizes];
-  float* d_band;      // device, nx*ny: the band of the last size
-  float* d_scores;    // device, nx*ny
-  float* host;        // host, nx*ny
-  float* host_open;   // host, nx*ny
+  float* d_band;     // device, nx*ny: the band of the last size
+  float* d_scores;   // device, nx*ny
+  float* host;       // host, nx*ny
+  float* host_open;  // host, nx*ny
 };
 
 /// What was found. Scores are in robust deviations of their map over the open area.

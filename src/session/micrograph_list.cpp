@@ -13,7 +13,7 @@ namespace {
 
 constexpr char unit[] = "micrograph_list";
 
-constexpr const char* kOwnImages[] = {"_pref.mrc",   "_mask.mrc",  "_bg.mrc",        "_bgfree.mrc",
+constexpr const char* kOwnImages[] = {"_pref.mrc",   "_mask.mrc",  "_bg.mrc",         "_bgfree.mrc",
                                       "_lsigma.mrc", "_ccmax.mrc", "_particles.mrcs", "_learned.mrcs"};
 
 // The same for every way to write a path: ./a.mrc is a.mrc.

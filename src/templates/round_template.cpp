@@ -117,7 +117,8 @@ RoundTemplate mean_template(const float* image, int nx, int ny, const PeakList& 
     const double r = static_cast<double>(kStep) * i;
     const int ring = std::min(static_cast<int>(r), reach - 1);
     const double value = mean[ring] + (r - ring) * (mean[ring + 1] - mean[ring]);
-    const double edge = 1 / (1 + std::exp((r - kEdge * static_cast<double>(size)) / (kEdgeWidth * static_cast<double>(size))));
+    const double edge =
+        1 / (1 + std::exp((r - kEdge * static_cast<double>(size)) / (kEdgeWidth * static_cast<double>(size))));
     t.values[i] = static_cast<float>((value - outside) * edge);
   }
   free(mean);

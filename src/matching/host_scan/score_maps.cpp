@@ -127,7 +127,8 @@ void fold_rows(const HostScan* scan, const TurnPair& turns, const float* psi, si
     if (update(scratch.out, scratch.other_out, best, n, step, angles)) settle_ties(scratch.out, best, n, step, angles);
     if (!scan->maps->wants_least) continue;
     const auto take = turns.has_half_turns ? take_least<true> : take_least<false>;
-    take(scratch.out, scratch.other_out, scan->maps->least + strip * width_of(scan) + first, n, step, angles.has_second);
+    take(scratch.out, scratch.other_out, scan->maps->least + strip * width_of(scan) + first, n, step,
+         angles.has_second);
   }
 }
 
