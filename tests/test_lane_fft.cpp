@@ -13,62 +13,48 @@
 namespace {
 
 /// Eight random arrays of n complex values; those between the first `low` and the last `high` are 0.
-struct Lanes {
-  Lanes(int length, int low, int high = 0) : n(length), in(lane_values_new(static_cast<size_t>(length))) {
-    const std::vector<float> values = random_values(2 * kLanes * static_cast<size_t>(n), static_cast<unsigned>(n));
-    const float* next = values.data();
-    for (int i = 0; i < n; i++) {
-      if (i >= low && i < n - high) continue;
-      for (int lane = 0; lane < kLanes; lane++) {
-        in[i].re[lane] = *next++;
-        in[i].im[lane] = *next++;
-      }
-    }
+std::vector<LaneValue> random_lanes(int n, int low, int high = 0) {
+  const std::vector<float> values = random_values(pixel_index(0, n, 2 * kLanes), static_cast<unsigned>(n));
+  std::vector<LaneValue> lanes(static_cast<size_t>(n), LaneValue{});
+  for (int i = 0; i < n * kLanes; i++) {
+    if (i / kLanes >= low && i / kLanes < n - high) continue;
+    lanes[i / kLanes].re[i % kLanes] = values[2 * i];
+    lanes[i / kLanes].im[i % kLanes] = values[2 * i + 1];
   }
-  ~Lanes() { free(in); }
-  Lanes(const Lanes&) = delete;
-  Lanes& operator=(const Lanes&) = delete;
+  return lanes;
+}
 
-  /// Checks one lane of out against the definition. Values are of about sqrt(n), float passes off by some 1e-7 of that.
-  void expect_transformed(const LaneValue* out, int lane) const {
-    std::vector<Complex> image(static_cast<size_t>(n));
-    for (int i = 0; i < n; i++) image[static_cast<size_t>(i)] = Complex(in[i].re[lane], in[i].im[lane]);
-    std::vector<double> want;
-    std::vector<float> got;
-    for (const Complex& v : fourier_sums(image, n, 1, -1)) {
-      want.push_back(v.real());
-      want.push_back(v.imag());
-    }
-    for (int i = 0; i < n; i++) {
-      got.push_back(out[i].re[lane]);
-      got.push_back(out[i].im[lane]);
-    }
-    EXPECT_TRUE(all_near(got, want, 2e-6 * std::sqrt(static_cast<double>(n)))) << n << " values, lane " << lane;
+/// Checks some lanes of out against the definition. Values are of about sqrt(n), float passes off by some 1e-7 of that.
+void expect_transformed(const std::vector<LaneValue>& in, const LaneValue* out) {
+  const int n = static_cast<int>(in.size());
+  for (const int lane : {0, 3, kLanes - 1}) {
+    std::vector<Complex> image;
+    for (const LaneValue& v : in) image.emplace_back(v.re[lane], v.im[lane]);
+    const std::vector<Complex> want = fourier_sums(image, n, 1, -1);
+    for (int i = 0; i < n; i++)
+      ASSERT_LE(std::abs(want[i] - Complex(out[i].re[lane], out[i].im[lane])), 3e-6 * std::sqrt(n)) << i << " of " << n;
   }
-
-  int n;
-  LaneValue* in;
-};
+}
 
 /// Runs a transform of the first `low` and the last `high` of n values and checks it; what is between mustn't matter, and
 /// neither the width of the vectors that it goes by.
 template <class Transform>
 void check_transform(int n, int low, int high, Transform transform) {
-  const Lanes lanes(n, low, high);
+  const std::vector<LaneValue> in = random_lanes(n, low, high);
   LanePlan plan = lane_plan_new(n);
-  const auto room = static_cast<size_t>(n);
-  LaneValue* buffers = lane_values_new(5 * room);
-  LaneValue* wide = buffers + 4 * room;
+  LaneValue* buffers = lane_values_new(4 * in.size());
+  LaneValue* out = buffers + n;
+  std::vector<LaneValue> wide(in.size());
   for (const bool is_wide : {true, false}) {
     set_wide_lanes(is_wide);
-    std::copy_n(lanes.in, n, buffers);
+    std::copy(in.begin(), in.end(), buffers);
     std::fill(buffers + low, buffers + n - high, LaneValue{Lane{} + 7, Lane{} + 7});
-    transform(&plan, buffers, buffers + room, buffers + 2 * room);
-    if (is_wide) std::copy_n(buffers + room, n, wide);
+    transform(&plan, buffers, out, out + n);
+    if (is_wide) std::copy_n(out, n, wide.begin());
   }
   set_wide_lanes(true);
-  for (const int lane : {0, 3, kLanes - 1}) lanes.expect_transformed(buffers + room, lane);
-  EXPECT_EQ(0, memcmp(wide, buffers + room, room * sizeof(LaneValue))) << n << " values, " << low << " and " << high;
+  expect_transformed(in, out);
+  EXPECT_EQ(0, memcmp(wide.data(), out, in.size() * sizeof(LaneValue))) << n << " values, " << low << " and " << high;
   free(buffers);
   lane_plan_free(&plan);
 }
@@ -119,13 +105,13 @@ TEST(LaneFft, OfOuterValuesIsThatOfAnArrayWithZerosBetween) {
 // Lengths with large primes go by a convolution of two transforms of twice the length: a few times the rounding.
 TEST(LaneFft, OfLengthsWithLargePrimesAgreesWithTheDefinition) {
   for (const int n : {7, 22, 98, 479, 958}) {
-    const Lanes lanes(n, n);
+    const std::vector<LaneValue> in = random_lanes(n, n);
     AnyLengthPlan plan = any_length_plan_new(n);
     const auto room = static_cast<size_t>(plan.plan.n);
     LaneValue* buffers = lane_values_new(4 * room);
-    std::copy_n(lanes.in, n, buffers);
+    std::copy(in.begin(), in.end(), buffers);
     any_length_fft(&plan, buffers, buffers + room, buffers + 2 * room);
-    for (const int lane : {0, kLanes - 1}) lanes.expect_transformed(buffers + room, lane);
+    expect_transformed(in, buffers + room);
     free(buffers);
     any_length_plan_free(&plan);
   }

@@ -8,11 +8,10 @@
 
 #include "cuda_general.h"
 #include "mrcfile.h"
+#include "test_numeric.h"
 #include "test_support.h"
 
 namespace {
-
-using MrcFile = FolderTest;
 
 constexpr char kUnit[] = "mrcfile";
 constexpr int kHuge = INT_MAX;
@@ -26,44 +25,45 @@ MRC_HEAD head_of(int nx, int ny, int nz, int mode) {
 
 std::string bytes_of(const void* data, size_t bytes) { return {static_cast<const char*>(data), bytes}; }
 
-void write_mrc(const std::string& name, const MRC_HEAD& head, const std::string& samples) {
-  write_file(name, bytes_of(&head, sizeof head) + samples);
-}
-
-template <class T>
-T at(const std::string& file, size_t offset) {
-  T value;
-  memcpy(&value, file.data() + offset, sizeof value);
-  return value;
-}
-
-// Sample i of a data block, by the definition of each mode.
-float decoded(const std::string& samples, int mode, size_t i) {
-  if (mode == 2) return at<float>(samples, 4 * i);
-  const auto* bytes = reinterpret_cast<const unsigned char*>(samples.data());
-  if (mode == 0) return bytes[i];
-  const int value = bytes[2 * i] + 256 * bytes[2 * i + 1];
-  return static_cast<float>(mode == 1 && value > 32767 ? value - 65536 : value);
-}
-
-// Samples of every bit pattern for the integer modes, plain numbers for floats.
-std::string random_samples(int mode, size_t count) {
-  std::mt19937 random(17);
-  std::string samples;
-  for (size_t i = 0; i < count; i++) {
-    const auto bits = static_cast<uint32_t>(random());
-    const float number = static_cast<float>(bits % 100000) * 0.25f - 9000.0f;
-    samples += mode == 2 ? bytes_of(&number, 4) : bytes_of(&bits, mode == 0 ? 1 : 2);
+struct MrcFile : FolderTest {
+  /// Files of random samples of that type are read as floats in planes of every axis; those that are missing are zero and
+  /// counted.
+  template <class T>
+  void expect_read(int mode) {
+    SCOPED_TRACE(mode);
+    constexpr int nx = 307, ny = 211, nz = 3;
+    std::mt19937 random(17);
+    std::vector<T> samples;
+    for (int i = 0; i < nx * ny * nz; i++) samples.push_back(static_cast<T>(static_cast<int32_t>(random())));
+    const MRC_HEAD head = head_of(nx, ny, nz, mode);
+    const std::string bytes = bytes_of(samples.data(), samples.size() * sizeof(T));
+    write_mrc(path("a.mrc"), nx, ny, nz, mode, bytes);
+    EXPECT_EQ(std::vector<float>(samples.begin(), samples.end()), read_image(path("a.mrc")).data);
+    const auto expect_plane = [&](char axis, int slice, int width, int height) {
+      FILE* file = fopen(path("a.mrc").c_str(), "r");
+      std::vector<float> plane(pixel_index(0, height, width), -1.0f), want;
+      mrc_read_slice(file, &head, slice, axis, plane.data());
+      fclose(file);
+      for (int i = 0; i < width * height; i++) {
+        const long x = axis == 'X' ? slice : i % width, y = axis == 'Z' ? i / width : axis == 'X' ? i % width : slice;
+        const size_t at = pixel_index(x, (axis == 'Z' ? slice : i / width) * long{ny} + y, nx);
+        want.push_back(at < samples.size() ? static_cast<float>(samples[at]) : 0);
+      }
+      EXPECT_EQ(want, plane) << axis << slice;
+    };
+    expect_plane('y', 100, nx, nz);
+    expect_plane('X', 306, ny, nz);
+    samples.resize(nx * ny + 55);  // and a bit
+    write_file(path("a.mrc"),
+               read_file(path("a.mrc")).substr(0, sizeof head + samples.size() * sizeof(T) + sizeof(T) / 2));
+    FILE* file = fopen(path("a.mrc").c_str(), "r");
+    for (const int slice : {0, 1, 2, 3, kHuge, -1, INT_MIN}) {
+      const size_t missing = slice == 0 ? 0 : slice == 1 ? nx * ny - 55 : nx * ny;
+      EXPECT_EQ(missing, mrc_missing_samples(file, &head, slice)) << slice;
+      expect_plane('Z', slice, nx, ny);
+    }
+    fclose(file);
   }
-  return samples;
-}
-
-struct OpenFile {
-  FILE* file;
-  explicit OpenFile(const std::string& name, const char* mode = "r") : file(fopen(name.c_str(), mode)) {}
-  ~OpenFile() { fclose(file); }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
 };
 
 }  // namespace
@@ -85,6 +85,10 @@ TEST(MrcHead, NewHeadHasEveryInitialValueAtItsOffset) {
   expected.replace(208, 6, "MAP DA");
   MRC_HEAD* head = mrc_new_head();
   EXPECT_EQ(expected, bytes_of(head, sizeof *head));
+  memset(head, 'x', sizeof *head);
+  mrc_init_head(head);
+  expected.replace(128, 68, 68, 'x').replace(216, 4, 4, 'x');  // what it leaves as it is
+  EXPECT_EQ(expected, bytes_of(head, sizeof *head));
   free(head);
 }
 
@@ -100,72 +104,22 @@ TEST(MrcHead, NamesModes) {
       names);
 }
 
-TEST_F(MrcFile, EveryReadableModeAndAxisGivesTheSamplesAsFloats) {
-  constexpr int nx = 307, ny = 211, nz = 3;
-  const struct {
-    char axis;
-    int slice, width, height;
-  } planes[] = {{'Z', 2, nx, ny}, {'y', 100, nx, nz}, {'X', 306, ny, nz}};
-  for (int mode = -1; mode < 30; mode++) {
-    const bool readable = mode == 0 || mode == 1 || mode == 2 || mode == 6;
-    EXPECT_EQ(readable, mrc_mode_readable(mode)) << mode;
-    if (!readable) continue;
-    SCOPED_TRACE(mode);
-    const MRC_HEAD head = head_of(nx, ny, nz, mode);
-    const std::string samples = random_samples(mode, size_t{nx} * ny * nz);
-    write_mrc(path("a.mrc"), head, samples);
-    const OpenFile open(path("a.mrc"));
-    for (const auto& p : planes) {
-      std::vector<float> plane(static_cast<size_t>(p.width) * p.height), want;
-      mrc_read_slice(open.file, &head, p.slice, p.axis, plane.data());
-      for (int j = 0; j < p.height; j++) {
-        for (int i = 0; i < p.width; i++) {
-          const int x = p.axis == 'X' ? p.slice : i, y = p.axis == 'Z' ? j : p.axis == 'X' ? i : p.slice;
-          want.push_back(decoded(samples, mode, (static_cast<size_t>(p.axis == 'Z' ? p.slice : j) * ny + y) * nx + x));
-        }
-      }
-      EXPECT_EQ(want, plane) << p.axis;
-    }
-    const std::vector<float> all = read_image(path("a.mrc")).data;
-    for (size_t i = 0; i < all.size(); i++) ASSERT_EQ(decoded(samples, mode, i), all[i]) << i;
-  }
+TEST_F(MrcFile, EveryReadableModeAndAxisGivesTheSamplesAsFloatsAndZerosForMissingOnes) {
+  for (int mode = -1; mode < 30; mode++)
+    EXPECT_EQ(mode == 0 || mode == 1 || mode == 2 || mode == 6, mrc_mode_readable(mode)) << mode;
+  expect_read<uint8_t>(0);
+  expect_read<int16_t>(1);
+  expect_read<float>(2);
+  expect_read<uint16_t>(6);
 }
 
-TEST_F(MrcFile, SamplesThatTheFileLacksAreZeroAndCounted) {
-  for (const int mode : {0, 1, 2}) {
-    SCOPED_TRACE(mode);
-    const MRC_HEAD head = head_of(10, 7, 3, mode);
-    const std::string samples = random_samples(mode, 210);
-    const size_t bytes = samples.size() / 210;
-    write_mrc(path("a.mrc"), head, samples.substr(0, 125 * bytes));
-    const OpenFile open(path("a.mrc"));
-    std::vector<float> plane(70, -1.0f);
-    mrc_read_slice(open.file, &head, 1, 'z', plane.data());
-    for (size_t i = 0; i < 70; i++) EXPECT_EQ(i < 55 ? decoded(samples, mode, 70 + i) : 0.0f, plane[i]) << i;
-    EXPECT_EQ(0u, mrc_missing_samples(open.file, &head, 0));
-    EXPECT_EQ(15u, mrc_missing_samples(open.file, &head, 1));
-    for (const int slice : {2, 3, kHuge, -1, INT_MIN}) {
-      EXPECT_EQ(70u, mrc_missing_samples(open.file, &head, slice)) << slice;
-      std::fill(plane.begin(), plane.end(), -1.0f);
-      mrc_read_slice(open.file, &head, slice, 'z', plane.data());
-      EXPECT_EQ(std::vector<float>(70, 0.0f), plane) << slice;
-    }
-  }
-}
-
-TEST_F(MrcFile, SamplesOfAnUnreadableModeAreZero) {
-  write_mrc(path("complex.mrc"), head_of(3, 2, 1, 4), std::string(48, 'x'));
-  EXPECT_EQ(warning_line("mrc_read_all", kUnit, "File type unknown!"), output_of([&] {
-              float* all = get_mrcf_data_all(path("complex.mrc").c_str());
-              EXPECT_EQ(std::vector<float>(6, 0.0f), std::vector<float>(all, all + 6));
-              free(all);
-            }));
-}
-
-TEST_F(MrcFile, AHeadWithoutStampGetsOneInMemory) {
+TEST_F(MrcFile, SamplesOfAnUnreadableModeAreZeroAndAHeadWithoutStampGetsOneInMemory) {
+  write_mrc(path("complex.mrc"), 3, 2, 1, 4, std::string(48, 'x'));
+  EXPECT_EQ(warning_line("mrc_read_all", kUnit, "File type unknown!"),
+            output_of([&] { EXPECT_EQ(std::vector<float>(6, 0.0f), read_image(path("complex.mrc")).data); }));
   MRC_HEAD head = head_of(5, 6, 7, 1);
   memset(head.cmap, 'x', 8);
-  write_mrc(path("old.mrc"), head, "");
+  write_file(path("old.mrc"), bytes_of(&head, sizeof head));
   MRC_HEAD* old = get_mrcf_head(path("old.mrc").c_str());
   mrc_set_head_stmp(&head);
   EXPECT_EQ(bytes_of(&head, sizeof head), bytes_of(old, sizeof head));
@@ -176,19 +130,17 @@ TEST_F(MrcFile, AFileOfAnotherSizeThanItsHeadSaysIsRefusedWholeBeforeAllocation)
   const std::string size_error = warning_line("mrc_check_fsize", kUnit, "File size error!");
   const std::string refusal = fatal_line("mrc_read_all", kUnit, "File size error!");
   const struct {
-    MRC_HEAD head;
+    int nx, ny, nz, mode;
     std::string report;
-  } lies[] = {{head_of(2, 2, 1, 2), "File size 1041  4 xyz 16" + size_error},
-              {head_of(1 << 30, 1 << 30, 1, 1), "File size 1041  2 xyz 2305843009213693952" + size_error},
-              {head_of(kHuge, kHuge, kHuge, 2), "File size 1041  4 xyz 9223372036854775807" + size_error},
-              {head_of(-17, -1, 1, 0), "File size 1041  1 xyz 17" + size_error},
-              {head_of(INT_MIN, kHuge, kHuge, 4), "File size 1041  8 xyz -9223372036854775808" + size_error},
-              {head_of(2, 2, 1, 16), warning_line("mrc_check_fsize", kUnit, "File type unknown!")}};
+  } lies[] = {{2, 2, 1, 2, "File size 1041  4 xyz 16" + size_error},
+              {1 << 30, 1 << 30, 1, 1, "File size 1041  2 xyz 2305843009213693952" + size_error},
+              {kHuge, kHuge, kHuge, 2, "File size 1041  4 xyz 9223372036854775807" + size_error},
+              {-17, -1, 1, 0, "File size 1041  1 xyz 17" + size_error},
+              {INT_MIN, kHuge, kHuge, 4, "File size 1041  8 xyz -9223372036854775808" + size_error},
+              {2, 2, 1, 16, warning_line("mrc_check_fsize", kUnit, "File type unknown!")}};
   for (const auto& lie : lies) {
-    write_mrc(path("a.mrc"), lie.head, std::string(17, '\0'));
-    const ChildResult run = run_in_child([&] { get_mrcf_data_all(path("a.mrc").c_str()); });
-    EXPECT_EQ(1, run.status);
-    EXPECT_EQ(lie.report + refusal, run.out);
+    write_mrc(path("a.mrc"), lie.nx, lie.ny, lie.nz, lie.mode, std::string(17, '\0'));
+    expect_refused(run_in_child([&] { get_mrcf_data_all(path("a.mrc").c_str()); }), lie.report + refusal);
   }
 }
 
@@ -220,15 +172,11 @@ TEST(MrcHead, MicrographsOfDifferentSizeOrModeEndTheRunWithBothShown) {
       {head_of(4096, 1, 1, 2), "4096    1       1       Float         "},
       {head_of(4096, 4096, 2, 2), "4096    4096    2       Float         "},
       {head_of(4096, 4096, 1, 6), "4096    4096    1       Unsigned Short"}};
-  for (const auto& other : others) {
-    const ChildResult run = run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other.first); });
-    EXPECT_EQ(1, run.status);
-    EXPECT_EQ(
-        "Micrograph \x1b[1ma.mrc\x1b[m has a different size or format from  \x1b[1mb.mrc\x1b[m.\n"
-        "Check if all the micrographs are the same sizes and format? \n "
-        "      Nx      Ny      Nz      Mode             File:\n"
-        "      4096    4096    1       Float               a.mrc\n      " +
-            std::string(other.second) + "      b.mrc\n",
-        run.out);
-  }
+  for (const auto& other : others)
+    expect_refused(run_in_child([&] { check_mrc_head_sizes_two("a.mrc", "b.mrc", &first, &other.first); }),
+                   "Micrograph \x1b[1ma.mrc\x1b[m has a different size or format from  \x1b[1mb.mrc\x1b[m.\n"
+                   "Check if all the micrographs are the same sizes and format? \n "
+                   "      Nx      Ny      Nz      Mode             File:\n"
+                   "      4096    4096    1       Float               a.mrc\n      " +
+                       std::string(other.second) + "      b.mrc\n");
 }

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstdint>
@@ -97,6 +98,9 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float low =
   return values;
 }
 
+/// Where pixel (x, y) of an image of width nx lies.
+constexpr size_t pixel_index(long x, long y, long nx) { return static_cast<size_t>(y * nx + x); }
+
 template <class T>
 std::vector<double> widened(const std::vector<T>& values) {
   return {values.begin(), values.end()};
@@ -109,40 +113,25 @@ template <class T, class U>
 ::testing::AssertionResult all_near(const std::vector<T>& got, const std::vector<U>& want, double tolerance) {
   if (got.size() != want.size())
     return ::testing::AssertionFailure() << got.size() << " values instead of " << want.size();
-  size_t worst = 0, wrong = 0;
-  double largest = 0;
-  for (size_t i = 0; i < got.size(); i++) {
-    const auto g = static_cast<double>(got[i]);
-    const auto w = static_cast<double>(want[i]);
-    const double difference = std::abs(g - w);
-    if (g == w || (std::isnan(g) && std::isnan(w)) || difference <= tolerance) continue;
+  size_t wrong = 0, first = 0;
+  for (size_t i = got.size(); i-- > 0;) {
+    const auto g = static_cast<double>(got[i]), w = static_cast<double>(want[i]);
+    if (g == w || (std::isnan(g) && std::isnan(w)) || std::abs(g - w) <= tolerance) continue;
     wrong++;
-    if (!(difference <= largest)) worst = i;
-    if (!(difference <= largest)) largest = difference;
+    first = i;
   }
   if (wrong == 0) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << wrong << " of " << got.size() << " values differ by more than " << tolerance
-                                       << "; element " << worst << " is " << got[worst] << " instead of "
-                                       << want[worst];
+                                       << "; element " << first << " is " << got[first] << " instead of "
+                                       << want[first];
 }
 
-inline uint32_t bits_of(float value) {
-  uint32_t bits = 0;
-  memcpy(&bits, &value, sizeof bits);
-  return bits;
-}
-
-/// Whether two arrays hold the same bits, but for the payloads of NaN.
+/// Whether two arrays hold the same values, zeros of the same sign included, but for the payloads of NaN.
 inline ::testing::AssertionResult same_bits(const std::vector<float>& got, const std::vector<float>& want) {
-  if (got.size() != want.size())
-    return ::testing::AssertionFailure() << got.size() << " values instead of " << want.size();
-  for (size_t i = 0; i < got.size(); i++) {
-    const bool same = bits_of(got[i]) == bits_of(want[i]) || (std::isnan(got[i]) && std::isnan(want[i]));
-    if (!same)
-      return ::testing::AssertionFailure() << "element " << i << " is " << got[i] << " instead of " << want[i]
-                                           << ", a difference of " << got[i] - want[i];
-  }
-  return ::testing::AssertionSuccess();
+  for (size_t i = 0; i < std::min(got.size(), want.size()); i++)
+    if (std::signbit(got[i]) != std::signbit(want[i]) && !std::isnan(got[i]))
+      return ::testing::AssertionFailure() << "element " << i << " is " << got[i] << " instead of " << want[i];
+  return all_near(got, want, 0);
 }
 
 // --- Plain computations in double precision ---
@@ -150,12 +139,11 @@ inline ::testing::AssertionResult same_bits(const std::vector<float>& got, const
 /// Bilinear value of an image at the position (sx, sy), in the textbook form; 0 outside the image.
 inline double bilinear(const std::vector<float>& image, int nx, int ny, double sx, double sy) {
   if (sx < 0 || sx > nx - 1 || sy < 0 || sy > ny - 1) return 0;
-  const int x0 = static_cast<int>(sx), y0 = static_cast<int>(sy);
-  const int x1 = x0 + 1 < nx ? x0 + 1 : x0, y1 = y0 + 1 < ny ? y0 + 1 : y0;
-  const double fx = sx - x0, fy = sy - y0;
-  const auto pixel = [&](int x, int y) { return static_cast<double>(image[static_cast<size_t>(y) * nx + x]); };
-  return (1 - fy) * ((1 - fx) * pixel(x0, y0) + fx * pixel(x1, y0)) +
-         fy * ((1 - fx) * pixel(x0, y1) + fx * pixel(x1, y1));
+  double sum = 0;
+  for (int y = static_cast<int>(sy); y < std::min(static_cast<int>(sy) + 2, ny); y++)
+    for (int x = static_cast<int>(sx); x < std::min(static_cast<int>(sx) + 2, nx); x++)
+      sum += (1 - std::abs(sx - x)) * (1 - std::abs(sy - y)) * image[pixel_index(x, y, nx)];
+  return sum;
 }
 
 struct Place {
@@ -175,25 +163,27 @@ inline int mirrored(int i, int n) {
   return j < n ? j : 2 * n - 1 - j;
 }
 
-/// Weight of a soft-edged window of radius R at the distance r from its centre.
-inline double window_weight(double r, double R, double soft) {
+/// Value of a disc of 1 up to the radius R with a Gaussian fall to three deviations at R + soft, at the distance r from
+/// its centre; outside of it 0. top: of the Gaussian.
+inline double soft_disc(double r, double R, double soft, double top = 1) {
   const double past = (r - R) / (soft / 3);
-  return r <= R ? 1 : r <= R + soft ? 0.39894228 * std::exp(-past * past / 2) : 0;
+  return r <= R ? 1 : r <= R + soft ? top * std::exp(-past * past / 2) : 0;
 }
 
-/// Mean of the image, mirrored without end, under the window centred half a pixel before each pixel in both axes. The
-/// window is cut to one period of the mirrored image.
+constexpr double kNormalDensity = 0.39894228;  // at 0
+
+/// Mean of the image, mirrored without end, under the soft window centred half a pixel before each pixel in both axes.
+/// The window is cut to one period of the mirrored image.
 inline std::vector<double> windowed_mean(const std::vector<double>& image, int nx, int ny, double R, double soft) {
   double total = 0;
   std::vector<double> means(image.size());
   for (int j = -ny; j < ny; j++) {
     for (int i = -nx; i < nx; i++) {
-      const double weight = window_weight(std::hypot(i + 0.5, j + 0.5), R, soft);
+      const double weight = soft_disc(std::hypot(i + 0.5, j + 0.5), R, soft, kNormalDensity);
       total += weight;
-      for (int y = 0; weight > 0 && y < ny; y++) {
-        const double* row = image.data() + static_cast<size_t>(mirrored(y + j, ny)) * nx;
-        for (int x = 0; x < nx; x++) means[static_cast<size_t>(y) * nx + x] += weight * row[mirrored(x + i, nx)];
-      }
+      for (int y = 0; weight > 0 && y < ny; y++)
+        for (int x = 0; x < nx; x++)
+          means[pixel_index(x, y, nx)] += weight * image[pixel_index(mirrored(x + i, nx), mirrored(y + j, ny), nx)];
     }
   }
   for (double& mean : means) mean /= total;
@@ -201,32 +191,28 @@ inline std::vector<double> windowed_mean(const std::vector<double>& image, int n
 }
 
 /// Standard deviation under the same window.
-inline std::vector<double> windowed_sigma(const std::vector<float>& image, int nx, int ny, double R, double soft) {
-  const std::vector<double> wide = widened(image), mean = windowed_mean(wide, nx, ny, R, soft);
-  std::vector<double> squares = wide;
-  for (double& v : squares) v *= v;
-  std::vector<double> sigma = windowed_mean(squares, nx, ny, R, soft);
+inline std::vector<double> windowed_sigma(const std::vector<double>& image, int nx, int ny, double R, double soft) {
+  const std::vector<double> mean = windowed_mean(image, nx, ny, R, soft);
+  std::vector<double> sigma = image;
+  for (double& v : sigma) v *= v;
+  sigma = windowed_mean(sigma, nx, ny, R, soft);
   for (size_t i = 0; i < sigma.size(); i++) sigma[i] = std::sqrt(sigma[i] - mean[i] * mean[i]);
   return sigma;
 }
 
 using Complex = std::complex<double>;
 
-/// Unnormalised Fourier sums of all frequencies of an nx by ny image, by definition, rows first. sign: -1 forward, 1
-/// inverse.
-inline std::vector<Complex> fourier_sums(const std::vector<Complex>& image, int nx, int ny, int sign) {
-  const double turn = sign * 2 * std::acos(-1.0);
-  std::vector<Complex> rows(image.size()), sums(image.size());
+/// The unnormalised Fourier sums of all rows, by definition; those of row y are column y. sign: -1 forward, 1 inverse.
+inline std::vector<Complex> sums_of_rows(const std::vector<Complex>& image, int nx, int ny, int sign) {
+  std::vector<Complex> sums(image.size());
   for (int y = 0; y < ny; y++)
     for (int u = 0; u < nx; u++)
       for (int x = 0; x < nx; x++)
-        rows[static_cast<size_t>(y) * nx + u] +=
-            image[static_cast<size_t>(y) * nx + x] * std::polar(1.0, turn * (static_cast<double>(u) * x / nx));
-  for (int v = 0; v < ny; v++)
-    for (int y = 0; y < ny; y++) {
-      const Complex phase = std::polar(1.0, turn * (static_cast<double>(v) * y / ny));
-      for (int u = 0; u < nx; u++)
-        sums[static_cast<size_t>(v) * nx + u] += rows[static_cast<size_t>(y) * nx + u] * phase;
-    }
+        sums[pixel_index(y, u, ny)] += image[pixel_index(x, y, nx)] *
+                                       std::polar(1.0, sign * 2 * std::acos(-1.0) * (static_cast<double>(u) * x / nx));
   return sums;
+}
+
+inline std::vector<Complex> fourier_sums(const std::vector<Complex>& image, int nx, int ny, int sign) {
+  return sums_of_rows(sums_of_rows(image, nx, ny, sign), ny, nx, sign);
 }

@@ -14,9 +14,9 @@ struct Dot {
 /// The peaks of the cells of a map of -1 with some other pixels, each by its index, or 0 where there is none.
 std::vector<unsigned> peaks_of(const std::vector<Dot>& dots, float cutoff = 0,
                                const std::vector<unsigned>& excluded = {}, int cell = 5, int nx = 20, int ny = 20) {
-  std::vector<float> map(static_cast<size_t>(nx) * ny, -1.0f), angles;
-  for (const Dot& dot : dots) map[static_cast<size_t>(dot.y) * nx + dot.x] = dot.cc;
-  for (size_t i = 0; i < map.size(); i++) angles.push_back(static_cast<float>(i) * 0.25f);
+  std::vector<float> map(pixel_index(0, ny, nx), -1.0f), angles;
+  for (const Dot& dot : dots) map[pixel_index(dot.x, dot.y, nx)] = dot.cc;
+  for (size_t i = 0; i < map.size(); i++) angles.push_back(0.25f * i);
   const auto ccmax = to_device(map), psi = to_device(angles);
   const auto places = to_device(excluded);
   const int across = (nx - 1) / cell + 1, down = (ny - 1) / cell + 1;
@@ -39,8 +39,7 @@ std::string left(const std::vector<Dot>& dots, float cutoff = 0, const std::vect
   for (const Dot& dot : dots)
     if (std::count(peaks.begin(), peaks.end(), static_cast<unsigned>(dot.y * 20 + dot.x)) == 1)
       found += std::to_string(&dot - dots.data());
-  EXPECT_EQ(found.size(),
-            static_cast<size_t>(std::count_if(peaks.begin(), peaks.end(), [](unsigned p) { return p > 0; })));
+  EXPECT_EQ(peaks.size() - found.size(), std::count(peaks.begin(), peaks.end(), 0u));
   return found;
 }
 
@@ -50,7 +49,6 @@ using Peak = DeviceTest;
 
 TEST_F(Peak, IsTheFirstOfTheLargestValuesOfItsCell) {
   EXPECT_EQ("1", left({{6, 6, 0.3f}, {8, 6, 0.5f}, {7, 7, 0.5f}, {9, 8, kNaN}}));
-  EXPECT_EQ("0", left({{6, 6, 0.5f}, {7, 6, 0.5f}})) << "in a row, too";
   EXPECT_EQ("", left({{5, 5, kNaN}, {6, 6, 0.5f}})) << "nothing is above a first pixel of NaN";
   EXPECT_EQ("", left({{5, 5, 0.5f}, {6, 6, 0.4f}})) << "a first pixel is none";
   EXPECT_EQ("1", left({{5, 5, -kInfinity}, {6, 6, 0.5f}, {7, 7, -kInfinity}}));

@@ -1,7 +1,9 @@
 // Whole runs: places that the user excludes, and lists of them that are wrong.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -15,10 +17,11 @@ constexpr int kShrink = 2;
 constexpr int kCell = 18;
 constexpr int kLimit2 = 2 * kCell * kCell * kShrink * kShrink;
 
+const std::string kOptions = "--speed 1 --detect_ice 0 --write_mic_mask ";
+
 bool is_near_any(const Pick& pick, const std::vector<Pick>& places) {
-  for (const Pick& p : places)
-    if ((pick.x - p.x) * (pick.x - p.x) + (pick.y - p.y) * (pick.y - p.y) < kLimit2) return true;
-  return false;
+  return std::any_of(places.begin(), places.end(),
+                     [&](const Pick& p) { return std::pow(pick.x - p.x, 2) + std::pow(pick.y - p.y, 2) < kLimit2; });
 }
 
 /// Simulated micrographs and lists of places on them; the places are chosen from the picks of a run without any.
@@ -27,7 +30,7 @@ class RunExcludes : public WholeRun {
   void SetUp() override {
     REQUIRE_DEVICE();
     simulate();
-    pick("--speed 1 --detect_ice 0");
+    pick(kOptions);
     all_ = picked();
     ASSERT_GT(all_.size(), 40U);
     for (size_t i = 1; i + 1 < all_.size(); i += 4) {
@@ -53,22 +56,20 @@ class RunExcludes : public WholeRun {
 
   /// None of the picks that are left is near a place; returns how many those are.
   size_t left_beside(const std::vector<Pick>& places) const {
-    const std::vector<Pick> left = picked();
-    for (const Pick& p : left) EXPECT_FALSE(is_near_any(p, places)) << p.x << ", " << p.y;
-    EXPECT_EQ(left.size(), picks("sim_001_quorlin.box").size());
-    return left.size();
+    for (const Pick& p : picked()) EXPECT_FALSE(is_near_any(p, places)) << p.x << ", " << p.y;
+    EXPECT_EQ(picked().size(), picks("sim_001_quorlin.box").size());
+    return picked().size();
   }
 
   /// The mask closes the cells of the places and no other.
   void expect_closed_cells(const std::vector<Pick>& places) const {
     const Image mask = image("_mask.mrc");
-    std::vector<int> closed(static_cast<size_t>(mask.head.nx) * mask.head.ny, 0);
-    const auto cell_of = [&mask](long x, long y) { return y / kCell * mask.head.nx + x / kCell; };
+    std::set<std::pair<long, long>> closed;
     for (const Pick& p : places)
-      closed[static_cast<size_t>(cell_of(static_cast<long>(p.x) / kShrink, static_cast<long>(p.y) / kShrink))] = 1;
+      closed.emplace(static_cast<long>(p.x) / kShrink / kCell, static_cast<long>(p.y) / kShrink / kCell);
     for (long y = 0; y < mask.head.ny; y++)
       for (long x = 0; x < mask.head.nx; x++)
-        ASSERT_EQ(closed[static_cast<size_t>(cell_of(x, y))] ? 0.0F : 1.0F, mask.at(x, y)) << x << ", " << y;
+        ASSERT_EQ(closed.count({x / kCell, y / kCell}) ? 0.0F : 1.0F, mask.at(x, y)) << x << ", " << y;
   }
 
   std::vector<Pick> all_;     // without exclusions
@@ -76,15 +77,13 @@ class RunExcludes : public WholeRun {
   std::vector<Pick> global_;  // beside some others
 };
 
-constexpr char kOptions[] = "--speed 1 --detect_ice 0 --write_mic_mask ";
-
 }  // namespace
 
 TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
   size_t expected = 0;
   for (const Pick& p : all_) expected += !is_near_any(p, own_);
   for (const std::string suffix : {"_bad.star", "_bad.box"}) {
-    const std::string options = kOptions + ("--exclusive_picking --excluded_suffix " + suffix);
+    const std::string options = kOptions + "--exclusive_picking --excluded_suffix " + suffix;
     EXPECT_TRUE(holds(pick(options).output, "particles in file sim_001" + suffix + " excluded from auto-picking \n"));
     EXPECT_EQ(expected, left_beside(own_));
     expect_closed_cells({});
@@ -93,24 +92,21 @@ TEST_F(RunExcludes, PicksNearTheMicrographsOwnListAndNoOthers) {
     expect_closed_cells(own_);
   }
   std::filesystem::create_symlink("sim_001.mrc", path("next.mrc"));
-  pick("next.mrc --speed 1 --detect_ice 0 --mask_excluded --exclusive_picking --excluded_suffix _bad.star");
+  pick(kOptions + "next.mrc --mask_excluded --exclusive_picking --excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picks("next_quorlin.star").size()) << "a micrograph without a list, behind one with";
-  pick("--speed 1 --detect_ice 0 --excluded_suffix _bad.star");
+  pick(kOptions + "--excluded_suffix _bad.star");
   EXPECT_EQ(all_.size(), picked().size()) << "a suffix alone excludes nothing";
-}
-
-TEST_F(RunExcludes, PicksNearThoseOfTheRunBeforeFromBothOfItsLists) {
   for (const std::string suffix : {"_quorlin.box", "_quorlin.star"}) {
-    pick("--speed 1 --detect_ice 0");
-    pick("--speed 1 --detect_ice 0 --cc_cutoff 0.05 --exclusive_picking --excluded_suffix " + suffix);
-    EXPECT_GT(left_beside(all_), 5U) << suffix;
+    pick(kOptions);
+    pick(kOptions + "--cc_cutoff 0.05 --exclusive_picking --excluded_suffix " + suffix);
+    EXPECT_GT(left_beside(all_), 5U) << "of the run before, " << suffix;
   }
 }
 
 TEST_F(RunExcludes, GlobalPlacesFromEveryMicrographAndTogetherWithItsOwn) {
   std::filesystem::create_symlink("sim_001.mrc", path("copy.mrc"));
   for (const std::string list : {"all.box", "all.star"}) {
-    const ProgramRun run = pick(kOptions + ("copy.mrc --global_excluded_box " + list));
+    const ProgramRun run = pick(kOptions + "copy.mrc --global_excluded_box " + list);
     const std::string line = "particles in file " + list + " excluded from auto-picking \n";
     EXPECT_NE(run.output.find(line), run.output.rfind(line)) << "once for each micrograph";
     EXPECT_GT(left_beside(global_), all_.size() / 3);
@@ -123,15 +119,22 @@ TEST_F(RunExcludes, GlobalPlacesFromEveryMicrographAndTogetherWithItsOwn) {
   places.insert(places.end(), global_.begin(), global_.end());
   EXPECT_GT(left_beside(places), 8U);
   expect_closed_cells(places);
+
+  std::vector<Pick> everywhere;
+  for (int i = 0; i < 29 * 29; i++)
+    everywhere.push_back({9.0 + i % 29 * kCell * kShrink, 9.0 + i / 29 * kCell * kShrink});
+  write_lists("all", everywhere);
+  EXPECT_EQ("Kestrix: sim_001.mrc: every cell is excluded; nothing can be picked.\n",
+            pick(kOptions + "--write_bgfree_mic --global_excluded_box all.box").errors);
+  EXPECT_TRUE(picked().empty());
+  expect_closed_cells(everywhere);
 }
 
 TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
-  const std::string list =
-      "-25 10 20 20\n10 -25 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n-2147483648 5 20 20\n1023 899 0 "
-      "0\n1024 899 0 "
-      "0\n";
-  write_file(path("all.box"), list);
-  write_file(path("sim_001_bad.box"), list);
+  for (const std::string name : {"all.box", "sim_001_bad.box"})
+    write_file(path(name),
+               "-25 10 20 20\n10 -25 20 20\n200 200 20 20\n100000 3 20 20\n10 2147483647 20 20\n"
+               "-2147483648 5 20 20\n1023 899 0 0\n1024 899 0 0\n");
   const std::string outside =
       " excluded coordinates lie outside the image; is the list in raw pixels of this micrograph?\n";
   EXPECT_EQ("Kestrix: all.box: 6 of 8" + outside, pick("--speed 1 --global_excluded_box all.box").errors);
@@ -139,8 +142,6 @@ TEST_F(RunExcludes, NoPlaceOutsideTheImageButSaysSo) {
     EXPECT_EQ("Kestrix: sim_001_bad.box: 6 of 8" + outside,
               pick("--speed 1 --exclusive_picking " + options + "--excluded_suffix _bad.box").errors);
   EXPECT_GT(picked().size(), 30U);
-  write_file(path("all.box"), "1023 899 0 0\n1024 899 0 0\n");
-  EXPECT_EQ("Kestrix: all.box: 1 of 2" + outside, pick("--speed 1 --global_excluded_box all.box").errors);
 }
 
 TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
@@ -161,21 +162,10 @@ TEST_F(RunExcludes, NothingByListsThatAreMissingOrEmptyOrOfAnotherKind) {
   for (const auto& one : cases)
     for (const std::string options :
          {"--exclusive_picking --mask_excluded --excluded_suffix ", "--global_excluded_box sim_001"}) {
-      const ProgramRun run = pick("--speed 1 --detect_ice 0 " + options + one[0]);
+      const ProgramRun run = pick(kOptions + options + one[0]);
       EXPECT_TRUE(holds(run.output + run.errors, one[1])) << options << one[0];
       EXPECT_EQ(reference, content("sim_001_quorlin.star")) << options << one[0];
     }
   for (const std::string null : {"NULL", "none", "''"})
     EXPECT_FALSE(holds(pick("--speed 1 --global_excluded_box " + null).output, "does NOT exist")) << null;
-}
-
-TEST_F(RunExcludes, EverythingWhenEveryCellIsListed) {
-  std::vector<Pick> everywhere;
-  for (int y = 9; y < 1024; y += kCell * kShrink)
-    for (int x = 9; x < 1024; x += kCell * kShrink) everywhere.push_back({x * 1.0, y * 1.0});
-  write_lists("all", everywhere);
-  EXPECT_EQ("Kestrix: sim_001.mrc: every cell is excluded; nothing can be picked.\n",
-            pick("--speed 1 --write_mic_mask --write_bgfree_mic --global_excluded_box all.box").errors);
-  EXPECT_TRUE(picked().empty());
-  expect_closed_cells(everywhere);
 }

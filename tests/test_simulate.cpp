@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -12,11 +13,8 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-
-class Simulate : public FolderTest {
- protected:
-  /// Runs kestrix_simulate on a small micrograph, later options of the same name overriding.
+/// Runs kestrix_simulate on a small micrograph, later options of the same name overriding.
+struct Simulate : FolderTest {
   ProgramRun run(const std::string& options, const std::string& environment = "") const {
     return run_program(path("."),
                        environment + " " KESTRIX_SIMULATE " --nx 500 --ny 380 --apix 2.68 --templates 0 " + options);
@@ -28,9 +26,7 @@ class Simulate : public FolderTest {
 };
 
 double mean(const std::vector<double>& values) {
-  double sum = 0;
-  for (const double value : values) sum += value;
-  return sum / static_cast<double>(values.size());
+  return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }
 
 double variance(std::vector<double> values) {
@@ -97,8 +93,8 @@ TEST_F(Simulate, MovieShowsTheSameParticlesInNewNoiseAndItsHeaderTellsItsStatist
 
   const MRC_HEAD& head = movie.head;
   EXPECT_TRUE(head.nx == 500 && head.ny == 380);
-  EXPECT_FLOAT_EQ(2.68F, head.xlen / static_cast<float>(head.mx));
-  EXPECT_FLOAT_EQ(2.68F, head.ylen / static_cast<float>(head.my));
+  EXPECT_FLOAT_EQ(2.68F, head.xlen / head.mx);
+  EXPECT_FLOAT_EQ(2.68F, head.ylen / head.my);
   EXPECT_NEAR(mean(widened(movie.data)), head.amean, 1e-4);
   EXPECT_NEAR(std::sqrt(variance(widened(movie.data))), head.rms, 1e-4);
   const auto [least, most] = std::minmax_element(movie.data.begin(), movie.data.end());
@@ -106,28 +102,9 @@ TEST_F(Simulate, MovieShowsTheSameParticlesInNewNoiseAndItsHeaderTellsItsStatist
 }
 
 TEST_F(Simulate, RefusesWhatItCannotDoWithAMessageThatNamesTheOption) {
-  const char* const cases[][2] = {{"--nx 0", "--nx is 0"},
-                                  {"--nx ten", "--nx is 'ten'"},
-                                  {"--nx 99999999999999999999", "--nx is 9999"},
-                                  {"--nx 60000 --ny 60000", "too many"},
-                                  {"--apix nan", "--apix is 'nan'"},
-                                  {"--mode 3", "--mode is 3"},
-                                  {"--mode 0 --dose 100", "lower --dose"},
-                                  {"--snr -1", "--snr is -1"},
-                                  {"--snr 900 --dose 1", "raise the dose"},
-                                  {"--count 5000", "find room"},
-                                  {"--diameter 12", "--diameter is 12"},
-                                  {"--prefix nowhere/x", "cannot write nowhere/x001.mrc"},
-                                  {"--wrong 1", "no option --wrong"},
-                                  {"stray.mrc", "'stray.mrc'"},
-                                  {"--seed", "--seed lacks its value"}};
-  for (const auto& one : cases) {
-    const ProgramRun result = run(one[0]);
-    EXPECT_EQ(1, result.status) << one[0];
-    EXPECT_NE(std::string::npos, result.errors.find(one[1])) << one[0] << ": " << result.errors;
-  }
+  for (const auto& [options, words] : golden_cases("refused_by_simulate.txt")) expect_refused(run(options), words);
   EXPECT_EQ(0, run("--help").status);
-  EXPECT_NE(std::string::npos, run("--help").output.find("--snr"));
+  EXPECT_TRUE(holds(run("--help").output, "--snr"));
 }
 
 // --- What they are made of ---

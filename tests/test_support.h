@@ -12,7 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mrcfile.h"
@@ -23,13 +25,10 @@
 /// A fixture with a fresh folder, which is removed with all that it holds when the test ends.
 class FolderTest : public ::testing::Test {
  protected:
-  FolderTest() {
-    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    folder_ = std::filesystem::temp_directory_path() / ("kestrix_" + std::to_string(getpid())) /
-              (std::string(test->test_suite_name()) + "." + test->name());
+  FolderTest() : folder_(std::filesystem::temp_directory_path() / ("kestrix_" + std::to_string(getpid()))) {
     std::filesystem::create_directories(folder_);
   }
-  ~FolderTest() override { std::filesystem::remove_all(folder_.parent_path()); }
+  ~FolderTest() override { std::filesystem::remove_all(folder_); }
 
   /// The name of a file in the folder.
   std::string path(const std::string& name) const { return (folder_ / name).string(); }
@@ -56,22 +55,37 @@ inline bool ends_with(const std::string& text, const std::string& end) {
 }
 
 /// Replaces the line numbers of failure and warning lines by N, so that they can be compared as a whole.
-inline std::string without_line_numbers(std::string text) {
-  const std::string lead = "on line ";
-  for (size_t at = text.find(lead); at != std::string::npos; at = text.find(lead, at + 1)) {
-    const size_t number = at + lead.size();
-    text.replace(number, text.find_first_not_of("0123456789", number) - number, "N");
-  }
-  return text;
+inline std::string without_line_numbers(const std::string& text) {
+  return std::regex_replace(text, std::regex("on line [0-9]+"), "on line N");
 }
 
-/// The line, less its line number, that a fatal error leaves on standard output.
+/// The cases of a table under tests/golden/, one a line: what stands before " => " and what stands behind it, \n for the
+/// end of a line and \t for a tab. Other lines are comments.
+inline std::vector<std::pair<std::string, std::string>> golden_cases(const std::string& table) {
+  std::ifstream file(KESTRIX_SOURCE_DIR "/tests/golden/" + table);
+  std::vector<std::pair<std::string, std::string>> cases;
+  for (std::string line; std::getline(file, line);) {
+    line = std::regex_replace(std::regex_replace(line, std::regex("\\\\n"), "\n"), std::regex("\\\\t"), "\t");
+    const size_t arrow = line.find(" => ");
+    if (arrow != std::string::npos) cases.emplace_back(line.substr(0, arrow), line.substr(arrow + 4));
+  }
+  EXPECT_FALSE(cases.empty()) << table;
+  return cases;
+}
+
+/// Where a line of a failure says that it happened, less the line number. function: a public one, or "" where the name is
+/// nobody's business, for the rest behind the name.
+inline std::string place_line(const std::string& kind, const std::string& function, const std::string& unit) {
+  return (function.empty() ? "" : kind + " in function " + function) + "(), file " + unit + " on line N: ";
+}
+
+/// The line that a fatal error leaves on standard output, or its end if function is "".
 inline std::string fatal_line(const std::string& function, const std::string& unit, const std::string& text) {
-  return "Error in function " + function + "(), file " + unit + " on line N: " + text + "! Exit now!\n";
+  return place_line("Error", function, unit) + text + "! Exit now!\n";
 }
 
 inline std::string warning_line(const std::string& function, const std::string& unit, const std::string& text) {
-  return "Warning in function " + function + "(), file " + unit + " on line N: " + text + "!\n";
+  return place_line("Warning", function, unit) + text + "!\n";
 }
 
 // --- Images ---
@@ -102,7 +116,20 @@ inline void write_mrc(const std::string& name, int nx, int ny, int nz, int mode,
   write_file(name, std::string(reinterpret_cast<const char*>(&head), sizeof head) + samples);
 }
 
-// --- Code and its output ---
+// --- Code and programs, and how they end ---
+
+constexpr int kDidNotExit = 254, kLostDevice = 253;
+
+struct ProgramRun {
+  int status;                  // of its exit, -1 where a signal ended it; kDidNotExit of code that returned
+  std::string output, errors;  // the two streams; of code in a child less line numbers
+};
+
+/// It must have ended with status 1 and these words on one of the streams.
+inline void expect_refused(const ProgramRun& run, const std::string& words) {
+  EXPECT_EQ(1, run.status) << words;
+  EXPECT_TRUE(holds(run.output + run.errors, words)) << words << ", but got: " << run.output << run.errors;
+}
 
 /// What code leaves on standard output, less line numbers.
 template <class Code>
@@ -112,13 +139,6 @@ std::string output_of(Code code) {
   return without_line_numbers(::testing::internal::GetCapturedStdout());
 }
 
-constexpr int kDidNotExit = 254, kLostDevice = 253;
-
-struct ChildResult {
-  int status;            // exit status; kDidNotExit if the code returned; 1000 + the signal that ended it
-  std::string out, err;  // the two streams, less line numbers
-};
-
 /// In a child: ends it where it could not use the device because its parent had, which no result would show.
 inline void end_without_device() {
   if (cudaPeekAtLastError() == cudaErrorInitializationError) _exit(kLostDevice);
@@ -126,7 +146,7 @@ inline void end_without_device() {
 
 /// Runs code that may end the process, in a child of its own. The process must not have used the device.
 template <class Code>
-ChildResult run_in_child(Code code) {
+ProgramRun run_in_child(Code code) {
   FILE* streams[2] = {tmpfile(), tmpfile()};
   fflush(nullptr);
   const pid_t child = fork();
@@ -141,23 +161,17 @@ ChildResult run_in_child(Code code) {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == kLostDevice) << "the child could not use the device";
-  std::string texts[2];
-  for (int i = 0; i < 2; i++) {
-    rewind(streams[i]);
-    for (int c = fgetc(streams[i]); c != EOF; c = fgetc(streams[i])) texts[i] += static_cast<char>(c);
-    fclose(streams[i]);
+  ProgramRun run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", ""};
+  EXPECT_NE(kLostDevice, run.status) << "the child could not use the device";
+  for (FILE* stream : streams) {
+    rewind(stream);
+    std::string text;
+    for (int c = fgetc(stream); c != EOF; c = fgetc(stream)) text += static_cast<char>(c);
+    fclose(stream);
+    (stream == streams[0] ? run.output : run.errors) = without_line_numbers(text);
   }
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status), without_line_numbers(texts[0]),
-          without_line_numbers(texts[1])};
+  return run;
 }
-
-// --- The built programs ---
-
-struct ProgramRun {
-  int status;  // of its exit, -1 where a signal ended it
-  std::string output, errors;
-};
 
 /// Runs a shell command in an existing folder, where output and errors are kept meanwhile.
 inline ProgramRun run_program(const std::string& folder, const std::string& command) {

@@ -1,6 +1,7 @@
 // Whole runs of the program on small simulated micrographs.
 #pragma once
 
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -58,8 +59,7 @@ class WholeRun : public FolderTest {
     std::vector<std::vector<double>> all;
     for (std::string line; std::getline(lines, line);) {
       std::istringstream words(line);
-      all.emplace_back();
-      for (double value; words >> value;) all.back().push_back(value);
+      all.emplace_back(std::istream_iterator<double>(words), std::istream_iterator<double>());
     }
     return all;
   }
@@ -78,9 +78,8 @@ class WholeRun : public FolderTest {
   Score score(const std::string& list = "sim_001_quorlin.star") const {
     const std::vector<TrueParticle> truth = read_truth(path("sim_001_truth.star").c_str());
     const std::vector<Pick> found = picks(list);
-    std::vector<Area> areas;
     const bool has_areas = exists("sim_001_areas.star");
-    if (has_areas) areas = read_areas(path("sim_001_areas.star").c_str());
+    const std::vector<Area> areas = has_areas ? read_areas(path("sim_001_areas.star").c_str()) : std::vector<Area>();
     return score_matching(truth, found, match_picks(truth, found, 0.5 * 130 / 4), has_areas ? &areas : nullptr);
   }
 };
@@ -94,11 +93,13 @@ class SmallRun : public WholeRun {
 
   ProgramRun run(const std::string& options) const { return kestrix("--apixM 8 --diameter 260 " + options); }
 
-  /// The run must end with status 1 by a line that holds the words.
-  void expect_fatal(const std::string& options, const std::string& words) const {
+  /// The run must end with status 1 by a line that holds the words. Returns what is before that line.
+  std::string expect_fatal(const std::string& options, const std::string& words) const {
     const ProgramRun result = run(options);
     EXPECT_EQ(1, result.status) << options;
-    EXPECT_TRUE(holds(result.output, words)) << options << ": " << result.output;
-    EXPECT_TRUE(holds(result.output, "! Exit now!\n")) << options;
+    EXPECT_TRUE(ends_with(result.output, "! Exit now!\n")) << options << ": " << result.output;
+    const size_t line = std::min(result.output.rfind("Error in function "), result.output.rfind("Cannot "));
+    EXPECT_TRUE(holds(result.output.substr(std::min(line, result.output.size())), words)) << options << result.output;
+    return result.output.substr(0, line);
   }
 };

@@ -32,38 +32,28 @@ Stack acquired(const Request& r) {
   return stack;
 }
 
-/// The request must end the run with status 1 and these words.
-void expect_refused(const Request& request, const std::string& words) {
-  const ChildResult result = run_in_child([&] { acquired(request); });
-  EXPECT_EQ(1, result.status) << words;
-  EXPECT_TRUE(holds(result.out, words)) << result.out;
-}
-
 /// Resampled by bilinear interpolation about the centre, then averaged in blocks, in double precision.
 void add_resampled(std::vector<double>& out, const std::vector<float>& image, int nx, int ny, float scale, int shrink) {
-  const int snx = static_cast<int>(static_cast<float>(nx) * scale),
-            sny = static_cast<int>(static_cast<float>(ny) * scale);
+  const int snx = static_cast<int>(nx * scale), sny = static_cast<int>(ny * scale);
   for (int y = 0; y < sny / shrink; y++) {
     for (int x = 0; x < snx / shrink; x++) {
-      double sum = 0;
-      for (int j = 0; j < shrink; j++)
-        for (int i = 0; i < shrink; i++)
-          sum += bilinear(image, nx, ny, (nx - 1) / 2.0 + (x * shrink + i - (snx - 1) / 2.0) / scale,
-                          (ny - 1) / 2.0 + (y * shrink + j - (sny - 1) / 2.0) / scale);
-      out.push_back(sum / (shrink * shrink));
+      out.push_back(0);
+      for (int k = 0; k < shrink * shrink; k++)
+        out.back() += bilinear(image, nx, ny, (nx - 1) / 2.0 + (x * shrink + k % shrink - (snx - 1) / 2.0) / scale,
+                               (ny - 1) / 2.0 + (y * shrink + k / shrink - (sny - 1) / 2.0) / scale) /
+                      (shrink * shrink);
     }
   }
 }
 
-/// A disc of 1 with a Gaussian fall of a third of `soft`, in double precision.
-std::vector<double> soft_disc(int nx, int ny, double r, double soft) {
+double distance_from_centre(int i, int nx, int ny) {
+  return std::hypot(i % nx - (nx - 1) / 2.0, i / nx - (ny - 1) / 2.0);
+}
+
+/// A soft disc in the middle of an image.
+std::vector<double> disc_image(int nx, int ny, double r, double soft) {
   std::vector<double> disc;
-  for (int y = 0; y < ny; y++) {
-    for (int x = 0; x < nx; x++) {
-      const double d = std::hypot(x - (nx - 1) / 2.0, y - (ny - 1) / 2.0), past = (d - r) / (soft / 3);
-      disc.push_back(d <= r ? 1 : d <= r + soft ? std::exp(-past * past / 2) : 0);
-    }
-  }
+  for (int i = 0; i < nx * ny; i++) disc.push_back(soft_disc(distance_from_centre(i, nx, ny), r, soft));
   return disc;
 }
 
@@ -72,8 +62,7 @@ std::vector<float> normalised(std::vector<float> data, int nx, int ny, int type,
   return data;
 }
 
-class TemplateStack : public FolderTest {
- protected:
+struct TemplateStack : FolderTest {
   void SetUp() override { REQUIRE_DEVICE(); }  // resampling runs there
 
   /// A request for the templates of a file with these pixels.
@@ -94,22 +83,16 @@ TEST(AutomaticTemplate, IsADiscThatFallsToTheRadiusAtThreeDeviations) {
     int side;
   } cases[] = {{"NULL", 48.5075f, 0.05f, 192}, {"none", 20.9f, 0.3f, 80}, {"Null", 12.3f, 1, 48}};
   for (const auto& c : cases) {
-    Request request;
-    request.T = c.name;
-    request.radius = c.radius;
-    request.center1_ratio = c.ratio;
-    const Stack disc = acquired(request);
-    ASSERT_EQ(c.side, disc.nx);
-    ASSERT_EQ(c.side, disc.ny);
-    ASSERT_EQ(1, disc.nz);
-    const double radius = static_cast<double>(c.radius), top = radius * static_cast<double>(c.ratio);
-    EXPECT_TRUE(all_near(disc.pixels, soft_disc(c.side, c.side, top, radius - top), 2e-6)) << "float exponentials";
+    const Stack disc = acquired({c.name, 2, 2, 1, c.radius, c.ratio});
+    EXPECT_TRUE(disc.nx == c.side && disc.ny == c.side && disc.nz == 1);
+    const double top = static_cast<double>(c.radius) * c.ratio;
+    EXPECT_TRUE(all_near(disc.pixels, disc_image(c.side, c.side, top, c.radius - top), 2e-6)) << "float exponentials";
   }
 }
 
 TEST_F(TemplateStack, IsScaledAboutTheCentreThenShrunk) {
   const int nx = 23, ny = 18, nz = 3;
-  const std::vector<float> pixels = random_values(static_cast<size_t>(nx) * ny * nz, 1);
+  const std::vector<float> pixels = random_values(pixel_index(0, ny * nz, nx), 1);
   Request request = stack_file(pixels, nx, ny, nz);
   EXPECT_TRUE(same_bits(acquired(request).pixels, pixels)) << "at the micrographs' pixel size it is untouched";
   for (const float apixT : {2.5f, 2.0f, 1.3f}) {
@@ -131,41 +114,40 @@ TEST_F(TemplateStack, IsScaledAboutTheCentreThenShrunk) {
 TEST_F(TemplateStack, ThatCannotBeReadIsRefusedBeforeAnythingIsAllocated) {
   Request request = stack_file(random_values(16 * 12 * 2, 3), 16, 12, 2);
   const std::string good = read_file(request.T);
-  const auto refused = [&](const std::string& bytes, const char* reason) {
-    write_file(request.T, bytes);
-    expect_refused(request, reason);
-  };
   const auto with_field = [&](size_t at, int32_t value) {
     std::string bytes = good;
     memcpy(&bytes[at], &value, sizeof value);
     return bytes;
   };
-  refused(good.substr(0, good.size() - 1), "ends before its last image");
-  refused(with_field(0, -16), "which can't be");
-  refused(with_field(8, 0), "which can't be");
-  refused(with_field(8, 2147483647), "ends before its last image");
-  refused(with_field(12, 4), "MRC mode 4 (Complex Float); modes 0, 1, 2 and 6");
+  const std::pair<std::string, const char*> cases[] = {
+      {good.substr(0, good.size() - 1), "ends before its last image"},
+      {with_field(0, -16), "which can't be"},
+      {with_field(8, 0), "which can't be"},
+      {with_field(8, 2147483647), "ends before its last image"},
+      {with_field(12, 4), "MRC mode 4 (Complex Float); modes 0, 1, 2 and 6"}};
+  for (const auto& [bytes, reason] : cases) {
+    write_file(request.T, bytes);
+    expect_refused(run_in_child([&] { acquired(request); }), reason);
+  }
   request.T = path("absent.mrcs");
-  expect_refused(request, "Cannot open file " + request.T + ". Permission denied or wrong file name.\n" +
-                              fatal_line("get_template_data", "quorlin56", "open file failed."));
+  expect_refused(run_in_child([&] { acquired(request); }),
+                 "Cannot open file " + request.T + ". Permission denied or wrong file name.\n" +
+                     fatal_line("get_template_data", "quorlin56", "open file failed."));
 }
 
 // --- Normalisation ---
 
 TEST(TemplateNormalisation, OfTypes1And2BalancesTheBoxAndZeroesOutsideTheRadius) {
   const int nx = 21, ny = 16;
-  const std::vector<float> data = random_values(static_cast<size_t>(nx) * ny, 5, 3, 9);
+  const std::vector<float> data = random_values(pixel_index(0, ny, nx), 5, 3, 9);
   for (const int type : {0, 4, -1}) EXPECT_TRUE(same_bits(normalised(data, nx, ny, type, 5, 0.05f), data)) << type;
   // 5.5 is the distance of a pixel on the middle column: a pixel at the radius itself is kept.
   for (const double radius : {0.6, 5.5, 7.2, 100.0}) {
     double sum = 0;
     std::vector<double> want = widened(data);
-    for (int y = 0; y < ny; y++) {
-      for (int x = 0; x < nx; x++) {
-        double& v = want[static_cast<size_t>(y) * nx + x];
-        if (std::hypot(x - 10.0, y - 7.5) > radius) v = 0;
-        sum += v;
-      }
+    for (int i = 0; i < nx * ny; i++) {
+      if (distance_from_centre(i, nx, ny) > radius) want[i] = 0;
+      sum += want[i];
     }
     for (double& v : want) v -= sum / (nx * ny);
     EXPECT_TRUE(all_near(normalised(data, nx, ny, 2, static_cast<float>(radius), 0.05f), want, 1e-6)) << radius;
@@ -177,8 +159,8 @@ TEST(TemplateNormalisation, OfType3StandardisesUnderTheDiscAndIsZeroBeyondTheRad
   const int nx = 30, ny = 27;
   const double radius = 11.3, ratio = 0.3;
   const std::vector<float> data =
-      random_values(static_cast<size_t>(nx) * ny, 6, 1000, 1001);  // floats' squares lose half their digits
-  const std::vector<double> disc = soft_disc(nx, ny, radius * (1 - ratio), radius * ratio);
+      random_values(pixel_index(0, ny, nx), 6, 1000, 1001);  // floats' squares lose half their digits
+  const std::vector<double> disc = disc_image(nx, ny, radius * (1 - ratio), radius * ratio);
   double weight = 0, mean = 0, square = 0;
   for (size_t i = 0; i < disc.size(); i++) weight += disc[i];
   for (size_t i = 0; i < disc.size(); i++) mean += disc[i] * data[i] / weight;

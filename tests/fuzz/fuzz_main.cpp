@@ -27,6 +27,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   write_fuzz_input(input.c_str(), data, size);
-  for (int i = 0; i < target->n_parts; i++) returns_normally(target->parts[i], input.c_str());
+  for (const FuzzPart part : target->parts) returns_normally(part, input.c_str());
   return 0;
 }

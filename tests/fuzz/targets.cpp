@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 
 #include "boxfile.h"
 #include "conditioning/conditioning.h"
@@ -15,55 +14,48 @@
 #include "run/parameters.h"
 #include "run/reports.h"
 #include "run/run_state.h"
-#include "starfile.h"
 #include "templates/templates.h"
 
 namespace {
 
 constexpr size_t kNameBytes = 512;
 
-// A name beside the input: its name with a suffix in place of the last dot and what follows.
-void name_beside(char* name, const char* path, const char* suffix) {
-  const char* dot = strrchr(path, '.');
-  snprintf(name, kNameBytes, "%.*s%s", static_cast<int>(dot - path), path, suffix);
+// Writes a text beside the input, under the input's name with a suffix in place of its last dot and what follows.
+// Returns the name.
+const char* write_beside(const char* path, const char* suffix, const char* text) {
+  static char name[kNameBytes];
+  snprintf(name, kNameBytes, "%.*s%s", static_cast<int>(strrchr(path, '.') - path), path, suffix);
+  FILE* file = fopen(name, "w");
+  fputs(text, file);
+  fclose(file);
+  return name;
 }
 
 // --- MRC files ---
 
-void read_mrc_head(const char* path, MRC_HEAD* head) {
-  FILE* file = fopen(path, "r");
-  mrc_read_head(file, head);
-  fclose(file);
-}
-
-void measure_mrc(const char* path) {
-  FILE* file = fopen(path, "r");
-  MRC_HEAD head;
-  mrc_read_head(file, &head);
-  mrc_get_head_mode(&head);
-  note_extended_header(path, &head);
-  for (const int slice : {0, 1, -1, INT_MAX, head.nz}) mrc_missing_samples(file, &head, slice);
-  mrc_check_fsize(file, &head);
-  fclose(file);
-  for (const char* keyword : {"x", "xy", "zx", "yz", "xyz", "w"}) get_mrcf_dim_size(path, keyword);
-}
-
-// Reads some planes if they are small: the sizes are only as true as the header.
-void read_mrc_planes(const char* path) {
+// Planes are read if they are small: the sizes are only as true as the header.
+void read_mrc_parts(const char* path) {
   constexpr long kMostSamples = 4096;
   static float plane[kMostSamples];
   FILE* file = fopen(path, "r");
   MRC_HEAD head;
   mrc_read_head(file, &head);
+  mrc_get_head_mode(&head);
+  note_extended_header(path, &head);
+  mrc_check_fsize(file, &head);
   const long nx = head.nx, ny = head.ny, nz = head.nz;
   const struct {
     char axis;
     long width, height;
   } planes[] = {{'z', nx, ny}, {'Y', nx, nz}, {'x', ny, nz}, {'q', nx, ny}};
-  for (const auto& p : planes)
-    if (p.width <= kMostSamples && p.height <= kMostSamples && p.width * p.height <= kMostSamples)
-      for (const int slice : {0, 2, -1, INT_MAX}) mrc_read_slice(file, &head, slice, p.axis, plane);
+  for (const int slice : {0, 1, 2, -1, INT_MAX, head.nz}) {
+    mrc_missing_samples(file, &head, slice);
+    for (const auto& p : planes)
+      if (p.width <= kMostSamples && p.height <= kMostSamples && p.width * p.height <= kMostSamples)
+        mrc_read_slice(file, &head, slice, p.axis, plane);
+  }
   fclose(file);
+  for (const char* keyword : {"x", "xy", "zx", "yz", "xyz", "w"}) get_mrcf_dim_size(path, keyword);
 }
 
 void read_mrc_whole(const char* path) { free(get_mrcf_data_all(path)); }
@@ -75,15 +67,13 @@ void read_mrc_as_templates(const char* path) {
 
 // Only of a micrograph whose section has a size that the program takes.
 void cut_from_mrc(const char* path) {
+  FILE* file = fopen(path, "r");
   MRC_HEAD head;
-  read_mrc_head(path, &head);
-  if (!mrc_section_size_valid(&head)) return;
-  char list[kNameBytes];
-  name_beside(list, path, "_cut.box");
-  FILE* file = fopen(list, "w");
-  fputs("0 0 4 4\n-3 2 4 4\n100000 1 4 4\n", file);
+  mrc_read_head(file, &head);
   fclose(file);
-  mrcf_x2d_extract_ptcls_from_micrograph(path, list, 0, 0);
+  if (mrc_section_size_valid(&head))
+    mrcf_x2d_extract_ptcls_from_micrograph(path, write_beside(path, "_cut.box", "0 0 4 4\n-3 2 4 4\n100000 1 4 4\n"), 0,
+                                           0);
 }
 
 // --- Lists of coordinates ---
@@ -106,33 +96,18 @@ void exclude_list(const char* path) {
 
 void filter_with(const char* candidates, const char* excluded, const char* path) {
   char out[kNameBytes];
-  name_beside(out, path, "_out.box");
-  for (const int kind : {2, 1}) {
+  snprintf(out, sizeof out, "%s_out.box", path);
+  for (const int kind : {2, 1})
     box_filter(250, 230, 30.0f, 0.1f, 4.0f, 64, 64, int2{0, 0}, candidates, excluded, out, kind);
-    remove(out);
-  }
+  remove(out);
 }
 
 void select_from_list(const char* path) { filter_with(path, "NULL", path); }
 
 void exclude_from_selection(const char* path) {
-  char candidates[kNameBytes];
-  name_beside(candidates, path, "_candidates.box");
-  FILE* file = fopen(candidates, "w");
-  for (int y = 30; y < 200; y += 50)
-    for (int x = 30; x < 220; x += 50) fprintf(file, "%d %d 16 16 0.5 0 0.0\n", x, y);
-  fclose(file);
-  filter_with(candidates, path, path);
-}
-
-void read_star_parts(const char* path) {
-  FILE* file = fopen(path, "r");
-  static StarHead head;
-  star_read_head(file, &head);
-  ParticleInfoIndex index;
-  set_info_index_from_star_head(&head, &index);
-  for (const long line : {0L, 1L, 5L, LONG_MAX}) star_set_pointer(file, line);
-  fclose(file);
+  filter_with(
+      write_beside(path, "_candidates.box", "30 30 16 16 0.5 0 0\n80 80 16 16 0.4 0 0\n180 130 16 16 0.6 0 0\n"), path,
+      path);
 }
 
 // --- The command line: one word a line ---
@@ -163,10 +138,8 @@ void size_run(Run* run) {
   run->first_head.nx = 96;
   run->first_head.ny = 71;
   set_run_sizes(run);
-  if (!run->para.auto_template) {
-    count_scan_angles(run->para.psi_start, run->para.psi_end, run->para.ang_step);
-    return;
-  }
+  count_scan_angles(run->para.psi_start, run->para.psi_end, run->para.ang_step);
+  if (!run->para.auto_template) return;
   acquire_templates(run);
   const RunSizes& s = run->sizes;
   normalise_template(run->host.T_stack, s.T_nx, s.T_ny, run->para.T_norm_type, run->para.radius_px,
@@ -191,17 +164,13 @@ void parse_words(const char* path) {
   kestrix_free_parameters(&run.para);
 }
 
-const FuzzPart mrc_parts[] = {measure_mrc, read_mrc_planes, read_mrc_whole, read_mrc_as_templates, cut_from_mrc};
-const FuzzPart box_parts[] = {read_list, exclude_list, select_from_list, exclude_from_selection};
-const FuzzPart star_parts[] = {read_list, exclude_list, exclude_from_selection, read_star_parts};
-const FuzzPart command_line_parts[] = {parse_words};
-
 }  // namespace
 
-const FuzzTarget kAllFuzzTargets[kFuzzTargets] = {{"mrc", "input.mrc", mrc_parts, 5},
-                                                  {"box", "input.box", box_parts, 4},
-                                                  {"star", "input.star", star_parts, 4},
-                                                  {"command_line", "input.txt", command_line_parts, 1}};
+const FuzzTarget kAllFuzzTargets[kFuzzTargets] = {
+    {"mrc", "input.mrc", {read_mrc_parts, read_mrc_whole, read_mrc_as_templates, cut_from_mrc}},
+    {"box", "input.box", {read_list, exclude_list, select_from_list, exclude_from_selection}},
+    {"star", "input.star", {read_list, exclude_list, exclude_from_selection}},
+    {"command_line", "input.txt", {parse_words}}};
 
 const FuzzTarget* find_fuzz_target(const char* name) {
   for (const FuzzTarget& target : kAllFuzzTargets)

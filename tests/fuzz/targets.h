@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 /// One way into the program for a target's file, which lies at path. What it returns from normally, it leaves with
 /// nothing allocated and nothing open.
@@ -13,8 +14,7 @@ using FuzzPart = void (*)(const char* path);
 struct FuzzTarget {
   const char* name;       // also of its folder of seeds
   const char* file_name;  // of the input; the suffix decides how it is read
-  const FuzzPart* parts;
-  int n_parts;
+  std::vector<FuzzPart> parts;
 };
 
 constexpr int kFuzzTargets = 4;
