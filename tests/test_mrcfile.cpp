@@ -87,7 +87,7 @@ TEST(MrcHead, NewHeadHasEveryInitialValueAtItsOffset) {
   EXPECT_EQ(expected, bytes_of(head, sizeof *head));
   memset(head, 'x', sizeof *head);
   mrc_init_head(head);
-  expected.replace(128, 68, 68, 'x').replace(216, 4, 4, 'x');  // what it leaves as it is
+  expected.replace(112, 84, 84, 'x').replace(216, 4, 4, 'x');  // what it leaves as it is
   EXPECT_EQ(expected, bytes_of(head, sizeof *head));
   free(head);
 }
