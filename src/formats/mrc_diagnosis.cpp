@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <cstring>
+#include <memory>
 
 #include "platform/failure.h"
 
@@ -44,37 +47,75 @@ bool is_other_endian(const MRC_HEAD* head) {
   return !mrc_head_sizes_valid(head) && mrc_head_sizes_valid(&turned) && turned.mode >= 0 && turned.mode <= 101;
 }
 
-bool note_by_first_bytes(const char* name, const unsigned char* bytes, size_t n) {
+std::string by_first_bytes(const unsigned char* bytes, size_t n) {
   for (const Signature& s : kSignatures)
-    if (n >= s.length && memcmp(bytes, s.bytes, s.length) == 0) {
-      safety_note(name, "%s; %s.", s.what, s.remedy);
-      return true;
-    }
-  if (n == 0) safety_note(name, "is empty; is it still being written, or was the disk full?");
-  const bool text = n > 0 && is_text(bytes, n);
-  if (text) safety_note(name, "is a text file; give micrographs as MRC files.");
-  return n == 0 || text;
+    if (n >= s.length && memcmp(bytes, s.bytes, s.length) == 0) return std::string(s.what) + "; " + s.remedy;
+  if (n == 0) return "is empty; is it still being written, or was the disk full?";
+  return is_text(bytes, n) ? "is a text file; give micrographs as MRC files" : "";
 }
 
-void note_by_head(const char* name, FILE* file, const MRC_HEAD* head) {
-  if (is_other_endian(head)) {
-    safety_note(name, "is big-endian; convert it to a little-endian MRC file first.");
-  } else if (head->mode == 12) {
-    safety_note(name, "has 16-bit floats (mode 12), which can't be read; convert it to mode 2 first.");
-  } else if (head->mode == 101) {
-    safety_note(name, "has 4-bit samples (mode 101), which can't be read; convert it to mode 2 first.");
-  } else if (mrc_section_size_valid(head) && mrc_mode_readable(head->mode)) {
-    const unsigned long missing = mrc_missing_samples(file, head, 0);
-    const long rows = head->ny - static_cast<long>((missing + static_cast<unsigned long>(head->nx) - 1) /
-                                                   static_cast<unsigned long>(head->nx));
-    if (missing > 0) safety_note(name, "ends after %ld of %d rows; was it copied or written whole?", rows, head->ny);
-  }
+std::string by_head(FILE* file, const MRC_HEAD* head) {
+  if (is_other_endian(head)) return "is big-endian; convert it to a little-endian MRC file first";
+  if (head->mode == 12) return "has 16-bit floats (mode 12), which can't be read; convert it to mode 2 first";
+  if (head->mode == 101) return "has 4-bit samples (mode 101), which can't be read; convert it to mode 2 first";
+  if (!mrc_section_size_valid(head) || !mrc_mode_readable(head->mode)) return "";
+  const unsigned long missing = mrc_missing_samples(file, head, 0);
+  const long rows = head->ny - static_cast<long>((missing + static_cast<unsigned long>(head->nx) - 1) /
+                                                 static_cast<unsigned long>(head->nx));
+  if (missing == 0) return "";
+  return "ends after " + std::to_string(rows) + " of " + std::to_string(head->ny) +
+         " rows; was it copied or written whole?";
+}
+
+std::string what_is_odd(FILE* file, const MRC_HEAD* head) {
+  unsigned char bytes[512];
+  const ssize_t got = pread(fileno(file), bytes, sizeof bytes, 0);
+  if (got < 0) return "";
+  const std::string odd = by_first_bytes(bytes, static_cast<size_t>(got));
+  return odd.empty() ? by_head(file, head) : odd;
+}
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+
+std::string kind_of_no_file(const char* name) {
+  struct stat status {};
+  if (stat(name, &status) != 0)
+    return errno == ENOENT ? "isn't there" : std::string("can't be read: ") + strerror(errno);
+  return S_ISREG(status.st_mode) ? "" : "is no regular file";
 }
 
 }  // namespace
 
 void note_odd_image(const char* name, FILE* file, const MRC_HEAD* head) {
-  unsigned char bytes[512];
-  const ssize_t got = pread(fileno(file), bytes, sizeof bytes, 0);
-  if (got >= 0 && !note_by_first_bytes(name, bytes, static_cast<size_t>(got))) note_by_head(name, file, head);
+  const std::string odd = what_is_odd(file, head);
+  if (!odd.empty()) safety_note(name, "%s%s", odd.c_str(), odd.back() == '?' ? "" : ".");
+}
+
+ImageFacts look_at_mrc(const char* name) {
+  ImageFacts facts;
+  facts.problem = kind_of_no_file(name);
+  if (!facts.problem.empty()) return facts;
+  const std::unique_ptr<FILE, FileCloser> file(fopen(name, "r"));
+  if (!file) {
+    facts.problem = std::string("can't be read: ") + strerror(errno);
+    return facts;
+  }
+  MRC_HEAD& head = facts.head;
+  const bool whole = fread(&head, sizeof head, 1, file.get()) == 1;
+  facts.problem = what_is_odd(file.get(), &head);
+  if (!facts.problem.empty()) return facts;
+  if (!whole) {
+    facts.problem = "ends within its header; was it copied or written whole?";
+  } else if (!mrc_head_sizes_valid(&head)) {
+    facts.problem = "isn't an MRC file: its header says " + std::to_string(head.nx) + " x " + std::to_string(head.ny) +
+                    " x " + std::to_string(head.nz) + " samples";
+  } else if (!mrc_mode_readable(head.mode)) {
+    facts.problem = "has samples of MRC mode " + std::to_string(head.mode) + ", which can't be read";
+  }
+  facts.exact = facts.problem.empty() && mrc_size_is_exact(file.get(), &head);
+  if (facts.problem.empty() && head.mx > 0 && std::isfinite(head.xlen) && head.xlen > 0)
+    facts.apix = head.xlen / static_cast<float>(head.mx);
+  return facts;
 }

@@ -275,17 +275,20 @@ unsigned long mrc_missing_samples(FILE* file, const MRC_HEAD* head, int slice) {
   return static_cast<unsigned long>(section - std::min(section, behind_first / bytes));
 }
 
+bool mrc_size_is_exact(FILE* file, const MRC_HEAD* head) {
+  const long expected = bounded_product(sample_count(head), sample_type(head->mode).bytes);
+  const bool sizes_possible = head->nx >= 0 && head->ny >= 0 && head->nz >= 0;
+  return sizes_possible && get_file_size(file) - kMrcHeadBytes == expected;
+}
+
 int mrc_check_fsize(FILE* file, const MRC_HEAD* head) {
   const int bytes = sample_type(head->mode).bytes;
   if (bytes == 0) {
     KESTRIX_WARNING("File type unknown!");
     return -1;
   }
-  const bool sizes_possible = head->nx >= 0 && head->ny >= 0 && head->nz >= 0;
-  const long file_size = get_file_size(file);
-  const long expected = bounded_product(sample_count(head), bytes);
-  if (sizes_possible && file_size - kMrcHeadBytes == expected) return 0;
-  printf("File size %ld  %d xyz %ld", file_size, bytes, expected);
+  if (mrc_size_is_exact(file, head)) return 0;
+  printf("File size %ld  %d xyz %ld", get_file_size(file), bytes, bounded_product(sample_count(head), bytes));
   KESTRIX_WARNING("File size error!");
   return -1;
 }

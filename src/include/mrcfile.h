@@ -105,6 +105,9 @@ void mrc_read_rows(FILE* file, const MRC_HEAD* head, int slice, int first, int c
 /// read. Leaves the file where it was.
 unsigned long mrc_missing_samples(FILE* file, const MRC_HEAD* head, int slice);
 
+/// Whether the file has exactly the length that the header says for all sections. Leaves it where it was.
+bool mrc_size_is_exact(FILE* file, const MRC_HEAD* head);
+
 /// Returns 0 if the file holds exactly the samples that the header says, else -1 after a warning on standard
 /// output. Leaves the file at its end, or where it was if the mode has no sample size.
 int mrc_check_fsize(FILE* file, const MRC_HEAD* head);

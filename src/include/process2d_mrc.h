@@ -32,3 +32,7 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int box_s
 /// Writes those particles as a float stack under the micrograph's name with "_particles.mrcs" in place of its
 /// suffix. A list without boxes gives a stack of the sizes 0. Fails as get_mrcf_data_ptcls. Returns 0.
 int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size, int invert);
+
+/// The same, the stack named from out_name in place of the micrograph's name.
+void extract_particles_from_micrograph(const char* mic_name, const char* out_name, const char* box_name, int box_size,
+                                       int invert);

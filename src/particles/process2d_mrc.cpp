@@ -106,17 +106,22 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int box_s
   return stack;
 }
 
-int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size, int invert) {
+void extract_particles_from_micrograph(const char* mic_name, const char* out_name, const char* box_name, int box_size,
+                                       int invert) {
   const BoxList list = read_boxes(box_name, box_size);
   MRC_HEAD* head = get_mrcf_head(mic_name);
   float* data = get_mrcf_data_all(mic_name);
   float* stack = cut_particles(data, head, list, invert);
   free(data);
   char name[kTextBytes];
-  set_outname_by_suffix(name, mic_name, "_particles.mrcs");
+  set_outname_by_suffix(name, out_name, "_particles.mrcs");
   mrcf_write_xyz_data(name, stack, list.w, list.h, head->nz * list.n);
   free(stack);
   free(head);
   free(list.boxes);
+}
+
+int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size, int invert) {
+  extract_particles_from_micrograph(mic_name, mic_name, box_name, box_size, invert);
   return 0;
 }

@@ -6,8 +6,10 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "platform/failure.h"
 
@@ -22,6 +24,23 @@ struct Output {
   char name[PATH_MAX];
   char temporary[PATH_MAX];
   FILE* file;  // null once it is closed
+};
+
+// While it lives signals that end a run wait, so that what belongs together is published together.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+    pthread_sigmask(SIG_BLOCK, &ending, &before_);
+  }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
 };
 
 Output outputs[kMostOutputs];
@@ -133,6 +152,7 @@ void output_close(FILE* file, const char* function, const char* unit_name, int l
   output->file = nullptr;
   close_written(file, output->name, function, unit_name, line);
   if (holding) return;
+  const SignalsHeld held;
   bring_to_disk(*output);
   publish(*output);
   forget(output);
@@ -151,6 +171,7 @@ void outputs_publish(const char* const* last, int n_last) {
   set_mark_name(mark, last[0]);
   for (int i = 0; i < n_outputs; i++)
     if (is_among(outputs[i].name, last, n_last)) bring_to_disk(outputs[i]);
+  const SignalsHeld held;
   set_mark(mark, last[0]);
   publish_all_but(last, n_last);
   publish_last(last, n_last);

@@ -1,4 +1,5 @@
 #include "run/auto_picks.h"
+#include "run/output_names.h"
 
 #include <unistd.h>
 
@@ -70,13 +71,15 @@ SizeScanSettings scan_settings(const Run* run) {
 }
 
 // Writes the template as a stack of one image in working pixels, bright as class averages are.
-void write_learned(const RoundTemplate& found, bool bright, const char* mic) {
+void write_learned(const RoundTemplate& found, const Kestrix_Para& para, const char* mic) {
   const int side = round_template_side(found);
   auto* image = host_new<float>(static_cast<size_t>(side) * static_cast<size_t>(side));
   draw_round_template(found, side, image);
-  if (!bright) hm_invert_inplace(image, static_cast<unsigned long>(side) * static_cast<unsigned long>(side));
+  if (!para.dont_invertT) hm_invert_inplace(image, static_cast<unsigned long>(side) * static_cast<unsigned long>(side));
+  char out[kTextBytes];
+  set_output_name(out, mic, &para);
   char name[kTextBytes];
-  set_outname_by_suffix(name, mic, "_learned.mrcs");
+  set_outname_by_suffix(name, out, "_learned.mrcs");
   mrcf_write_xyz_data(name, image, side, side, 1);
   free(image);
 }
@@ -272,8 +275,7 @@ void learn_template(Run* run, const char* mic, bool usable) {
     return;
   }
   set_size_findings(run);
-  if (run->para.write_learned && run->para.auto_template)
-    write_learned(autos.found.found, run->para.dont_invertT != 0, mic);
+  if (run->para.write_learned && run->para.auto_template) write_learned(autos.found.found, run->para, mic);
   if (!run->para.auto_picks) return replace_template(run, autos.found.found);
   size_band_make(&autos.sizes.band, &run->pad, autos.found.band_size, d_mic);
 }

@@ -19,6 +19,12 @@ struct PickFindings {
   bool distinct;      // candidates keep that distance already
   float closed;       // share of the micrograph closed to picking, 0 to 1
   int picks;          // peaks that reached the cutoff, before borders and excluded places
+  // What the lists hold:
+  int cells_closed;  // cells of the grid that are closed to picking
+  int candidates;    // in the list of candidates
+  int listed;        // in the final list
+  float mean_score;  // of the final list; 0 where it is empty
+  float best_score;
 };
 
 /// The words for what was matched.

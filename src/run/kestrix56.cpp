@@ -4,24 +4,11 @@
 #include "run/parameters.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
-#include "session/begin_run.h"
+#include "session/command_line.h"
 #include "session/devices.h"
+#include "session/session.h"
+#include "session/signals.h"
 #include "str_utils.h"
-
-namespace {
-
-// Picks all micrographs of the command line in this process. Returns their number.
-int pick_on_one_device(int argc, char** argv) {
-  Run run{};
-  begin_run(argc, argv, &run);
-  const int n_files = run.para.n_files;
-  for (int i = 0; i < n_files; i++) pick_micrograph(&run, run.para.files[i]);
-  put_tally(&run.tally);
-  free_run(&run);
-  return n_files;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   time_push();
@@ -38,14 +25,18 @@ int main(int argc, char** argv) {
     kestrix_help_more();
     return 0;
   }
-  const int device = kestrix_find_device_argument(argc, argv);
+  end_cleanly_on_signals();
+  CommandLine line(argc, argv);
+  const int device = kestrix_find_value(argc, argv, "gid");
   const bool on_several = device > 0 && names_devices(argv[device]);
-  const int n_files = on_several ? pick_on_devices(argc, argv, device) : pick_on_one_device(argc, argv);
+  const SessionEnd end = on_several ? SessionEnd{pick_on_devices(line.argc(), line.argv(), device), 0}
+                                    : pick_session(line.argc(), line.argv());
+  if (end.finished < 0) return end.status;
   put_rule('#', 129, stdout);
-  printf("All %d files finished successfully:\n", n_files);
+  printf("All %d files finished successfully:\n", end.finished);
   time_pop("TOTAL");
   put_rule('#', 129, stdout);
   printf("\n");
   kestrix_put_one_random_tip();
-  return 0;
+  return end.status;
 }

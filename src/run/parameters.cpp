@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "compute/text_numbers.h"
 #include "cuda_general.h"
@@ -133,6 +134,53 @@ const Option options[] = {
      nullptr,
      {"Input that needs care", "clip_outliers", "NUMBER",
       "Limit raw pixels to so many robust deviations from the median"}},
+    {"micrographs",
+     &P::micrographs,
+     WITH_VALUE,
+     nullptr,
+     {"Whole sessions", "micrographs", "FILE",
+      "A list of micrographs, a path a line, or RELION's micrographs STAR file, whose pixel size counts where --apixM "
+      "isn't given; - reads standard input"}},
+    {"odir",
+     &P::odir,
+     WITH_VALUE,
+     nullptr,
+     {"Whole sessions", "odir", "FOLDER", "Write all outputs there, not beside the micrographs"}},
+    {"shard",
+     &P::shard,
+     WITH_VALUE,
+     nullptr,
+     {"Whole sessions", "shard", "K/N|slurm",
+      "Take every N-th micrograph from the K-th on; slurm: as the number of the array's task says"}},
+    {"check",
+     &P::check,
+     FLAG,
+     nullptr,
+     {"Whole sessions", "check", "[0|1]", "Read every header, name what can't be picked, and pick nothing"}},
+    {"keep_going",
+     &P::keep_going,
+     FLAG,
+     nullptr,
+     {"Whole sessions", "keep_going", "[0|1]",
+      "Pass over micrographs that can't be picked, name them in kestrix_failed.txt, and end with status 3; take "
+      "micrographs of several sizes"}},
+    {"summary",
+     &P::summary,
+     WITH_VALUE,
+     nullptr,
+     {"Whole sessions", "summary", "FILE", "Write a STAR table with a row for each micrograph as it is finished"}},
+    {"progress",
+     &P::progress,
+     FLAG,
+     nullptr,
+     {"Whole sessions", "progress", "[0|1]",
+      "Tell on standard error how far the session is, though that is no terminal"}},
+    {"watch",
+     &P::watch,
+     WITH_VALUE,
+     nullptr,
+     {"Whole sessions", "watch", "SECONDS",
+      "Go on with micrographs that appear in the folders given and in the list, until none came for so long"}},
 };
 
 void* cleared_memory(size_t count, size_t bytes) {
@@ -328,6 +376,10 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   para->detect_ice = 1;
   para->excluded_suffix = null_text();
   para->global_excluded_box = null_text();
+  para->micrographs = null_text();
+  para->odir = null_text();
+  para->summary = null_text();
+  para->shard = null_text();
   para->write_rejected_box = 1;
   para->write_star = 1;
   para->local_edge_width = 8.0f;
@@ -343,13 +395,15 @@ void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   derive_from_diameter(para, given);
   derive_pixel_values(para);
   settle_auto(para, given);
-  if (para->n_files == 0) kestrix_help_exit(argv[0], "No valid files to be processed.");
+  if (para->n_files == 0 && !(para->watch > 0)) kestrix_help_exit(argv[0], "No valid files to be processed.");
   if (check_and_set_gid(para->gid) == -1) kestrix_help_exit(argv[0], "Failed to find any usable GPU device!");
   settle_options_not_given(para, given);
   note_overridden_auto(para, given);
 }
 
-int kestrix_find_device_argument(int argc, char** argv) {
+int kestrix_find_value(int argc, char** argv, const char* word) {
+  const std::string keyword = std::string("--") + word;
+  const Option* wanted = find_option(keyword.c_str());
   int position = 0;
   for (int i = 1; i < argc; i++) {
     const Option* option = find_option(argv[i]);
@@ -357,7 +411,7 @@ int kestrix_find_device_argument(int argc, char** argv) {
     if (!option) continue;
     if (option->kind == FLAG) {
       get_bool_keyword(argc, argv, i, flag);
-    } else if (++i < argc && option->field.integer == &P::gid) {
+    } else if (++i < argc && option == wanted) {
       position = i;
     }
   }
@@ -392,8 +446,13 @@ void kestrix_free_parameters(Kestrix_Para* para) {
   free(para->T);
   free(para->excluded_suffix);
   free(para->global_excluded_box);
+  free(para->micrographs);
+  free(para->odir);
+  free(para->summary);
+  free(para->shard);
   para->files = nullptr;
   para->T = para->excluded_suffix = para->global_excluded_box = nullptr;
+  para->micrographs = para->odir = para->summary = para->shard = nullptr;
 }
 
 void kestrix_speed2shrink(int& speed, int& shrink) {

@@ -67,6 +67,15 @@ struct Kestrix_Para {
   char* first_file;           // first readable micrograph, set by main
   int skip_empty_templates;   // leave out templates that are zero everywhere
   float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
+  // Whole sessions of micrographs:
+  char* micrographs;  // list of micrographs to add to those of the command line, or "NULL"
+  char* odir;         // folder of all outputs, or "NULL": beside each micrograph
+  char* summary;      // table of all micrographs, or "NULL"
+  char* shard;        // which part of the list, or "NULL": all
+  int check;          // look through the list and pick nothing
+  int keep_going;     // pass over micrographs that can't be picked
+  int progress;       // tell how far the session is, though standard error is no terminal
+  float watch;        // seconds to wait for further micrographs; 0: not at all
   // Picks that need no tuning:
   int auto_picks;      // all of what follows that the user hasn't set otherwise, on a working pixel of its own
   int robust_ice;      // close ice pixel by pixel, by limits that the micrograph sets
@@ -99,9 +108,10 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para);
 /// status 1. Numbers are taken as they are; kestrix_check_parameters judges them.
 void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para);
 
-/// The position in argv of the value that the command line gives --gid, 0 where it gives none. Walks over the arguments as
-/// kestrix_get_parameters does, but asks for no device and judges nothing.
-int kestrix_find_device_argument(int argc, char** argv);
+/// The position in argv of the value that the command line gives an option that takes a number or a text, by its word
+/// without hyphens; 0 where it gives none. Walks over the arguments as kestrix_get_parameters does, but asks for no device
+/// and judges nothing.
+int kestrix_find_value(int argc, char** argv, const char* word);
 
 /// Ends the run with a fatal error that names the option, its value and what is allowed, if a pixel size, the
 /// diameter, the distance, the box or the angular step is one that no run can work with.

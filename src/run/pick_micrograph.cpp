@@ -18,6 +18,7 @@
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
 #include "run/auto_picks.h"
+#include "run/output_names.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
 #include "str_utils.h"
@@ -31,22 +32,29 @@ constexpr int2 kOrigin{0, 0};
 /// The names that belong to one micrograph.
 struct MicrographNames {
   const char* mic;             // the micrograph
+  char out[kTextBytes];        // what its outputs are named from
   char box[kTextBytes];        // final list, box form
   char star[kTextBytes];       // final list, STAR form
   char nonunique[kTextBytes];  // candidates
   char excluded[kTextBytes];   // excluded coordinates, or "NULL"
 };
 
+// The list of places to leave out: among the outputs, else beside the micrograph.
+void set_excluded_name(MicrographNames* names, const Kestrix_Para* para) {
+  strlcpy(names->excluded, "NULL");
+  if (!para->exclusive_picking) return;
+  set_outname_by_suffix(names->excluded, names->out, para->excluded_suffix);
+  if (access(names->excluded, F_OK) != 0) set_outname_by_suffix(names->excluded, names->mic, para->excluded_suffix);
+}
+
 void set_names(MicrographNames* names, const char* mic, const Kestrix_Para* para) {
   names->mic = mic;
-  set_outname_by_suffix(names->box, mic, "_quorlin.box");
-  if (para->exclusive_picking) {
-    set_outname_by_suffix(names->excluded, mic, para->excluded_suffix);
-  } else {
-    strlcpy(names->excluded, "NULL");
-  }
-  set_name_shrinked_box(names->nonunique, mic, para->shrink);
-  set_outname_by_suffix(names->star, mic, "_quorlin.star");
+  set_output_name(names->out, mic, para);
+  const char* out = names->out;
+  set_outname_by_suffix(names->box, out, "_quorlin.box");
+  set_excluded_name(names, para);
+  set_name_shrinked_box(names->nonunique, out, para->shrink);
+  set_outname_by_suffix(names->star, out, "_quorlin.star");
 }
 
 int is_file_quorlin_done(const char* name) { return access(name, R_OK) == 0; }
@@ -71,9 +79,9 @@ bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   return true;
 }
 
-void write_device_image(const float* d, const Run* run, const char* mic, const char* suffix) {
+void write_device_image(const float* d, const Run* run, const char* out, const char* suffix) {
   char name[kTextBytes];
-  set_outname_by_suffix(name, mic, suffix);
+  set_outname_by_suffix(name, out, suffix);
   mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
 }
 
@@ -163,7 +171,7 @@ bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
   hcuda_empty(d_grid, grid_cells(run) * sizeof(unsigned));
   if (para.detect_ice)
     hcuda_2d_ice_detect(&run->pad, &run->ice, run->device.d_mic, s.work_nx, s.work_ny, kOrigin, d_grid, s.grid_size,
-                        names->mic);
+                        names->out);
   if (para.mask_excluded && excluded_n > 0)
     add_excluded_coords_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, run->host.excluded_boxes, excluded_n,
                                para.shrink);
@@ -171,6 +179,8 @@ bool close_cells(Run* run, const MicrographNames* names, int excluded_n) {
     add_excluded_boxf_to_ice(d_grid, s.work_nx, s.work_ny, s.grid_size, para.global_excluded_box, para.shrink,
                              run->host.global_boxes);
   const unsigned open_cells = gather_excluded_points(&run->peaks, d_grid);
+  run->findings.cells_closed = static_cast<int>(grid_cells(run) - open_cells);
+  run->findings.closed = static_cast<float>(run->findings.cells_closed) / static_cast<float>(grid_cells(run));
   if (open_cells == 0) safety_note(names->mic, "every cell is excluded; nothing can be picked.");
   return open_cells > 0;
 }
@@ -186,7 +196,7 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   const float nyquist = (para.apixM + para.apixM) * static_cast<float>(para.shrink);
   const bool usable = upload_working_image(run, names->mic, readable);
   if (para.do_pre_filter) hcuda_2d_bandpass_softR_mpad_inplace(&run->pad, d_mic, apix, nyquist, para.pre_hp, 8.0f);
-  if (para.write_pref_mic) write_device_image(d_mic, run, names->mic, "_pref.mrc");
+  if (para.write_pref_mic) write_device_image(d_mic, run, names->out, "_pref.mrc");
   hcuda_normz_inplace(d_mic, pixels, 1.0f, 0.0f);
   const bool open = close_cells(run, names, excluded_n);
   if (uses_auto_parts(&para)) set_open_area(run);
@@ -199,10 +209,10 @@ void condition_micrograph(Run* run, const MicrographNames* names, int excluded_n
   // The band-pass leaves any scale; what follows takes it out, over the open area alone.
   hcuda_2d_generate_mask_by_coords(d_mask, s.work_nx, s.work_ny, s.grid_size, run->device.d_grid, 0);
   if (para.robust_ice || para.auto_picks) hcuda_x1d_multi(d_mask, d_mask, run->autos.d_open, pixels);
-  if (para.write_mic_mask) write_device_image(d_mask, run, names->mic, "_mask.mrc");
+  if (para.write_mic_mask) write_device_image(d_mask, run, names->out, "_mask.mrc");
   hcuda_norm_withmask_inplace(d_mic, d_mask, pixels, 1.0f, 0.0f);
   if (usable && open) note_not_normalised(run, names->mic);
-  if (para.write_bgfree_mic) write_device_image(d_mic, run, names->mic, "_bgfree.mrc");
+  if (para.write_bgfree_mic) write_device_image(d_mic, run, names->out, "_bgfree.mrc");
 }
 
 // The least score of a candidate: 0 where the cutoff is yet to be found.
@@ -267,7 +277,7 @@ void match_template(Run* run, int t, FILE* nonunique) {
                             pixels * sizeof(float), cudaMemcpyDeviceToHost));
 }
 
-void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
+void match_all_templates(Run* run, const char* out, FILE* nonunique) {
   quorlin_transform_micrograph(&run->scan, run->device.d_mic);
   if (run->autos.d_ccmin) begin_template_maps(run);
   for (int t = 0; t < run->sizes.T_num; t++)
@@ -282,26 +292,26 @@ void match_all_templates(Run* run, const char* mic, FILE* nonunique) {
   }
   if (!run->para.write_ccmax_mic) return;
   char name[kTextBytes];
-  set_outname_by_suffix(name, mic, "_ccmax.mrc");
+  set_outname_by_suffix(name, out, "_ccmax.mrc");
   mrcf_write_xyz_data(name, run->host.ccmax_stack, run->sizes.work_nx, run->sizes.work_ny, run->sizes.T_num);
 }
 
 // The map of the template that --auto has found, in its scores.
-void write_own_map(Run* run, const char* mic) {
+void write_own_map(Run* run, const char* out) {
   const SizeScanResult& found = run->autos.found;
   if (!found.usable) return;
   DiscWindow window = radial_window_new(&run->pad, found.found.values, found.found.n, found.found.step);
   correlate_with_window(&run->pad, &window, run->device.d_mic, run->device.d_ccmax);
   disc_window_free(&window);
   hcuda_multi_add_inplace(run->device.d_ccmax, work_pixels(run), run->findings.score_unit, 0.0f);
-  write_device_image(run->device.d_ccmax, run, mic, "_ccmax.mrc");
+  write_device_image(run->device.d_ccmax, run, out, "_ccmax.mrc");
 }
 
 // With --auto: the peaks of the template that the micrograph has been found to ask for.
-void match_own_template(Run* run, const char* mic, FILE* nonunique) {
+void match_own_template(Run* run, const char* out, FILE* nonunique) {
   printf("Template 001\n.\n");
   pick_peaks(run, nonunique);
-  if (run->para.write_ccmax_mic) write_own_map(run, mic);
+  if (run->para.write_ccmax_mic) write_own_map(run, out);
 }
 
 void write_picks(const Run* run, const MicrographNames* names, const char* out, int kind) {
@@ -318,7 +328,8 @@ void select_picks(const Run* run, const MicrographNames* names) {
   const Kestrix_Para& para = run->para;
   write_picks(run, names, names->box, 2);
   if (para.write_star) write_picks(run, names, names->star, 1);
-  if (para.extract_raw) mrcf_x2d_extract_ptcls_from_micrograph(names->mic, output_at_hand(names->box), para.boxsize, 0);
+  if (para.extract_raw)
+    extract_particles_from_micrograph(names->mic, names->out, output_at_hand(names->box), para.boxsize, 0);
 }
 
 // Either list marks its micrograph as done, so they come last.
@@ -329,7 +340,7 @@ void publish_outputs_of(const MicrographNames* names) {
 
 }  // namespace
 
-void pick_micrograph(Run* run, const char* mic) {
+PickState pick_micrograph(Run* run, const char* mic) {
   time_push();
   printf("\n");
   put_rule('-', 129, stdout);
@@ -337,8 +348,10 @@ void pick_micrograph(Run* run, const char* mic) {
   set_names(&names, mic, &run->para);
   if (is_finished(&names, &run->para)) {
     run->tally.skipped++;
+    run->findings = {};
+    count_lists(&run->findings, names.nonunique, access(names.box, R_OK) == 0 ? names.box : names.star);
     time_drop();
-    return;
+    return kFinishedBefore;
   }
   run->findings = findings_before(&run->para);
   const long notes_before = safety_notes_said();
@@ -362,17 +375,18 @@ void pick_micrograph(Run* run, const char* mic) {
 
   time_push();
   if (matches_own_template(&run->para)) {
-    match_own_template(run, mic, nonunique);
+    match_own_template(run, names.out, nonunique);
   } else {
-    match_all_templates(run, mic, nonunique);
+    match_all_templates(run, names.out, nonunique);
   }
   KESTRIX_OUTPUT_CLOSE(nonunique);
   select_picks(run, &names);
   if (uses_auto_parts(&run->para)) tell_findings(run, mic);
-  tally_micrograph(&run->tally, mic, output_at_hand(names.nonunique), output_at_hand(names.box), notes_before,
-                   &run->para);
+  count_lists(&run->findings, output_at_hand(names.nonunique), output_at_hand(names.box));
+  tally_micrograph(&run->tally, mic, &run->findings, notes_before, &run->para);
   publish_outputs_of(&names);
   printf("File %s finished.\n", mic);
   time_pop("PICKING");
   fflush(stdout);  // so that the log of a run that is killed tells how far it came
+  return kPicked;
 }

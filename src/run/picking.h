@@ -24,10 +24,18 @@ void report_command_line(int argc, char** argv, const Run* run);
 /// and on a device error.
 void prepare_run(Run* run);
 
+/// What became of a micrograph.
+enum PickState { kPicked, kFinishedBefore };
+
 /// The road of one micrograph, from its file to the lists beside it, as run->para asks for. A micrograph that is
 /// finished already is passed over where the run resumes. Ends the run on a file that can't be read or written, on a size
 /// or format other than the first micrograph's, and on a device error; lists of earlier micrographs stay.
-void pick_micrograph(Run* run, const char* mic);
+/// run->findings tells what was found; of a micrograph that was finished before, what its lists hold.
+PickState pick_micrograph(Run* run, const char* mic);
+
+/// Frees what prepare_run has made; the parameters and the tally stay. Before another preparation, for micrographs of
+/// another size, the parameters must be made as they were before the last.
+void release_run(Run* run);
 
 /// Frees all that a run holds, its parameters included.
 void free_run(Run* run);

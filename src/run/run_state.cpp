@@ -170,7 +170,7 @@ void prepare_templates(Run* run) {
   if (!para.dont_invertT) hcuda_invert_inplace(run->device.d_T_stack, static_cast<size_t>(s.T_num) * n_T);
 }
 
-void free_run(Run* run) {
+void release_run(Run* run) {
   HostBuffers& host = run->host;
   for (float* buffer : {host.work_mic, host.grid_cc, host.grid_psi}) cudaFreeHost(buffer);
   cudaFreeHost(host.grid_index);
@@ -188,5 +188,14 @@ void free_run(Run* run) {
   scan_workspace_free(&run->scan);
   peak_workspace_free(&run->peaks);
   hcuda_release_sum_scratch();
+  const Kestrix_Para para = run->para;
+  const RunTally tally = run->tally;
+  *run = {};
+  run->para = para;
+  run->tally = tally;
+}
+
+void free_run(Run* run) {
+  release_run(run);
   kestrix_free_parameters(&run->para);
 }

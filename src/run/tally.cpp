@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "platform/failure.h"
 #include "run/parameters.h"
+#include "str_utils.h"
 #include "txt_file.h"
 
 namespace {
@@ -24,10 +26,27 @@ void note_no_picks(const char* mic, int n_candidates, const Kestrix_Para* para) 
 
 }  // namespace
 
-void tally_micrograph(RunTally* tally, const char* mic, const char* candidates, const char* picks, long notes_before,
+void count_lists(PickFindings* findings, const char* candidates, const char* picks) {
+  findings->candidates = access(candidates, R_OK) == 0 ? count_lines(candidates) : 0;
+  FILE* list = fopen(picks, "r");
+  if (!list) return;
+  double sum = 0;
+  char line[kTextBytes];
+  // The score is the fifth number of a line in either list; a STAR list's head has none.
+  for (float score; fgets(line, sizeof line, list);) {
+    if (sscanf(line, "%*d %*d %*f %*f %f", &score) != 1) continue;
+    findings->best_score = findings->listed == 0 ? score : std::max(findings->best_score, score);
+    findings->listed++;
+    sum += static_cast<double>(score);
+  }
+  fclose(list);
+  if (findings->listed > 0) findings->mean_score = static_cast<float>(sum / findings->listed);
+}
+
+void tally_micrograph(RunTally* tally, const char* mic, const PickFindings* findings, long notes_before,
                       const Kestrix_Para* para) {
-  const int n_picks = count_lines(picks);
-  if (n_picks == 0 && safety_notes_said() == notes_before) note_no_picks(mic, count_lines(candidates), para);
+  const int n_picks = findings->listed;
+  if (n_picks == 0 && safety_notes_said() == notes_before) note_no_picks(mic, findings->candidates, para);
   tally->picked++;
   tally->picks += n_picks;
   if (safety_notes_said() > notes_before) tally->noted++;

@@ -3,6 +3,10 @@
 
 #include "run/picking.h"
 
-/// From the command line to a run that is ready for its micrographs: what the list must not hold is taken out or refused,
-/// and the report and the time of the preparation are printed. Ends the run on what can't work. run: all zero before.
+/// Reads the command line, takes out of the list or refuses what it must not hold, makes the folder of the outputs, and
+/// prints the report; with --check it reads the command line alone. Ends the run on what can't work. run: all zero before.
+void read_run(int argc, char** argv, Run* run);
+
+/// The same for one of several processes, and the preparation with its time: the run is ready for its micrographs. Ends
+/// the run where it asks for what one process alone can do.
 void begin_run(int argc, char** argv, Run* run);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/failure.h"
+#include "run/output_names.h"
 #include "session/begin_run.h"
 #include "str_utils.h"
 
@@ -67,8 +68,9 @@ std::vector<std::vector<int>> groups_by_outputs(const Kestrix_Para& para) {
   std::map<std::string, size_t> group_of;
   std::vector<std::vector<int>> groups;
   for (int i = 0; i < para.n_files; i++) {
-    char stem[kTextBytes];
-    set_outname_by_suffix(stem, para.files[i], "");
+    char out[kTextBytes], stem[kTextBytes];
+    set_output_name(out, para.files[i], &para);
+    set_outname_by_suffix(stem, out, "");
     const std::filesystem::path path(stem);
     const std::string written = path.has_parent_path() ? path.parent_path().string() : ".";
     std::string& folder = folders[written];

@@ -1,5 +1,7 @@
 #include "session/micrograph_list.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -19,11 +21,6 @@ constexpr const char* kOwnImages[] = {"_pref.mrc",   "_mask.mrc",  "_bg.mrc",   
 // The same for every way to write a path: ./a.mrc is a.mrc.
 std::string plain_path(const char* file) { return std::filesystem::path(file).lexically_normal().string(); }
 
-// What all outputs of a micrograph begin with.
-std::string output_stem(const std::string& path) {
-  return path.substr(0, path.size() - static_cast<size_t>(get_micrograph_suffixn(path.c_str())));
-}
-
 // The stem of the micrograph that this image would belong to, if it were one of the program's own; else empty.
 std::string stem_of_own_image(const std::string& path) {
   for (const std::string suffix : kOwnImages)
@@ -32,9 +29,9 @@ std::string stem_of_own_image(const std::string& path) {
   return "";
 }
 
-std::unordered_set<std::string> all_stems(const char* const* files, int n) {
+std::unordered_set<std::string> all_stems(const char* const* files, int n, const char* odir) {
   std::unordered_set<std::string> stems;
-  for (int i = 0; i < n; i++) stems.insert(output_stem(plain_path(files[i])));
+  for (int i = 0; i < n; i++) stems.insert(output_stem(files[i], odir));
   return stems;
 }
 
@@ -45,8 +42,20 @@ std::string with_more(const std::string& name, int more) {
 
 }  // namespace
 
-int leave_out_own_images(char** files, int n) {
-  const std::unordered_set<std::string> stems = all_stems(files, n);
+std::string output_stem(const char* file, const char* odir) {
+  const std::filesystem::path name(file);
+  std::string path = plain_path(is_str_null(odir) ? file : (odir / name.filename()).c_str());
+  path.resize(path.size() - static_cast<size_t>(get_micrograph_suffixn(path.c_str())));
+  return path;
+}
+
+bool is_own_image_of_a_micrograph(const std::string& path) {
+  const std::string stem = stem_of_own_image(path);
+  return !stem.empty() && (access((stem + ".mrc").c_str(), F_OK) == 0 || access((stem + ".mrcs").c_str(), F_OK) == 0);
+}
+
+int leave_out_own_images(char** files, int n, const char* odir) {
+  const std::unordered_set<std::string> stems = all_stems(files, n, odir);
   const auto is_own_image = [&](const char* file) {
     const std::string stem = stem_of_own_image(plain_path(file));
     return !stem.empty() && stems.count(stem) > 0;
@@ -60,13 +69,13 @@ int leave_out_own_images(char** files, int n) {
   return left;
 }
 
-void check_output_names(const char* const* files, int n) {
+void check_output_names(const char* const* files, int n, const char* odir) {
   std::unordered_map<std::string, std::string> path_of_stem;
   const char* repeated = nullptr;
   int times = 0;
   for (int i = 0; i < n; i++) {
     const std::string path = plain_path(files[i]);
-    const auto [entry, is_new] = path_of_stem.emplace(output_stem(path), path);
+    const auto [entry, is_new] = path_of_stem.emplace(output_stem(files[i], odir), path);
     if (is_new) continue;
     if (entry->second != path)
       KESTRIX_FATAL("%s and %s would both write %s_quorlin.box; pick them in separate folders or rename one",
