@@ -86,7 +86,7 @@ whole=$(seconds "$program" "${options[@]}" --odir clean)
 ended=0
 for ((i = 0; i < 20; i++)); do
   ((i % 5)) || rm -rf killed
-  delay=$(awk -v s="$RANDOM" -v w="$whole" 'BEGIN { printf "%.3f", 0.6 * w * s / 32768 }')
+  delay=$(awk -v s="$RANDOM" -v w="$whole" 'BEGIN { printf "%.3f", 0.4 * w * s / 32768 }')
   timeout -s "$( ((i % 2)) && echo TERM || echo INT)" "$delay" "$program" "${options[@]}" --odir killed --summary k.star \
     >/dev/null 2>&1 || ended=$((ended + 1))
 done

@@ -49,6 +49,14 @@ TEST_F(Notes, TellWhatWasReadAndWhatIsLikelyToBeAMistake) {
   }
   const ProgramRun quiet = run("sim_001.mrc --cc_cutoff 0.25 --write_star 1 --boxsize 64");
   EXPECT_EQ("", quiet.errors) << "nothing to say";
+  for (const auto& [word, meant] : {std::pair{"--daimeter", "--diameter"},
+                                    {"-cc_cutof", "--cc_cutoff"},
+                                    {"--APIX", "--apixM"},
+                                    {"--keepgoing", "--keep_going"}})
+    EXPECT_TRUE(
+        holds(run(std::string("sim_001.mrc ") + word + " 1").errors, std::string("did you mean ") + meant + "?"))
+        << word;
+  EXPECT_EQ("", run("sim_001.mrc --colour 1").errors) << "nothing is like it";
   const ProgramRun absent = run("sim_001.mrc --T absent.mrcs");
   EXPECT_TRUE(holds(absent.errors, "Kestrix: absent.mrcs: given by --T, can't be read")) << absent.errors;
 }

@@ -12,6 +12,7 @@ namespace {
 void (*way_out)(int status) = nullptr;
 
 long notes_said = 0;
+const char* before_notes = "";
 
 const char* kind_of_file(mode_t mode) {
   if (S_ISDIR(mode)) return "folder";
@@ -20,6 +21,8 @@ const char* kind_of_file(mode_t mode) {
 }
 
 }  // namespace
+
+void set_text_before_notes(const char* text) { before_notes = text; }
 
 void set_way_out(void (*leave)(int status)) { way_out = leave; }
 
@@ -73,7 +76,7 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 void safety_note(const char* file, const char* format, ...) {
   notes_said++;
   fflush(stdout);  // keeps the note at its place where both streams go to one terminal or log
-  fprintf(stderr, "Kestrix: ");
+  fprintf(stderr, "%sKestrix: ", before_notes);
   if (file) fprintf(stderr, "%s: ", file);
   va_list arguments;
   va_start(arguments, format);

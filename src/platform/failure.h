@@ -36,6 +36,9 @@ void close_written(FILE* file, const char* name, const char* function, const cha
 /// specified output as they are. file may be null, for a message about no file in particular.
 void safety_note(const char* file, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+/// From now on safety notes begin with this text, which must live on: what takes a line of progress off a terminal.
+void set_text_before_notes(const char* text);
+
 /// How many safety notes this process has printed.
 long safety_notes_said();
 

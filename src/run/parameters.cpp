@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include "compute/text_numbers.h"
 #include "cuda_general.h"
@@ -231,12 +233,39 @@ void take_flag(int argc, char** argv, int& i, const Option& option, Kestrix_Para
   if (i > before) note_flag_read(option.keyword, argv[i], flag);
 }
 
+// Letters to change, add, leave out or swap with their neighbour to turn one word into the other, case aside (the optimal
+// string alignment distance).
+size_t letters_apart(const std::string& a, const std::string& b) {
+  std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+  const auto same = [&](size_t i, size_t j) { return tolower(a[i - 1]) == tolower(b[j - 1]); };
+  for (size_t i = 0; i <= a.size(); i++) {
+    for (size_t j = 0; j <= b.size(); j++) {
+      d[i][j] = i == 0 ? j : i;
+      if (i == 0 || j == 0) continue;
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (same(i, j) ? 0 : 1)});
+      if (i > 1 && j > 1 && same(i, j - 1) && same(i - 1, j)) d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+// Says which known option was meant, where one is spelt alike: a third of its letters apart at the most.
+void note_nearest_option(const char* argument) {
+  const std::string word = argument + std::min(strspn(argument, "-"), size_t{2});
+  const auto apart = [&](const Option& option) { return letters_apart(word.substr(0, 64), option.keyword); };
+  const Option* nearest = std::min_element(std::begin(options), std::end(options),
+                                           [&](const Option& a, const Option& b) { return apart(a) < apart(b); });
+  if (3 * apart(*nearest) <= strlen(nearest->keyword))
+    safety_note(nullptr, "there is no option %.64s; did you mean --%s?", argument, nearest->keyword);
+}
+
 [[noreturn]] void refuse_option(const char* argument) {
   printf(
       "\x1b[41m\x1b[1m\x1b[5mCRITICAL ERROR:\x1b[min function %s(), file %s on line %d. "
       "Failed to recognize option: \x1b[41m\x1b[1m\x1b[5m%s!\x1b[m Exit now. Check your input please.\n\n",
       __func__, unit, __LINE__, argument);
   kestrix_print_valid_options();
+  note_nearest_option(argument);
   end_run(EXIT_SUCCESS);
 }
 

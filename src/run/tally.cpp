@@ -24,6 +24,22 @@ void note_no_picks(const char* mic, int n_candidates, const Kestrix_Para* para) 
   }
 }
 
+// More than any exposure of single particles shows.
+constexpr int kManyPicks = 3000;
+constexpr float kMostlyClosed = 0.5f;
+
+void note_odd_picks(const char* mic, const PickFindings* findings, const Kestrix_Para* para) {
+  if (findings->listed > kManyPicks)
+    safety_note(mic, "%d picks: is --diameter %g right, and is --cc_cutoff %g too low? --auto 1 finds a cutoff.",
+                findings->listed, static_cast<double>(para->diameter), static_cast<double>(para->cc_cutoff));
+  if (findings->closed > kMostlyClosed && !para->auto_picks && !para->robust_ice && findings->listed > 0)
+    safety_note(
+        mic,
+        "%.0f%% of its cells are closed as ice or contamination; if it is clean, widen --lave_min, --lave_max and "
+        "--lsigma_cutoff or give --robust_ice 1.",
+        100 * static_cast<double>(findings->closed));
+}
+
 }  // namespace
 
 void count_lists(PickFindings* findings, const char* candidates, const char* picks) {
@@ -47,6 +63,7 @@ void tally_micrograph(RunTally* tally, const char* mic, const PickFindings* find
                       const Kestrix_Para* para) {
   const int n_picks = findings->listed;
   if (n_picks == 0 && safety_notes_said() == notes_before) note_no_picks(mic, findings->candidates, para);
+  note_odd_picks(mic, findings, para);
   tally->picked++;
   tally->picks += n_picks;
   if (safety_notes_said() > notes_before) tally->noted++;

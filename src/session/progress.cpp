@@ -5,9 +5,12 @@
 #include <cmath>
 #include <cstdio>
 
+#include "platform/failure.h"
+
 namespace {
 
 constexpr double kSecondsBetweenLines = 5;
+constexpr char kTakeOff[] = "\r\x1b[K";  // what stands on the terminal's line
 
 double seconds(std::chrono::steady_clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -30,6 +33,7 @@ Progress::Progress(bool asked_for)
     : tells_(asked_for || isatty(STDERR_FILENO)), over_(isatty(STDERR_FILENO) && !isatty(STDOUT_FILENO)) {}
 
 Progress::~Progress() {
+  set_text_before_notes("");
   if (open_) fputc('\n', stderr);
 }
 
@@ -40,9 +44,10 @@ void Progress::tell(int done, int all, int picked, long picks, const std::string
   told_ = now;
   const double spent = seconds(now - begin_);
   const double each = picked > 0 ? spent / picked : 0;
-  fprintf(stderr, "%sKestrix: %d of %d micrographs, %ld picks", over_ ? "\r\x1b[K" : "", done, all, picks);
+  fprintf(stderr, "%sKestrix: %d of %d micrographs, %ld picks", over_ ? kTakeOff : "", done, all, picks);
   if (picked > 0) fprintf(stderr, ", %.1f per minute, %s left", 60 / each, duration_text(each * (all - done)).c_str());
   fprintf(stderr, "; last %s%s", last.c_str(), over_ ? "" : "\n");
   fflush(stderr);
   open_ = over_;
+  if (over_) set_text_before_notes(kTakeOff);
 }
