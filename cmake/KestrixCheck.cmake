@@ -1,5 +1,5 @@
-# `cmake --build build --target check` holds the arrows between rooms against CONTRIBUTING.md and runs clang-format (dry)
-# and clang-tidy over the project's own sources.
+# `cmake --build build --target check` holds the arrows between rooms against CONTRIBUTING.md, runs clang-format (dry)
+# and clang-tidy over the project's own sources, and runs the commands of the documents.
 file(GLOB_RECURSE KESTRIX_CHECKED CONFIGURE_DEPENDS
   src/*.cpp src/*.h tools/*.cpp tools/*.h tests/*.cpp tests/*.h bench/*.cpp)
 set(KESTRIX_TIDIED ${KESTRIX_CHECKED})
@@ -17,4 +17,7 @@ add_custom_target(check-tidy
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy")
 add_custom_target(check-arrows
   COMMAND ${CMAKE_SOURCE_DIR}/tools/arrows.sh --check COMMENT "arrows between rooms" VERBATIM)
-add_custom_target(check DEPENDS check-arrows check-format check-tidy)
+add_custom_target(check-documents
+  COMMAND ${CMAKE_SOURCE_DIR}/tools/check_docs.sh ${CMAKE_BINARY_DIR} COMMENT "commands of the documents" VERBATIM)
+add_dependencies(check-documents kestrix kestrix_simulate kestrix_score kestrix_lists kestrix_report)
+add_custom_target(check DEPENDS check-arrows check-format check-tidy check-documents)
