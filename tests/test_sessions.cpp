@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -176,6 +177,62 @@ TEST_F(Sessions, TakeListsAsTextAndAsStarFilesAndRefuseWhatWouldMixOutputs) {
   EXPECT_TRUE(holds(task.output, "All 1 files to be used:\n        raw/a_003.mrc\n")) << task.output;
   for (const char* wrong : {"0/2", "3/2", "1", "1/2x", "slurm"})
     EXPECT_EQ(1, session("--shard " + std::string(wrong) + " raw/a_001.mrc").status) << wrong;
+}
+
+TEST_F(Sessions, SummariesOfShardsJoinToThatOfOneRunOrAreRefused) {
+  write_file(path("raw/z 9.mrc"), "a letter to the microscopist\n");
+  const std::string micrographs = "raw/a_001.mrc\nraw/b_001.mrc\nraw/z 9.mrc\nraw/a_002.mrc\nraw/a_003.mrc\n";
+  write_file(path("list.txt"), micrographs);
+  write_file(path("other.txt"), micrographs.substr(14));
+  const auto share = [&](const std::string& shard, const std::string& summary, const std::string& rest = "") {
+    session("--micrographs list.txt --keep_going 1 --odir out --shard " + shard + " --summary " + summary + rest);
+  };
+  session("--micrographs list.txt --keep_going 1 --odir out --summary one.star");
+  for (const char* k : {"1", "2", "3"}) share(std::string(k) + "/3", "s" + std::string(k) + ".star");
+  EXPECT_TRUE(exists("kestrix_failed_3_of_3.txt") && !exists("kestrix_failed_1_of_3.txt"))
+      << "no share takes away what another has noted";
+
+  const auto without_seconds = [&](const std::string& table) {
+    return std::regex_replace(content(table), std::regex(" +[0-9.]+ (picked|finished_before|failed)\n"), " $1\n");
+  };
+  const auto join = [&](const std::string& arguments) {
+    return run_program(path("."), KESTRIX_LISTS " join_summaries --out whole.star " + arguments);
+  };
+  EXPECT_EQ(0, join("s3.star s1.star s2.star").status);
+  EXPECT_EQ(without_seconds("one.star"), without_seconds("whole.star"));
+  remove_file("whole.star");
+  EXPECT_EQ(0, join("--micrographs list.txt s3.star s1.star s2.star").status);
+  EXPECT_EQ(without_seconds("one.star"), without_seconds("whole.star"));
+  remove_file("whole.star");
+
+  // Another division of the same list takes over its tables' rows.
+  write_file(path("s2_before.star"), content("s2.star"));
+  share("2/2", "s2.star", " --do_unfinished 1");
+  share("1/2", "s1_of_2.star", " --do_unfinished 1");
+  EXPECT_EQ(0, join("s1_of_2.star s2.star").status);
+  remove_file("whole.star");
+  session("--micrographs other.txt --keep_going 1 --odir out --shard 2/3 --summary s2_other.star");
+  const std::string torn = content("s3.star");
+  write_file(path("s3_torn.star"), torn.substr(0, torn.size() - 3));
+  const std::string refused[][2] = {
+      {"s1.star s2_before.star", "shard 3/3 is missing"},
+      {"s1.star s2_before.star s3_torn.star", "has 0 rows and its shard 1 micrographs"},
+      {"s1.star s2_before.star s3.star s1.star", "are both shard 1/3"},
+      {"s1.star s2_other.star s3.star", "another list or division"},
+      {"s1.star s2.star s3.star", "another list or division"},
+      {"s1.star one.star", "tells no shard"},
+      {"--micrographs list.txt s1.star s2_before.star", "no table holds raw/z 9.mrc; finish"},
+      {"--micrographs other.txt s1.star s2_before.star s3.star", "is not in --micrographs other.txt"},
+      {"--micrographs list.txt s1.star one.star", "is in s1.star and in one.star"},
+      {"list.txt", "is no summary"},
+      {"", "which summaries"},
+  };
+  for (const auto& [arguments, words] : refused) {
+    const ProgramRun run = join(arguments);
+    EXPECT_EQ(1, run.status) << arguments;
+    EXPECT_TRUE(holds(run.errors, words)) << arguments << ": " << run.errors;
+  }
+  EXPECT_FALSE(exists("whole.star"));
 }
 
 TEST_F(Sessions, EndedBySignalsLeaveWholeListsAndRowsAndResumeToTheSame) {

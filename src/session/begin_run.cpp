@@ -6,7 +6,6 @@
 #include "platform/failure.h"
 #include "run/stage_timer.h"
 #include "session/micrograph_list.h"
-#include "session/shard.h"
 #include "str_utils.h"
 
 namespace {
@@ -24,17 +23,18 @@ void make_output_folder(const char* odir) {
 
 }  // namespace
 
-void read_run(int argc, char** argv, Run* run) {
+Shard read_run(int argc, char** argv, Run* run) {
   read_command_line(argc, argv, run);
   Kestrix_Para& para = run->para;
   para.n_files = leave_out_own_images(para.files, para.n_files, para.odir);
   // The whole list is looked through: parts of it are picked beside one another.
   const std::vector<char*> list(para.files, para.files + para.n_files);
-  if (!is_str_null(para.shard)) para.n_files = take_shard(para.files, para.n_files, para.shard);
-  if (para.check) return;
+  const Shard shard = is_str_null(para.shard) ? Shard() : take_shard(para.files, &para.n_files, para.shard);
+  if (para.check) return shard;
   report_command_line(argc, argv, run);
   check_output_names(list.data(), static_cast<int>(list.size()), para.odir);
   make_output_folder(para.odir);
+  return shard;
 }
 
 void begin_run(int argc, char** argv, Run* run) {

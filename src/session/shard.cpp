@@ -11,9 +11,7 @@ namespace {
 
 constexpr char unit[] = "shard";
 
-struct Shard {
-  int number, of;  // from 1
-};
+constexpr char kHeading[] = "# shard %d/%d of %d micrographs, list %llx";
 
 int task_number(const char* variable) {
   const char* value = getenv(variable);
@@ -29,13 +27,27 @@ Shard shard_of_slurm() {
   const int step = count > 1 ? (last - first) / (count - 1) : 1;
   if (step < 1 || first + step * (count - 1) != last)
     KESTRIX_FATAL("--shard slurm: the tasks of the array aren't evenly numbered; submit it as --array=0-%d", count - 1);
-  return {(task - first) / step + 1, count};
+  Shard shard;
+  shard.number = (task - first) / step + 1;
+  shard.of = count;
+  return shard;
 }
 
 }  // namespace
 
-int take_shard(char** files, int n, const char* text) {
-  Shard shard{};
+// FNV-1a over the names and their ends.
+unsigned long long number_of_list(const char* const* files, int n) {
+  unsigned long long hash = 14695981039346656037ULL;
+  for (int i = 0; i < n; i++)
+    for (const char* c = files[i];; c++) {
+      hash = (hash ^ static_cast<unsigned char>(*c)) * 1099511628211ULL;
+      if (*c == 0) break;
+    }
+  return hash;
+}
+
+Shard take_shard(char** files, int* n, const char* text) {
+  Shard shard;
   char rest = 0;
   if (strcasecmp(text, "slurm") == 0) {
     shard = shard_of_slurm();
@@ -44,7 +56,28 @@ int take_shard(char** files, int n, const char* text) {
   }
   if (shard.of < 1 || shard.number < 1 || shard.number > shard.of)
     KESTRIX_FATAL("--shard is %d/%d: the first number must lie between 1 and the second", shard.number, shard.of);
+  shard.listed = *n;
+  shard.list = number_of_list(files, *n);
   int left = 0;
-  for (int i = shard.number - 1; i < n; i += shard.of) files[left++] = files[i];
-  return left;
+  for (int i = shard.number - 1; i < shard.listed; i += shard.of) files[left++] = files[i];
+  *n = left;
+  return shard;
+}
+
+int micrographs_of(const Shard& shard) {
+  return shard.of > 0 && shard.number <= shard.listed ? (shard.listed - shard.number) / shard.of + 1 : 0;
+}
+
+std::string shard_heading(const Shard& shard) {
+  if (shard.of == 0) return "";
+  char line[128];
+  snprintf(line, sizeof line, kHeading, shard.number, shard.of, shard.listed, shard.list);
+  return std::string(line) + "\n";
+}
+
+Shard read_shard_heading(const std::string& line) {
+  Shard shard;
+  const int read = sscanf(line.c_str(), kHeading, &shard.number, &shard.of, &shard.listed, &shard.list);
+  const bool valid = read == 4 && shard.number >= 1 && shard.number <= shard.of && shard.listed >= 0;
+  return valid ? shard : Shard();
 }

@@ -43,11 +43,29 @@ std::string summary_line(const SummaryRow& row) {
   return star_word(row.micrograph) + numbers + kStates[row.state] + "\n";
 }
 
-Summary::Summary(const std::string& file, bool resumes) : name_(file) {
+std::string summary_head(const std::string& heading) { return heading + kHead; }
+
+SummaryTable read_summary_table(const std::string& file) {
+  SummaryTable table;
+  std::ifstream text(file);
+  for (std::string line; std::getline(text, line);) {
+    if (!table.valid && table.heading.empty() && line[0] == '#') table.heading = line + "\n";
+    table.valid = table.valid || line == kBlock;
+    const bool whole = !text.eof();  // the last line ends with a line feed
+    const bool is_row = table.valid && whole && !line.empty() && line[0] != '_' && line != kBlock && line != "loop_";
+    if (!is_row) continue;
+    const std::string name = first_word(line);
+    if (table.lines.count(name) == 0) table.names.push_back(name);
+    table.lines[name] = line + "\n";
+  }
+  return table;
+}
+
+Summary::Summary(const std::string& file, bool resumes, const std::string& heading) : name_(file), heading_(heading) {
   if (name_.empty()) return;
   if (resumes) take_earlier_rows();
   std::vector<std::string> lines;
-  for (const std::string& name : names_) lines.push_back(lines_[name]);
+  for (const std::string& name : table_.names) lines.push_back(table_.lines[name]);
   write_whole(lines);
 }
 
@@ -56,19 +74,10 @@ Summary::~Summary() {
 }
 
 void Summary::take_earlier_rows() {
-  std::ifstream earlier(name_);
-  if (!earlier) return;
-  bool is_table = false;
-  for (std::string line; std::getline(earlier, line);) {
-    is_table = is_table || line == kBlock;
-    const bool whole = !earlier.eof();  // the last line ends with a line feed
-    const bool is_row = is_table && whole && !line.empty() && line[0] != '_' && line != kBlock && line != "loop_";
-    if (!is_row) continue;
-    const std::string name = first_word(line);
-    if (lines_.count(name) == 0) names_.push_back(name);
-    lines_[name] = line + "\n";
-  }
-  if (!is_table)
+  if (access(name_.c_str(), R_OK) != 0) return;
+  table_ = read_summary_table(name_);
+  keeps_others_ = table_.heading == heading_;
+  if (!table_.valid)
     KESTRIX_FATAL("--summary %s is there and is no summary; give another name or remove it", name_.c_str());
 }
 
@@ -76,7 +85,7 @@ void Summary::take_earlier_rows() {
 void Summary::write_whole(const std::vector<std::string>& lines) {
   if (file_ >= 0) close(file_);
   FILE* table = KESTRIX_OUTPUT_OPEN(name_.c_str());
-  fputs(kHead, table);
+  fputs(summary_head(heading_).c_str(), table);
   for (const std::string& line : lines) fputs(line.c_str(), table);
   KESTRIX_OUTPUT_CLOSE(table);
   file_ = open(name_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
@@ -95,11 +104,11 @@ void Summary::append(const std::string& line) {
 void Summary::add(const SummaryRow& row) {
   if (name_.empty()) return;
   const std::string line = summary_line(row), name = first_word(line);
-  const auto earlier = lines_.find(name);
-  const bool is_new = earlier == lines_.end();
+  const auto earlier = table_.lines.find(name);
+  const bool is_new = earlier == table_.lines.end();
   if (!is_new && row.state == kRowFinishedBefore && !ends_with(earlier->second, " failed\n")) return;
-  if (is_new) names_.push_back(name);
-  lines_[name] = line;
+  if (is_new) table_.names.push_back(name);
+  table_.lines[name] = line;
   append(line);
 }
 
@@ -107,12 +116,12 @@ void Summary::finish(const std::vector<std::string>& micrographs) {
   if (name_.empty()) return;
   std::vector<std::string> lines;
   for (const std::string& micrograph : micrographs) {
-    const auto found = lines_.find(star_word(micrograph));
-    if (found == lines_.end()) continue;
+    const auto found = table_.lines.find(star_word(micrograph));
+    if (found == table_.lines.end()) continue;
     lines.push_back(found->second);
-    lines_.erase(found);
+    table_.lines.erase(found);
   }
-  for (const std::string& name : names_)  // of micrographs that are no longer in the list
-    if (lines_.count(name) > 0) lines.push_back(lines_[name]);
+  for (const std::string& name : table_.names)  // of micrographs that are no longer in the list
+    if (keeps_others_ && table_.lines.count(name) > 0) lines.push_back(table_.lines[name]);
   write_whole(lines);
 }

@@ -17,5 +17,8 @@ int run_draw(int argc, char** argv);
 /// Counts picks, and shows the histogram of their scores as text.
 int run_info(int argc, char** argv);
 
+/// Makes of the summaries of shards that of one run over their whole list.
+int run_join_summaries(int argc, char** argv);
+
 /// Copies an MRC file without its extended header.
 int run_strip(int argc, char** argv);

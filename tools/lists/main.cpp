@@ -20,12 +20,13 @@ constexpr Command kCommands[] = {
     {"split", run_split, "turn a particle table into one list for each micrograph"},
     {"draw", run_draw, "draw a micrograph with its lists, a PNG file"},
     {"info", run_info, "count picks and show the histogram of their scores"},
+    {"join_summaries", run_join_summaries, "make of the summaries of shards that of one run"},
     {"strip", run_strip, "copy an MRC file without its extended header"},
 };
 
 void print_commands() {
   printf("Usage: kestrix_lists COMMAND [options] ...\n\n");
-  for (const Command& command : kCommands) printf("  %-8s %s\n", command.name, command.purpose);
+  for (const Command& command : kCommands) printf("  %-14s %s\n", command.name, command.purpose);
   printf("\nkestrix_lists COMMAND --help tells its options.\n");
 }
 

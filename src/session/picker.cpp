@@ -1,0 +1,72 @@
+#include "session/picker.h"
+
+#include <chrono>
+
+#include "run/stage_timer.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+RunTally difference(const RunTally& a, const RunTally& b) {
+  return {a.picked - b.picked, a.skipped - b.skipped, a.noted - b.noted, a.picks - b.picks};
+}
+
+}  // namespace
+
+std::string problem_of_micrograph(const std::string& name, const Kestrix_Para& para, ImageFacts* facts) {
+  *facts = look_at_mrc(name.c_str());
+  if (!facts->problem.empty()) return facts->problem;
+  if (para.extract_raw && !facts->exact) return "isn't as long as its header says, so that particles can't be cut out";
+  return "";
+}
+
+Taken failed_micrograph(const std::string& name, const std::string& problem) {
+  return {{name, kRowFailed, {}, 0}, problem, {}};
+}
+
+void Picker::prepare_for_list() {
+  prepare_run(run_);
+  prepared_ = true;
+  time_pop("PREPARATION");
+}
+
+std::string Picker::look_at(const std::string& name) {
+  if (!asked_.keep_going) return "";
+  ImageFacts facts;
+  const std::string problem = problem_of_micrograph(name, asked_, &facts);
+  if (problem.empty() && prepared_ && !mrc_head_is_like(&run_->first_head, &facts.head)) unprepare();
+  return problem;
+}
+
+void Picker::unprepare() {
+  if (!prepared_) return;
+  release_run(run_);
+  prepared_ = false;
+  time_push();
+}
+
+void Picker::prepare_for(const std::string& name) {
+  if (prepared_) return;
+  run_->para = asked_;
+  run_->para.files[0] = const_cast<char*>(name.c_str());
+  run_->para.n_files = 1;
+  prepare_for_list();
+}
+
+Taken Picker::pick(const std::string& name) {
+  const RunTally before = run_->tally;
+  const Clock::time_point begin = Clock::now();
+  const bool picked = pick_micrograph(run_, name.c_str()) == kPicked;
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  return {{name, picked ? kRowPicked : kRowFinishedBefore, run_->findings, picked ? seconds : 0},
+          "",
+          difference(run_->tally, before)};
+}
+
+Taken Picker::take(const std::string& name) {
+  const std::string problem = look_at(name);
+  if (!problem.empty()) return failed_micrograph(name, problem);
+  prepare_for(name);
+  return pick(name);
+}
