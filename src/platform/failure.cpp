@@ -24,6 +24,8 @@ const char* kind_of_file(mode_t mode) {
 
 void set_text_before_notes(const char* text) { before_notes = text; }
 
+const char* text_before_notes() { return before_notes; }
+
 void set_way_out(void (*leave)(int status)) { way_out = leave; }
 
 void end_run(int status) {

@@ -38,6 +38,7 @@ void safety_note(const char* file, const char* format, ...) __attribute__((forma
 
 /// From now on safety notes begin with this text, which must live on: what takes a line of progress off a terminal.
 void set_text_before_notes(const char* text);
+const char* text_before_notes();
 
 /// How many safety notes this process has printed.
 long safety_notes_said();

@@ -1,28 +1,17 @@
 // The program kestrix: the run, from the command line to the last micrograph.
-#include <cstdio>
-
 #include "run/parameters.h"
-#include "run/reports.h"
 #include "run/stage_timer.h"
 #include "session/command_line.h"
 #include "session/devices.h"
+#include "session/front_end.h"
 #include "session/session.h"
 #include "session/signals.h"
-#include "str_utils.h"
 
 int main(int argc, char** argv) {
   time_push();
   time_push();
-  if (argc < 2) {
-    kestrix_help(argv[0]);
-    return 0;
-  }
-  if (is_keywd_help(argv[1])) {
-    kestrix_help_full(argv[0]);
-    return 0;
-  }
-  if (keywd_cmp(argv[1], "help_more")) {
-    kestrix_help_more();
+  if (asks_for_help(argc, argv)) {
+    put_help(argc, argv);
     return 0;
   }
   end_cleanly_on_signals();
@@ -32,11 +21,6 @@ int main(int argc, char** argv) {
   const SessionEnd end = on_several ? SessionEnd{pick_on_devices(line.argc(), line.argv(), device), 0}
                                     : pick_session(line.argc(), line.argv());
   if (end.finished < 0) return end.status;
-  put_rule('#', 129, stdout);
-  printf("All %d files finished successfully:\n", end.finished);
-  time_pop("TOTAL");
-  put_rule('#', 129, stdout);
-  printf("\n");
-  kestrix_put_one_random_tip();
+  put_end(end.finished);
   return end.status;
 }

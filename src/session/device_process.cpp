@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <omp.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -12,14 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <map>
 #include <vector>
 
 #include "platform/failure.h"
-#include "run/output_names.h"
 #include "session/begin_run.h"
-#include "str_utils.h"
+#include "session/micrograph_list.h"
 
 namespace {
 
@@ -27,13 +23,6 @@ constexpr char unit[] = "devices";
 
 [[noreturn]] void fail_to_start(const char* what) {
   KESTRIX_FATAL("a process for a device can't be started: %s: %s", what, strerror(errno));
-}
-
-// A file in memory, to the end of which everything is written.
-Descriptor stream_file(const char* name) {
-  const int file = memfd_create(name, MFD_CLOEXEC);
-  if (file < 0 || fcntl(file, F_SETFL, O_APPEND) != 0) fail_to_start("memfd_create");
-  return Descriptor(file);
 }
 
 // --- In the process ---
@@ -53,7 +42,7 @@ void tell(const DeviceProcess& process, int notes, NoteKind kind, int micrograph
   Note note{kind, micrograph, run.para.n_files, run.tally, 0, 0};
   if (kind == kBegun) return write_all(notes, &note, sizeof note);
   fflush(stdout);
-  const std::string out = unsent(process.out), err = unsent(process.err);
+  const std::string out = text_in(process.out), err = text_in(process.err);
   note.out = out.size();
   note.err = err.size();
   write_all(notes, &note, sizeof note);
@@ -62,34 +51,13 @@ void tell(const DeviceProcess& process, int notes, NoteKind kind, int micrograph
   if (ftruncate(process.out.number(), 0) != 0 || ftruncate(process.err.number(), 0) != 0) _exit(EXIT_FAILURE);
 }
 
-// Micrographs whose outputs have the same names, in the order of the list: one process takes them, one after the other.
-std::vector<std::vector<int>> groups_by_outputs(const Kestrix_Para& para) {
-  std::map<std::string, std::string> folders;  // as written, and as they are
-  std::map<std::string, size_t> group_of;
-  std::vector<std::vector<int>> groups;
-  for (int i = 0; i < para.n_files; i++) {
-    char out[kTextBytes], stem[kTextBytes];
-    set_output_name(out, para.files[i], &para);
-    set_outname_by_suffix(stem, out, "");
-    const std::filesystem::path path(stem);
-    const std::string written = path.has_parent_path() ? path.parent_path().string() : ".";
-    std::string& folder = folders[written];
-    std::error_code unknown;
-    if (folder.empty()) folder = std::filesystem::weakly_canonical(written, unknown).string();
-    const auto found = group_of.emplace(folder + "/" + path.filename().string(), groups.size());
-    if (found.second) groups.emplace_back();
-    groups[found.first->second].push_back(i);
-  }
-  return groups;
-}
-
 // The cores, unless the user has said how many, are shared out.
 void take_share_of_cores(int processes) {
   if (!getenv("OMP_NUM_THREADS")) omp_set_num_threads(std::max(1, omp_get_num_procs() / processes));
 }
 
 void pick_shared(Run* run, const DeviceProcess& process, int notes, Counter* next) {
-  const std::vector<std::vector<int>> groups = groups_by_outputs(run->para);
+  const std::vector<std::vector<int>> groups = groups_by_outputs(run->para.files, run->para.n_files, run->para.odir);
   for (int g = (*next)++; g < static_cast<int>(groups.size()); g = (*next)++) {
     for (const int i : groups[static_cast<size_t>(g)]) {
       tell(process, notes, kBegun, i, *run);
@@ -116,26 +84,15 @@ void pick_shared(Run* run, const DeviceProcess& process, int notes, Counter* nex
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-  if (number_ >= 0) close(number_);
-}
-
 Pipe new_pipe() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) fail_to_start("pipe");
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-std::string unsent(const Descriptor& file) {
-  std::string text(static_cast<size_t>(std::max<off_t>(0, lseek(file.number(), 0, SEEK_END))), '\0');
-  const ssize_t bytes = pread(file.number(), &text[0], text.size(), 0);
-  text.resize(static_cast<size_t>(std::max<ssize_t>(0, bytes)));
-  return text;
-}
-
 DeviceProcess start_device_process(const DeviceWork& work, int device, int go, Counter* next) {
   Pipe notes = new_pipe();
-  DeviceProcess process{device, 0, std::move(notes.from), stream_file("stdout"), stream_file("stderr")};
+  DeviceProcess process{device, 0, std::move(notes.from), memory_file("stdout"), memory_file("stderr")};
   fflush(nullptr);
   const pid_t parent = getpid();
   process.pid = fork();

@@ -5,25 +5,9 @@
 
 #include <atomic>
 #include <string>
-#include <utility>
 
 #include "run/tally.h"
-
-/// An open file, closed at the end of its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int number = -1) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(number_, other.number_);
-    return *this;
-  }
-  ~Descriptor();
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
+#include "session/streams.h"
 
 /// What a process tells: that it is ready, that it begins a micrograph, that it has finished one.
 enum NoteKind { kReady, kBegun, kFinished };
@@ -67,6 +51,3 @@ struct Pipe {
 
 /// Ends the run if there is none to be had.
 Pipe new_pipe();
-
-/// All that lies in a file that takes a stream.
-std::string unsent(const Descriptor& file);

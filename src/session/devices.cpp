@@ -100,17 +100,6 @@ class SharedCounter {
   Counter* counter_;
 };
 
-// What a process has printed on the two streams.
-struct Printed {
-  std::string out, err;
-};
-
-void print(const Printed& printed) {
-  fwrite(printed.out.data(), 1, printed.out.size(), stdout);
-  fflush(stdout);
-  fwrite(printed.err.data(), 1, printed.err.size(), stderr);
-}
-
 struct Member {
   DeviceProcess process;
   std::string inbox;    // bytes of notes that are not complete
@@ -235,7 +224,7 @@ class Session {
 
   [[noreturn]] void end_as(const Member& member) const {
     if (!begun_) print(member.preparation);
-    print({unsent(member.process.out), unsent(member.process.err)});
+    print({text_in(member.process.out), text_in(member.process.err)});
     const int device = member.process.device;
     if (WIFSIGNALED(member.status)) {
       const int signal = WTERMSIG(member.status);

@@ -87,3 +87,20 @@ void check_output_names(const char* const* files, int n, const char* odir) {
     safety_note(nullptr, "%s: in the list more than once; picked anew each time.",
                 with_more(repeated, times - 1).c_str());
 }
+
+std::vector<std::vector<int>> groups_by_outputs(const char* const* files, int n, const char* odir) {
+  std::unordered_map<std::string, std::string> folders;  // as written, and as they are
+  std::unordered_map<std::string, size_t> group_of;
+  std::vector<std::vector<int>> groups;
+  for (int i = 0; i < n; i++) {
+    const std::filesystem::path stem(output_stem(files[i], odir));
+    const std::string written = stem.has_parent_path() ? stem.parent_path().string() : ".";
+    std::string& folder = folders[written];
+    std::error_code unknown;
+    if (folder.empty()) folder = std::filesystem::weakly_canonical(written, unknown).string();
+    const auto found = group_of.emplace(folder + "/" + stem.filename().string(), groups.size());
+    if (found.second) groups.emplace_back();
+    groups[found.first->second].push_back(i);
+  }
+  return groups;
+}

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 /// Takes out of the n names those of images that this program writes (NAME_bgfree.mrc, ...) beside a micrograph NAME.mrc
 /// or NAME.mrcs that is in the list too: a pattern such as *.mrc finds both. Says on standard error how many. Returns how
@@ -18,3 +19,7 @@ void check_output_names(const char* const* files, int n, const char* odir);
 
 /// What all outputs of a micrograph begin with, the same for every way to write a path: a/./b.mrc gives a/b.
 std::string output_stem(const char* file, const char* odir);
+
+/// Positions of the micrographs whose outputs have the same names, each such group in the order of the list, the groups in
+/// that of their first: one process takes them, one after the other.
+std::vector<std::vector<int>> groups_by_outputs(const char* const* files, int n, const char* odir);

@@ -31,11 +31,10 @@ void Picker::prepare_for_list() {
   time_pop("PREPARATION");
 }
 
-std::string Picker::look_at(const std::string& name) {
+std::string Picker::look_at(const std::string& name, ImageFacts* facts) {
   if (!asked_.keep_going) return "";
-  ImageFacts facts;
-  const std::string problem = problem_of_micrograph(name, asked_, &facts);
-  if (problem.empty() && prepared_ && !mrc_head_is_like(&run_->first_head, &facts.head)) unprepare();
+  const std::string problem = problem_of_micrograph(name, asked_, facts);
+  if (problem.empty() && prepared_ && !mrc_head_is_like(&run_->first_head, &facts->head)) unprepare();
   return problem;
 }
 
@@ -65,7 +64,8 @@ Taken Picker::pick(const std::string& name) {
 }
 
 Taken Picker::take(const std::string& name) {
-  const std::string problem = look_at(name);
+  ImageFacts facts;
+  const std::string problem = look_at(name, &facts);
   if (!problem.empty()) return failed_micrograph(name, problem);
   prepare_for(name);
   return pick(name);

@@ -23,8 +23,8 @@ class Picker {
   void prepare_for_list();
 
   /// Looks at a micrograph that is to be picked next: whether there is something wrong with it, where the run is to keep
-  /// going past such ones. Without that nothing is looked at.
-  std::string look_at(const std::string& name);
+  /// going past such ones. Without that nothing is looked at. facts: what was seen.
+  std::string look_at(const std::string& name, ImageFacts* facts);
 
   /// Whether the preparation at hand, if any, is for micrographs of the last one's size.
   bool is_prepared() const { return prepared_; }

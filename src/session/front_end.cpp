@@ -1,0 +1,31 @@
+#include "session/front_end.h"
+
+#include <cstdio>
+
+#include "run/parameters.h"
+#include "run/reports.h"
+#include "run/stage_timer.h"
+#include "str_utils.h"
+
+bool asks_for_help(int argc, char** argv) {
+  return argc < 2 || is_keywd_help(argv[1]) || keywd_cmp(argv[1], "help_more");
+}
+
+void put_help(int argc, char** argv) {
+  if (argc < 2) {
+    kestrix_help(argv[0]);
+  } else if (is_keywd_help(argv[1])) {
+    kestrix_help_full(argv[0]);
+  } else {
+    kestrix_help_more();
+  }
+}
+
+void put_end(int finished) {
+  put_rule('#', 129, stdout);
+  printf("All %d files finished successfully:\n", finished);
+  time_pop("TOTAL");
+  put_rule('#', 129, stdout);
+  printf("\n");
+  kestrix_put_one_random_tip();
+}
