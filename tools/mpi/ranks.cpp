@@ -49,7 +49,9 @@ std::string library_name() {
   char text[MPI_MAX_LIBRARY_VERSION_STRING];
   int length = 0;
   MPI_Get_library_version(text, &length);
-  return std::string(text, std::min(static_cast<size_t>(length), strcspn(text, ",\n")));
+  std::string name(text, std::min(static_cast<size_t>(length), strcspn(text, ",\n")));
+  std::replace(name.begin(), name.end(), '\t', ' ');
+  return name;
 }
 
 // All processes of a wrong launcher are rank 0 of their own run: one speaks, and the others leave with 0, since the first to
