@@ -7,7 +7,7 @@ set -eu
 cd "$(dirname "$0")"
 jobs=$(nproc)
 
-tools/install_packages.sh build test
+tools/install_packages.sh build test mpi
 
 run_preset() {
   echo "== $1: configure and build"

@@ -11,6 +11,8 @@ build=$(cd "${1:-build}" && pwd) || exit 1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export PATH=$build:$PATH SLURM_ARRAY_TASK_ID=1 SLURM_ARRAY_TASK_MIN=0 SLURM_ARRAY_TASK_MAX=1 SLURM_ARRAY_TASK_COUNT=2
+# For mpirun where a container's root calls it on few cores.
+export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMPI_MCA_rmaps_base_oversubscribe=1
 failed=0 ran=0 skipped=0
 
 # commands FILE: one a line, continued lines joined, comments and prompts left out
@@ -19,13 +21,14 @@ commands() {
        !inside { next }
        { line = held $0; held = "" }
        line ~ /\\$/ { sub(/\\$/, "", line); held = line; next }
-       line ~ /^ *(kestrix|relion_|awk |mkdir |gpu_probe)/ { print line }' "$1"
+       line ~ /^ *(kestrix|relion_|awk |mkdir |gpu_probe|mpirun )/ { print line }' "$1"
 }
 
 # try COMMAND: runs it in the folder
 try() {
   local program status
   program=$(awk '{ print $1 }' <<<"$1")
+  [ "$program" != mpirun ] || ! command -v mpirun >/dev/null || program=kestrix_mpi
   if ! command -v "$program" >/dev/null; then
     printf 'skipped, %s is not installed: %s\n' "$program" "$1"
     skipped=$((skipped + 1))
@@ -63,7 +66,7 @@ Micrographs/mic_002.mrc 1
 STAR
 }
 
-for document in README.md docs/user-guide.md docs/simulate.md; do
+for document in README.md docs/user-guide.md docs/simulate.md docs/clusters.md; do
   echo "== $document"
   while IFS= read -r command; do
     [ -e "$work/averages.mrcs" ] || [ ! -e "$work/Micrographs/mic_001_quorlin.box" ] || bring_along
