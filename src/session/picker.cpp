@@ -33,7 +33,7 @@ void Picker::prepare_for_list() {
 
 std::string Picker::look_at(const std::string& name, ImageFacts* facts) {
   if (!asked_.keep_going) return "";
-  const std::string problem = problem_of_micrograph(name, asked_, facts);
+  std::string problem = problem_of_micrograph(name, asked_, facts);
   if (problem.empty() && prepared_ && !mrc_head_is_like(&run_->first_head, &facts->head)) unprepare();
   return problem;
 }

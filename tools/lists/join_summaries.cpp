@@ -120,6 +120,7 @@ unsigned long long number_of_rows(const std::vector<std::string>& names) {
     given.emplace_back(words.at(0));
   }
   std::vector<const char*> texts;
+  texts.reserve(given.size());
   for (const std::string& name : given) texts.push_back(name.c_str());
   return number_of_list(texts.data(), static_cast<int>(texts.size()));
 }
