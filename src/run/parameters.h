@@ -67,6 +67,8 @@ struct Kestrix_Para {
   char* first_file;           // first readable micrograph, set by main
   int skip_empty_templates;   // leave out templates that are zero everywhere
   float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
+  int any_format;             // read images by what they are, not as plain MRC files only
+  int signed_bytes;           // bytes of MRC files: as ImageOptions has it
   // Whole sessions of micrographs:
   char* micrographs;  // list of micrographs to add to those of the command line, or "NULL"
   char* odir;         // folder of all outputs, or "NULL": beside each micrograph

@@ -9,9 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "platform/failure.h"
 #include "platform/outputs.h"
+#include "run/micrograph_image.h"
 #include "run/stage_timer.h"
 #include "session/begin_run.h"
 #include "session/check.h"
@@ -57,7 +58,7 @@ class Session {
   }
 
   SessionEnd watch() {
-    Watch watch(watched_folders(), text_of(asked_.micrographs));
+    Watch watch(watched_folders(), text_of(asked_.micrographs), image_options(&asked_));
     for (const std::string& name : names_)
       if (!std::filesystem::is_directory(name)) watch.look_at(name);
     for (const std::string& folder : stop_folders()) unlink((folder + "/" + kStopFile).c_str());
@@ -112,16 +113,17 @@ class Session {
 
   // One micrograph that the session has come to.
   void take(const std::string& name) {
+    const Clock::time_point begin = Clock::now();
+    std::unique_ptr<ImageFile> image;
     if (asked_.keep_going) {
-      const ImageFacts facts = look_at_mrc(name.c_str());
+      const ImageFacts facts = look_at_image(name.c_str(), image_options(&asked_), true, &image);
       if (!facts.problem.empty()) return fail(name, facts.problem);
       if (asked_.extract_raw && !facts.exact)
         return fail(name, "isn't as long as its header says, so that particles can't be cut out");
-      if (prepared_ && !mrc_head_is_like(&run_->first_head, &facts.head)) unprepare();
+      if (prepared_ && !fits_run(run_, facts.head)) unprepare();
     }
     if (!prepared_) prepare_for(name);
-    const Clock::time_point begin = Clock::now();
-    const PickState state = pick_micrograph(run_, name.c_str());
+    const PickState state = pick_micrograph(run_, name.c_str(), std::move(image));
     picked_ += state == kPicked;
     picks_ += run_->findings.listed;
     summary_.add({name, state == kPicked ? kRowPicked : kRowFinishedBefore, run_->findings,
@@ -153,7 +155,7 @@ class Session {
   }
 
   void tell_incomplete(const std::string& name) {
-    const std::string problem = look_at_mrc(name.c_str()).problem;
+    const std::string problem = look_at_image(name.c_str(), image_options(&asked_), true).problem;
     const std::string text = problem.empty() ? "was still being written when the session ended" : problem;
     if (asked_.keep_going && !stopped_) {
       names_.push_back(name);

@@ -6,6 +6,7 @@
 
 #include "common/options.h"
 #include "common/star_reader.h"
+#include "formats/image_file.h"
 #include "str_utils.h"
 
 namespace {
@@ -64,7 +65,8 @@ std::string list_base(const std::string& name, const ListPlace& place) {
   std::string base = name;
   for (const std::string& ending : list_endings(place))
     if (ends_in(name, ending)) return name.substr(0, name.size() - ending.size());
-  base.resize(base.size() - static_cast<size_t>(get_micrograph_suffixn(name.c_str())));
+  base = plain_image_name(name);
+  base.resize(base.size() - static_cast<size_t>(get_micrograph_suffixn(base.c_str())));
   if (place.odir.empty()) return base;
   return (std::filesystem::path(place.odir) / std::filesystem::path(base).filename()).string();
 }
@@ -73,8 +75,9 @@ std::string micrograph_of(const std::string& name, const ListPlace& place) {
   for (const std::string& ending : list_endings(place)) {
     if (!ends_in(name, ending)) continue;
     const std::string base = name.substr(0, name.size() - ending.size());
-    return std::filesystem::exists(base + ".mrcs") && !std::filesystem::exists(base + ".mrc") ? base + ".mrcs"
-                                                                                              : base + ".mrc";
+    for (const char* image : {".mrc", ".mrcs", ".tif", ".tiff", ".mrc.gz", ".mrc.bz2", ".mrc.xz"})
+      if (std::filesystem::exists(base + image)) return base + image;
+    return base + ".mrc";
   }
   return name;
 }
