@@ -156,26 +156,29 @@ class XzDecoder : public Decoder {
 
 }  // namespace
 
-std::unique_ptr<Decoder> new_gzip_decoder() {
 #ifdef KESTRIX_HAS_ZLIB
-  return std::make_unique<GzipDecoder>();
+std::unique_ptr<Decoder> new_gzip_decoder() { return std::make_unique<GzipDecoder>(); }
+std::string gzip_library() { return std::string("zlib ") + zlibVersion(); }
 #else
-  return nullptr;
+std::unique_ptr<Decoder> new_gzip_decoder() { return nullptr; }
+std::string gzip_library() { return {}; }
 #endif
-}
 
-std::unique_ptr<Decoder> new_bzip2_decoder() {
 #ifdef KESTRIX_HAS_BZIP2
-  return std::make_unique<Bzip2Decoder>();
-#else
-  return nullptr;
-#endif
+std::unique_ptr<Decoder> new_bzip2_decoder() { return std::make_unique<Bzip2Decoder>(); }
+std::string bzip2_library() {
+  const std::string version = BZ2_bzlibVersion();  // and a date behind a comma
+  return "bzip2 " + version.substr(0, version.find(','));
 }
+#else
+std::unique_ptr<Decoder> new_bzip2_decoder() { return nullptr; }
+std::string bzip2_library() { return {}; }
+#endif
 
-std::unique_ptr<Decoder> new_xz_decoder() {
 #ifdef KESTRIX_HAS_LZMA
-  return std::make_unique<XzDecoder>();
+std::unique_ptr<Decoder> new_xz_decoder() { return std::make_unique<XzDecoder>(); }
+std::string xz_library() { return std::string("liblzma ") + lzma_version_string(); }
 #else
-  return nullptr;
+std::unique_ptr<Decoder> new_xz_decoder() { return nullptr; }
+std::string xz_library() { return {}; }
 #endif
-}

@@ -42,3 +42,8 @@ class Decoder {
 std::unique_ptr<Decoder> new_gzip_decoder();
 std::unique_ptr<Decoder> new_bzip2_decoder();
 std::unique_ptr<Decoder> new_xz_decoder();
+
+/// Name and version of the library; empty where there is none.
+std::string gzip_library();
+std::string bzip2_library();
+std::string xz_library();

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "formats/decoders.h"
 #include "formats/image_kinds.h"
 
 namespace {
@@ -109,6 +110,13 @@ std::string problem_of_section(const ImageFile& image) {
 float pixel_size_of(const MRC_HEAD& head) {
   const float size = head.xlen / static_cast<float>(head.mx);
   return head.mx > 0 && std::isfinite(size) && size > 0 ? size : 0;
+}
+
+std::string image_libraries() {
+  std::string all;
+  for (const std::string& library : {gzip_library(), bzip2_library(), xz_library(), tiff_library()})
+    if (!library.empty()) all += (all.empty() ? "" : ", ") + library;
+  return all.empty() ? "none" : all;
 }
 
 std::string plain_image_name(const std::string& name) {

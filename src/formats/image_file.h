@@ -73,6 +73,9 @@ std::string missing_rows_text(const MRC_HEAD& head, unsigned long missing);
 /// Pixel size by the header, Å; 0 where it tells none.
 float pixel_size_of(const MRC_HEAD& head);
 
+/// The libraries that this build reads images with, and their versions: "zlib 1.2.13, ..."; "none" without any.
+std::string image_libraries();
+
 /// Which image a name would have as a plain MRC file: a.mrc for a.mrc.gz, a.tif and a.mrc itself. Its outputs are named
 /// from that.
 std::string plain_image_name(const std::string& name);

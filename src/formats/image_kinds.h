@@ -12,3 +12,6 @@ bool is_tiff(const unsigned char* first, size_t n);
 
 /// A TIFF file. Fails as open_image.
 std::unique_ptr<ImageFile> open_tiff_image(std::unique_ptr<ByteSource> bytes, std::string* problem);
+
+/// Name and version of the library that reads TIFF; empty where there is none.
+std::string tiff_library();

@@ -17,6 +17,8 @@ std::unique_ptr<ImageFile> open_tiff_image(std::unique_ptr<ByteSource>, std::str
   return nullptr;
 }
 
+std::string tiff_library() { return {}; }
+
 #else
 
 #include <tiffio.h>
@@ -292,6 +294,13 @@ int count_pages(TIFF* tiff, const Page& first) {
 }
 
 }  // namespace
+
+std::string tiff_library() {
+  // "LIBTIFF, Version 4.5.0", and lines of copyright
+  const std::string text = TIFFGetVersion();
+  const size_t number = text.find_first_of("0123456789");
+  return "libtiff " + text.substr(number, text.find('\n') - number);
+}
 
 std::unique_ptr<ImageFile> open_tiff_image(std::unique_ptr<ByteSource> bytes, std::string* problem) {
   take_over_messages();

@@ -4,6 +4,7 @@
 #include "run/parameters.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
+#include "run/version.h"
 #include "session/command_line.h"
 #include "session/devices.h"
 #include "session/session.h"
@@ -23,6 +24,14 @@ int main(int argc, char** argv) {
   }
   if (keywd_cmp(argv[1], "help_more")) {
     kestrix_help_more();
+    return 0;
+  }
+  if (asks_for_version(argv[1])) {
+    put_version("kestrix");
+    return 0;
+  }
+  if (keywd_cmp(argv[1], "list_options")) {
+    put_option_table();
     return 0;
   }
   end_cleanly_on_signals();

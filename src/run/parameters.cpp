@@ -404,7 +404,21 @@ void refuse_own_lists(const Kestrix_Para* para) {
                   suffix, rejected ? ", or give --detect_ice 0" : "");
 }
 
+const char* kind_of_value(const Option& option) {
+  const std::string argument = option.help.word ? option.help.argument : "";
+  if (option.kind == FLAG) return "flag";
+  if (!option.field.text) return "number";
+  if (argument == "FOLDER") return "folder";
+  const bool is_file = option.field.text == &P::T || option.field.text == &P::global_excluded_box || argument == "FILE";
+  return is_file ? "file" : "text";
+}
+
 }  // namespace
+
+void put_option_table() {
+  for (const Option& option : options) printf("--%s %s\n", option.keyword, kind_of_value(option));
+  for (const char* word : {"help", "help_more", "version"}) printf("--%s flag\n", word);
+}
 
 OwnOption own_option(int index) {
   for (const Option& option : options)

@@ -99,6 +99,10 @@ struct OwnOption {
 /// The options that the short help doesn't list, from 0 on, those of a group side by side; all null past the last.
 OwnOption own_option(int index);
 
+/// Prints every option on standard output, a line each: --WORD and what follows it (flag, number, text, file, folder), for
+/// the shell's completion and for checks of the documents.
+void put_option_table();
+
 /// Allocates files for argc names and the text buffers, and sets every default. Values that depend on others
 /// are 0 until kestrix_get_parameters. Ends the run if memory is short. Free by kestrix_free_parameters.
 void kestrix_init_parameters(int argc, Kestrix_Para* para);

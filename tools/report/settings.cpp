@@ -19,11 +19,11 @@ bool settings_from_arguments(int argc, char** argv, ReportSettings* s) {
   const Option options[] = {
       {"apixM", OptionKind::real, &s->apixM, 0, 1e6, "none", "pixel size of the micrographs, Å"},
       {"diameter", OptionKind::real, &s->diameter, 0, 1e6, "none", "of the particle, Å"},
-      {"micrographs", OptionKind::text, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
-      {"summary", OptionKind::text, &s->summary, 0, 0, "none", "the same from a session's summary"},
+      {"micrographs", OptionKind::file, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
+      {"summary", OptionKind::file, &s->summary, 0, 0, "none", "the same from a session's summary"},
       {"list", OptionKind::text, &s->list, 0, 0, nullptr, "suffix of the lists"},
-      {"odir", OptionKind::text, &s->odir, 0, 0, "beside", "folder of the lists and maps"},
-      {"out", OptionKind::text, &s->out, 0, 0, nullptr, "folder to write"},
+      {"odir", OptionKind::folder, &s->odir, 0, 0, "beside", "folder of the lists and maps"},
+      {"out", OptionKind::folder, &s->out, 0, 0, nullptr, "folder to write"},
       {"side", OptionKind::integer, &s->side, 64, 8192, nullptr, "longest side of the pictures, pixels"},
       {"folder", OptionKind::flag, &s->folder, 0, 0, nullptr, "separate files for up to 100 micrographs too"},
   };
