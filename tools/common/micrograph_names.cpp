@@ -7,6 +7,8 @@
 #include "common/options.h"
 #include "common/star_reader.h"
 #include "formats/image_file.h"
+#include "platform/failure.h"
+#include "session/micrograph_list.h"
 #include "str_utils.h"
 
 namespace {
@@ -56,8 +58,15 @@ std::vector<std::string> gather_micrographs(const std::vector<const char*>& give
     for (std::string& name : names_of_file(listed)) all.push_back(std::move(name));
   std::vector<std::string> names;
   std::unordered_set<std::string> seen;
-  for (std::string& name : all)
-    if (seen.insert(name).second) names.push_back(std::move(name));
+  int left_out = 0;
+  for (std::string& name : all) {
+    if (!seen.insert(name).second) continue;
+    const bool is_own = is_own_image_of_a_micrograph(name);
+    left_out += is_own;
+    if (!is_own) names.push_back(std::move(name));
+  }
+  if (left_out > 0)
+    safety_note(nullptr, "%d images that kestrix wrote beside micrographs are left out of the list.", left_out);
   return names;
 }
 
