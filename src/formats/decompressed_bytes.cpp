@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "formats/byte_source.h"
@@ -49,7 +50,15 @@ class DecompressedBytes : public ByteSource {
   void decode_to(size_t end) const {
     while (decoded_ < end && !ended_) {
       const size_t in_block = decoded_ % kBlock;
-      if (in_block == 0) blocks_.push_back(std::unique_ptr<unsigned char[]>(new unsigned char[kBlock]));
+      if (in_block == 0) {
+        std::unique_ptr<unsigned char[]> block(new (std::nothrow) unsigned char[kBlock]);
+        if (!block) {
+          decoder_->damage = "takes more memory than there is";
+          ended_ = true;
+          return;
+        }
+        blocks_.push_back(std::move(block));
+      }
       const size_t got = decoder_->decode(&input_, blocks_.back().get() + in_block, kBlock - in_block);
       decoded_ += got;
       ended_ = got == 0;

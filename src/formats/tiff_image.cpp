@@ -26,6 +26,7 @@ std::string tiff_library() { return {}; }
 #include <algorithm>
 #include <cstdarg>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "formats/samples.h"
@@ -201,7 +202,12 @@ class TiffImage : public ImageFile {
     decoded_section_ = section;
     input_->complaint.clear();
     damage_.clear();
-    decoded_.resize(row_bytes(page_.kind, static_cast<size_t>(head_.nx)) * static_cast<size_t>(head_.ny));
+    try {
+      decoded_.resize(row_bytes(page_.kind, static_cast<size_t>(head_.nx)) * static_cast<size_t>(head_.ny));
+    } catch (const std::bad_alloc&) {
+      damage_ = "takes more memory than there is";
+      return false;
+    }
     const bool whole = TIFFSetDirectory(tiff_.get(), static_cast<tdir_t>(section)) != 0 &&
                        (TIFFIsTiled(tiff_.get()) ? decode_tiles() : decode_strips());
     if (!whole)

@@ -77,9 +77,7 @@ PickFindings findings_before(const Kestrix_Para* para) {
 bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   if (!para->do_unfinished) return false;
   if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
-  if (output_is_half_published(names->box)) return false;
-  printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
-  return true;
+  return !output_is_half_published(names->box);
 }
 
 void write_device_image(const float* d, const Run* run, const char* out, const char* suffix) {
@@ -353,6 +351,12 @@ void publish_outputs_of(const MicrographNames* names) {
 
 }  // namespace
 
+bool is_finished_before(const Kestrix_Para* para, const char* mic) {
+  MicrographNames names;
+  set_names(&names, mic, para);
+  return is_finished(&names, para);
+}
+
 PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image) {
   time_push();
   printf("\n");
@@ -360,6 +364,7 @@ PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> 
   MicrographNames names;
   set_names(&names, mic, &run->para);
   if (is_finished(&names, &run->para)) {
+    printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
     run->tally.skipped++;
     run->findings = {};
     count_lists(&run->findings, names.nonunique, access(names.box, R_OK) == 0 ? names.box : names.star);

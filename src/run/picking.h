@@ -30,6 +30,9 @@ void prepare_run(Run* run);
 /// What became of a micrograph.
 enum PickState { kPicked, kFinishedBefore };
 
+/// Whether a run that resumes passes over a micrograph, its lists being there.
+bool is_finished_before(const Kestrix_Para* para, const char* mic);
+
 /// The road of one micrograph, from its file to the lists beside it, as run->para asks for. A micrograph that is
 /// finished already is passed over where the run resumes. Ends the run on a file that can't be read or written, on a size
 /// or format other than the first micrograph's, and on a device error; lists of earlier micrographs stay.

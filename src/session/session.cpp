@@ -116,9 +116,10 @@ class Session {
     const Clock::time_point begin = Clock::now();
     std::unique_ptr<ImageFile> image;
     if (asked_.keep_going) {
-      const ImageFacts facts = look_at_image(name.c_str(), image_options(&asked_), true, &image);
+      const bool whole = !is_finished_before(&asked_, name.c_str());  // else nothing will be read
+      const ImageFacts facts = look_at_image(name.c_str(), image_options(&asked_), whole, &image);
       if (!facts.problem.empty()) return fail(name, facts.problem);
-      if (asked_.extract_raw && !facts.exact)
+      if (asked_.extract_raw && whole && !facts.exact)
         return fail(name, "isn't as long as its header says, so that particles can't be cut out");
       if (prepared_ && !fits_run(run_, facts.head)) unprepare();
     }
