@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # From a fresh Debian machine to picked particles: installs what is missing, builds, simulates two micrographs with
-# known particles, picks them without tuning (--auto) and with settings by hand, without and with templates, and scores
-# the picks.
+# known particles, picks them with settings by hand and without tuning (--auto), with templates and without, scores the
+# picks, and makes a page to look at the last ones.
 # Safe to run again; everything it makes lies in build/ and quickstart-data/.
 set -eu
 cd "$(dirname "$0")"
@@ -40,11 +40,14 @@ pick() {
 
 echo "Picking ..."
 printf '\n%-12s %-12s %6s %6s %10s %8s %18s\n' micrograph templates true picks precision recall 's per micrograph'
-pick auto --auto 1
-pick auto-eight --auto 1 --T "$data/mic_templates.mrcs" --apixT 2.68
-pick automatic --cc_cutoff 0.25
 pick eight --cc_cutoff 0.35 --T "$data/mic_templates.mrcs" --apixT 2.68
+pick automatic --cc_cutoff 0.25
+pick auto-eight --auto 1 --T "$data/mic_templates.mrcs" --apixT 2.68
+pick auto --auto 1
+build/kestrix_report --apixM $apix --diameter $diameter --out "$data/report" "$data/mic_001.mrc" "$data/mic_002.mrc" \
+  >"$data/report.log"
 
 echo
 echo "Micrographs, lists and logs lie in $data/: NAME_quorlin.box (EMAN), NAME_quorlin.star (RELION) and more;"
 echo "NAME_auto.star, NAME_auto-eight.star, NAME_automatic.star and NAME_eight.star keep the lists of the runs."
+echo "The page of the last picks, for any browser: $PWD/$data/report/index.html"

@@ -1,5 +1,6 @@
 # `cmake --build build --target check` holds the arrows between rooms against CONTRIBUTING.md, runs clang-format (dry)
-# and clang-tidy over the project's own sources, and runs the commands of the documents.
+# and clang-tidy over the project's own sources, runs the commands of the documents, and holds the programs' options against
+# their man pages and the shell's completion.
 file(GLOB_RECURSE KESTRIX_CHECKED CONFIGURE_DEPENDS
   src/*.cpp src/*.h tools/*.cpp tools/*.h tests/*.cpp tests/*.h bench/*.cpp)
 set(KESTRIX_TIDIED ${KESTRIX_CHECKED})
@@ -19,5 +20,10 @@ add_custom_target(check-arrows
   COMMAND ${CMAKE_SOURCE_DIR}/tools/arrows.sh --check COMMENT "arrows between rooms" VERBATIM)
 add_custom_target(check-documents
   COMMAND ${CMAKE_SOURCE_DIR}/tools/check_docs.sh ${CMAKE_BINARY_DIR} COMMENT "commands of the documents" VERBATIM)
-add_dependencies(check-documents kestrix kestrix_simulate kestrix_score kestrix_lists kestrix_report)
-add_custom_target(check DEPENDS check-arrows check-format check-tidy check-documents)
+add_custom_target(check-options
+  COMMAND ${CMAKE_SOURCE_DIR}/tools/check_options.sh ${CMAKE_BINARY_DIR}
+  COMMENT "options against man pages and completion" VERBATIM)
+foreach(checked check-documents check-options)
+  add_dependencies(${checked} kestrix kestrix_simulate kestrix_score kestrix_lists kestrix_report gpu_probe)
+endforeach()
+add_custom_target(check DEPENDS check-arrows check-format check-tidy check-documents check-options)

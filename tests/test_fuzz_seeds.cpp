@@ -36,4 +36,4 @@ TEST_P(FuzzSeeds, AreReadOrRefused) {
   EXPECT_GE(seeds, 15);
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, FuzzSeeds, testing::Values("mrc", "box", "star", "command_line"));
+INSTANTIATE_TEST_SUITE_P(Of, FuzzSeeds, testing::Values("mrc", "image", "tiff", "box", "star", "command_line"));

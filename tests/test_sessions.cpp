@@ -44,7 +44,7 @@ class Sessions : public SmallRun {
     return lists(folder);
   }
 
-  // Fourteen kinds of files that can't be picked, named raw/z_?.mrc in the order of the list's end.
+  // Sixteen kinds of files that can't be picked, named raw/z_?.mrc in the order of the list's end.
   std::vector<std::string> break_files() const {
     const std::string good = content("raw/a_001.mrc");
     const auto with = [&](size_t at, std::initializer_list<int32_t> fields) {
@@ -55,8 +55,6 @@ class Sessions : public SmallRun {
       }
       return text;
     };
-    std::string turned = good;
-    for (size_t i = 0; i < 1024; i += 4) std::reverse(turned.begin() + i, turned.begin() + i + 4);
     const std::string texts[] = {"",
                                  good.substr(0, 600),
                                  good.substr(0, 1024),
@@ -68,8 +66,9 @@ class Sessions : public SmallRun {
                                  "a letter to the microscopist\n",
                                  with(0, {-300, 280, 1, 2}),
                                  with(0, {300, 280, 0, 2}),
-                                 with(12, {12}),
-                                 turned};
+                                 with(12, {3}),
+                                 with(64, {2, 1, 3}),
+                                 with(92, {1 << 30})};
     std::vector<std::string> names;
     for (const std::string& text : texts) {
       names.push_back("raw/z_" + std::to_string(names.size()) + ".mrc");

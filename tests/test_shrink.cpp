@@ -51,11 +51,8 @@ TEST_F(ShrinkFromFile, GivesTheBitsOfTheWholeImageWithZerosForWhatTheFileLacks) 
     for (const int shrink : kFactors) {
       const Cores cores(1 + shrink % 3);
       std::vector<float> out = unwritten_square(kNx, kNy, shrink);
-      FILE* file = fopen(path("mic.mrc").c_str(), "r");
-      MRC_HEAD head;
-      mrc_read_head(file, &head);
-      read_shrunk_micrograph(file, &head, shrink, kNoLimits, out.data());
-      fclose(file);
+      const auto file = open_plain_mrc(fopen(path("mic.mrc").c_str(), "r"));
+      read_shrunk_micrograph(*file, shrink, kNoLimits, out.data());
       cpu_2d_extend_even(out.data(), kNx, kNy, shrink);
       EXPECT_TRUE(same_bits(out, shrunk_square(image, kNx, kNy, shrink))) << "mode " << mode << ", by " << shrink;
     }

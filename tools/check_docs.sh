@@ -47,6 +47,12 @@ try() {
 bring_along() {
   cp "$work/Micrographs/mic_templates.mrcs" "$work/averages.mrcs"
   (cd "$work" && kestrix_lists select Micrographs/mic_00?_quorlin.box >/dev/null 2>&1)
+  cat >"$work/selection.json" <<'JSON'
+{"kestrix_selection": 1, "list": "_quorlin", "odir": "", "boxsize": 258,
+ "rules": {"min_score": 0.1, "max_score": null, "min_average": null, "max_average": null,
+           "min_sigma": null, "max_sigma": null, "thin": 0, "most": -1},
+ "micrographs": [{"name": "Micrographs/mic_001.mrc", "brushed": [[3000.5, 2500, 194.03]]}]}
+JSON
   cat >"$work/micrographs.star" <<'STAR'
 
 data_optics
@@ -66,7 +72,7 @@ Micrographs/mic_002.mrc 1
 STAR
 }
 
-for document in README.md docs/user-guide.md docs/simulate.md docs/clusters.md; do
+for document in docs/user-guide.md README.md docs/simulate.md docs/clusters.md; do
   echo "== $document"
   while IFS= read -r command; do
     [ -e "$work/averages.mrcs" ] || [ ! -e "$work/Micrographs/mic_001_quorlin.box" ] || bring_along

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "platform/device.h"
+#include "run/version.h"
 
 namespace {
 
@@ -36,6 +37,14 @@ int list_devices(int count) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && asks_for_version(argv[1])) {
+    put_version("gpu_probe");
+    return 0;
+  }
+  if (argc > 1 && strcmp(argv[1], "--list_options") == 0) {
+    puts("--help flag\n--version flag");
+    return 0;
+  }
   if (argc > 1) {
     const bool asked = strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0;
     put_help(asked ? stdout : stderr, argv[0]);

@@ -2,11 +2,9 @@
 // detection, excluded areas and the mask.
 #pragma once
 
-#include <cstdio>
-
 #include "boxfile.h"
 #include "conditioning/outliers.h"
-#include "mrcfile.h"
+#include "formats/image_file.h"
 #include "platform/device.h"
 
 // --- From the file to the working image, on the host ---
@@ -14,10 +12,10 @@
 /// Reads section 0 of a micrograph and averages blocks of shrink by shrink pixels on the way, so that the micrograph
 /// itself is never held: what cpu_2d_meanshrink_extended_even_square does with it but for the filling up, which
 /// cpu_2d_extend_even does. Samples that the file doesn't hold count as 0.
-/// head      sizes of a micrograph, a mode that can be read
+/// image     sizes of a micrograph, samples that can be read
 /// limits    raw pixels are limited to these first
 /// out       square of floats
-void read_shrunk_micrograph(FILE* file, const MRC_HEAD* head, int shrink, const ValueLimits& limits, float* out);
+void read_shrunk_micrograph(const ImageFile& image, int shrink, const ValueLimits& limits, float* out);
 
 // --- What the filters and local maps of a run share ---
 

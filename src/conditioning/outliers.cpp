@@ -65,12 +65,13 @@ long blank_pixels(const float* row, int nx) {
 
 }  // namespace
 
-ValueLimits clip_limits(FILE* file, const MRC_HEAD* head, float deviations) {
+ValueLimits clip_limits(const ImageFile& image, float deviations) {
+  const MRC_HEAD* head = &image.head();
   const auto width = static_cast<size_t>(head->nx);
   const int rows = rows_looked_at(head->ny);
   auto* values = host_new<float>(width * static_cast<size_t>(rows));
   for (int k = 0; k < rows; k++)
-    mrc_read_rows(file, head, 0, row_looked_at(k, head->ny), 1, values + static_cast<size_t>(k) * width);
+    image.read_rows(0, row_looked_at(k, head->ny), 1, values + static_cast<size_t>(k) * width);
   const RobustValues robust = robust_values(values, width * static_cast<size_t>(rows));
   free(values);
   if (!(robust.deviation > 0)) return kNoLimits;

@@ -2,9 +2,9 @@
 // 1.4826 times the median distance from the median.
 #pragma once
 
-#include <cstdio>
+#include <cstddef>
 
-#include "mrcfile.h"
+#include "formats/image_file.h"
 
 /// The values between which raw pixels are kept; low > high: no limits.
 struct ValueLimits {
@@ -15,7 +15,7 @@ constexpr ValueLimits kNoLimits{1, 0};
 
 /// Limits of section 0 at so many robust deviations from its median, both taken from up to 64 of its rows. Of a section
 /// without deviation, none. Takes memory for those rows; a lack of it ends the run.
-ValueLimits clip_limits(FILE* file, const MRC_HEAD* head, float deviations);
+ValueLimits clip_limits(const ImageFile& image, float deviations);
 
 /// Limits n values in place.
 void clip_values(float* values, size_t n, ValueLimits limits);

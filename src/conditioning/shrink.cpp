@@ -8,7 +8,8 @@
 #include "platform/host_memory.h"
 #include "process2d_raw.h"
 
-void read_shrunk_micrograph(FILE* file, const MRC_HEAD* head, int shrink, const ValueLimits& limits, float* out) {
+void read_shrunk_micrograph(const ImageFile& image, int shrink, const ValueLimits& limits, float* out) {
+  const MRC_HEAD* head = &image.head();
   // As many samples at a time as the second-level cache holds beside all else.
   constexpr size_t kChunkFloats = size_t{1} << 16;
   const auto nx = static_cast<size_t>(head->nx);
@@ -22,7 +23,7 @@ void read_shrunk_micrograph(FILE* file, const MRC_HEAD* head, int shrink, const 
   for (int y = 0; y < height; y += rows) {
     float* chunk = chunks + static_cast<size_t>(omp_get_thread_num()) * static_cast<size_t>(rows) * block_row;
     const int count = std::min(rows, height - y);
-    mrc_read_rows(file, head, 0, y * shrink, count * shrink, chunk);
+    image.read_rows(0, y * shrink, count * shrink, chunk);
     if (limits.low <= limits.high) clip_values(chunk, static_cast<size_t>(count) * block_row, limits);
     cpu_2d_average_rows(out + static_cast<size_t>(y) * side, side, chunk, nx, width, count, shrink);
   }

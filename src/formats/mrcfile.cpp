@@ -213,7 +213,9 @@ bool mrc_head_sizes_valid(const MRC_HEAD* head) { return mrc_section_size_valid(
 
 void note_extended_header(const char* name, const MRC_HEAD* head) {
   if (head->next > 0)
-    safety_note(name, "has an extended header of %d bytes, which is read as image data; remove it first.", head->next);
+    safety_note(name,
+                "has an extended header of %d bytes, which is read as image data; give --any_format 1 to skip it.",
+                head->next);
 }
 
 bool mrc_head_is_like(const MRC_HEAD* one, const MRC_HEAD* other) {

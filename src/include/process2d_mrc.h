@@ -2,6 +2,7 @@
 #pragma once
 
 #include "boxfile.h"
+#include "formats/image_file.h"
 
 /// Cuts a w x h image whose corner lies at pixel (x0, y0) of the nx x ny image src into dst, w*h floats that
 /// don't overlap src. What lies outside src is 0. Returns 0.
@@ -32,6 +33,10 @@ float* get_mrcf_data_ptcls(const char* mic_name, const char* box_name, int box_s
 /// Writes those particles as a float stack under the micrograph's name with "_particles.mrcs" in place of its
 /// suffix. A list without boxes gives a stack of the sizes 0. Fails as get_mrcf_data_ptcls. Returns 0.
 int mrcf_x2d_extract_ptcls_from_micrograph(const char* mic_name, const char* box_name, int box_size, int invert);
+
+/// The same of an image that is open, the stack named from out_name. One that doesn't hold all its samples ends the run.
+void extract_particles_from_image(const ImageFile& image, const char* mic_name, const char* out_name,
+                                  const char* box_name, int box_size);
 
 /// The same, the stack named from out_name in place of the micrograph's name.
 void extract_particles_from_micrograph(const char* mic_name, const char* out_name, const char* box_name, int box_size,

@@ -54,6 +54,14 @@ float* cut_particles(const float* data, const MRC_HEAD* head, const BoxList& lis
   return stack;
 }
 
+void write_particles(const float* data, const MRC_HEAD* head, const BoxList& list, int invert, const char* out_name) {
+  float* stack = cut_particles(data, head, list, invert);
+  char name[kTextBytes];
+  set_outname_by_suffix(name, out_name, "_particles.mrcs");
+  mrcf_write_xyz_data(name, stack, list.w, list.h, head->nz * list.n);
+  free(stack);
+}
+
 }  // namespace
 
 int cpu_x2d_extract_small_from_large(float* dst, int w, int h, const float* src, int nx, int ny, int x0, int y0) {
@@ -111,13 +119,24 @@ void extract_particles_from_micrograph(const char* mic_name, const char* out_nam
   const BoxList list = read_boxes(box_name, box_size);
   MRC_HEAD* head = get_mrcf_head(mic_name);
   float* data = get_mrcf_data_all(mic_name);
-  float* stack = cut_particles(data, head, list, invert);
+  write_particles(data, head, list, invert, out_name);
   free(data);
-  char name[kTextBytes];
-  set_outname_by_suffix(name, out_name, "_particles.mrcs");
-  mrcf_write_xyz_data(name, stack, list.w, list.h, head->nz * list.n);
-  free(stack);
   free(head);
+  free(list.boxes);
+}
+
+void extract_particles_from_image(const ImageFile& image, const char* mic_name, const char* out_name,
+                                  const char* box_name, int box_size) {
+  const BoxList list = read_boxes(box_name, box_size);
+  const MRC_HEAD& head = image.head();
+  for (int z = head.nz - 1; z >= 0; z--)  // the last first, which tells of the others
+    if (image.missing_samples(z) > 0)
+      KESTRIX_FATAL("%s ends before its section %d of %d; particles can't be cut out", mic_name, z + 1, head.nz);
+  const size_t section = static_cast<size_t>(head.nx) * static_cast<size_t>(head.ny);
+  auto* data = host_new<float>(section * static_cast<size_t>(head.nz));
+  for (int z = 0; z < head.nz; z++) image.read_rows(z, 0, head.ny, data + static_cast<size_t>(z) * section);
+  write_particles(data, &head, list, 0, out_name);
+  free(data);
   free(list.boxes);
 }
 

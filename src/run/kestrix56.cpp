@@ -10,8 +10,8 @@
 int main(int argc, char** argv) {
   time_push();
   time_push();
-  if (asks_for_help(argc, argv)) {
-    put_help(argc, argv);
+  if (asks_for_words(argc, argv)) {
+    put_words(argc, argv, "kestrix");
     return 0;
   }
   end_cleanly_on_signals();

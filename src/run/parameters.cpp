@@ -15,6 +15,7 @@
 #include "compute/text_numbers.h"
 #include "cuda_general.h"
 #include "platform/failure.h"
+#include "run/micrograph_image.h"
 #include "run/para_field.h"
 #include "run/reports.h"
 #include "run/value_notes.h"
@@ -136,6 +137,19 @@ const Option options[] = {
      nullptr,
      {"Input that needs care", "clip_outliers", "NUMBER",
       "Limit raw pixels to so many robust deviations from the median"}},
+    {"any_format",
+     &P::any_format,
+     FLAG,
+     nullptr,
+     {"Input that needs care", "any_format", "[0|1]",
+      "Read MRC files of every kind, compressed ones and TIFF by what they are, and the pixel size of the first where "
+      "--apixM isn't given; as whole sessions do"}},
+    {"signed_bytes",
+     &P::signed_bytes,
+     FLAG,
+     nullptr,
+     {"Input that needs care", "signed_bytes", "[0|1]",
+      "With --any_format: whether bytes of MRC files are signed, whatever their headers say"}},
     {"micrographs",
      &P::micrographs,
      WITH_VALUE,
@@ -286,6 +300,25 @@ void take_argument(int argc, char** argv, int& i, Kestrix_Para* para, Given& giv
   para->files[para->n_files++] = argv[i];
 }
 
+// Whole sessions read any format. Bytes are as headers have them where that was asked for, else unsigned as ever.
+void settle_formats(Kestrix_Para* para) {
+  const bool is_session = para->check || para->keep_going || para->watch > 0 || !is_str_null(para->micrographs) ||
+                          !is_str_null(para->summary);
+  const bool asked = para->any_format == 1 || (para->any_format < 0 && para->signed_bytes >= 0);
+  if (para->any_format < 0) para->any_format = asked || is_session;
+  if (!asked && para->signed_bytes < 0) para->signed_bytes = 0;
+}
+
+// The pixel size of the first micrograph's header. Returns whether it tells one.
+bool take_pixel_size(Kestrix_Para* para) {
+  const char* name = nullptr;
+  const float size = pixel_size_of_list(para, &name);
+  if (!(size > 0)) return false;
+  para->apixM = size;
+  safety_note(name, "its header says %g A a pixel, which is taken for --apixM.", static_cast<double>(size));
+  return true;
+}
+
 void derive_from_diameter(Kestrix_Para* para, const Given& given) {
   const double diameter = para->diameter;
   const double apixM = para->apixM;
@@ -371,7 +404,21 @@ void refuse_own_lists(const Kestrix_Para* para) {
                   suffix, rejected ? ", or give --detect_ice 0" : "");
 }
 
+const char* kind_of_value(const Option& option) {
+  const std::string argument = option.help.word ? option.help.argument : "";
+  if (option.kind == FLAG) return "flag";
+  if (!option.field.text) return "number";
+  if (argument == "FOLDER") return "folder";
+  const bool is_file = option.field.text == &P::T || option.field.text == &P::global_excluded_box || argument == "FILE";
+  return is_file ? "file" : "text";
+}
+
 }  // namespace
+
+void put_option_table() {
+  for (const Option& option : options) printf("--%s %s\n", option.keyword, kind_of_value(option));
+  for (const char* word : {"help", "help_more", "version"}) printf("--%s flag\n", word);
+}
 
 OwnOption own_option(int index) {
   for (const Option& option : options)
@@ -415,11 +462,14 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   para->radius_ratio = 1.3f;
   para->psi_start = 0.0f;
   para->psi_end = 359.0f;
+  para->any_format = para->signed_bytes = -1;
 }
 
 void kestrix_get_parameters(int argc, char** argv, Kestrix_Para* para) {
   Given given = {};
   for (int i = 1; i < argc; i++) take_argument(argc, argv, i, para, given);
+  settle_formats(para);
+  if (para->any_format && !given.apixM) given.apixM = take_pixel_size(para);
   para->auto_template = is_auto_template(para->T);
   derive_from_diameter(para, given);
   derive_pixel_values(para);

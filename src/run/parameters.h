@@ -67,6 +67,8 @@ struct Kestrix_Para {
   char* first_file;           // first readable micrograph, set by main
   int skip_empty_templates;   // leave out templates that are zero everywhere
   float clip_outliers;        // raw pixels are limited to so many robust deviations; 0: not at all
+  int any_format;             // read images by what they are, not as plain MRC files only
+  int signed_bytes;           // bytes of MRC files: as ImageOptions has it
   // Whole sessions of micrographs:
   char* micrographs;  // list of micrographs to add to those of the command line, or "NULL"
   char* odir;         // folder of all outputs, or "NULL": beside each micrograph
@@ -96,6 +98,10 @@ struct OwnOption {
 
 /// The options that the short help doesn't list, from 0 on, those of a group side by side; all null past the last.
 OwnOption own_option(int index);
+
+/// Prints every option on standard output, a line each: --WORD and what follows it (flag, number, text, file, folder), for
+/// the shell's completion and for checks of the documents.
+void put_option_table();
 
 /// Allocates files for argc names and the text buffers, and sets every default. Values that depend on others
 /// are 0 until kestrix_get_parameters. Ends the run if memory is short. Free by kestrix_free_parameters.

@@ -10,7 +10,7 @@
 #include <limits>
 
 #include "cuda_general.h"
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "math_utils.h"
 #include "particles/pick_records.h"
 #include "platform/failure.h"
@@ -18,6 +18,7 @@
 #include "process2d_mrc.h"
 #include "process2d_raw.h"
 #include "run/auto_picks.h"
+#include "run/micrograph_image.h"
 #include "run/output_names.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
@@ -44,7 +45,9 @@ void set_excluded_name(MicrographNames* names, const Kestrix_Para* para) {
   strlcpy(names->excluded, "NULL");
   if (!para->exclusive_picking) return;
   set_outname_by_suffix(names->excluded, names->out, para->excluded_suffix);
-  if (access(names->excluded, F_OK) != 0) set_outname_by_suffix(names->excluded, names->mic, para->excluded_suffix);
+  if (access(names->excluded, F_OK) == 0) return;
+  const std::string mic = para->any_format ? plain_image_name(names->mic) : names->mic;
+  set_outname_by_suffix(names->excluded, mic.c_str(), para->excluded_suffix);
 }
 
 void set_names(MicrographNames* names, const char* mic, const Kestrix_Para* para) {
@@ -74,9 +77,7 @@ PickFindings findings_before(const Kestrix_Para* para) {
 bool is_finished(const MicrographNames* names, const Kestrix_Para* para) {
   if (!para->do_unfinished) return false;
   if (!is_file_quorlin_done(names->box) && !is_file_quorlin_done(names->star)) return false;
-  if (output_is_half_published(names->box)) return false;
-  printf("Micrograph %s has already been processed. Automatically skipped.\n", names->mic);
-  return true;
+  return !output_is_half_published(names->box);
 }
 
 void write_device_image(const float* d, const Run* run, const char* out, const char* suffix) {
@@ -85,22 +86,29 @@ void write_device_image(const float* d, const Run* run, const char* out, const c
   mrcf_write_xyz_ddata(name, d, run->sizes.work_nx, run->sizes.work_ny, 1);
 }
 
+// Ends the run.
+void refuse_size(const Run* run, const ImageFile& image, const char* mic) {
+  if (!run->para.any_format) note_odd_image(mic);
+  check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &image.head());
+}
+
 // Reads section 0, shrunk, into work_mic; zeros if the file holds no samples that can be read. Returns whether it does.
-bool read_micrograph(Run* run, FILE* f, const MRC_HEAD* head, const char* name) {
-  note_extended_header(name, head);
-  if (!mrc_mode_readable(head->mode)) {
-    safety_note(name, "samples of MRC mode %d (%s) can't be read; the image counts as 0 everywhere.", head->mode,
-                mrc_get_head_mode(head));
+bool read_micrograph(Run* run, const ImageFile& image, const char* name) {
+  const MRC_HEAD* head = &image.head();
+  if (!run->para.any_format) note_extended_header(name, head);
+  if (!image.unreadable().empty()) {
+    safety_note(name, "%s; the image counts as 0 everywhere.", image.unreadable().c_str());
     memset(run->host.work_mic, 0, work_pixels(run) * sizeof(float));
     return false;
   }
-  const unsigned long missing = mrc_missing_samples(f, head, 0);
+  const unsigned long missing = image.missing_samples(0);
+  if (!image.damage().empty()) safety_note(name, "%s.", image.damage().c_str());
   if (missing > 0)
     safety_note(name, "the file ends early; %lu of %lu samples are missing and count as 0.", missing,
                 static_cast<unsigned long>(head->nx) * static_cast<unsigned long>(head->ny));
   const float deviations = run->para.clip_outliers;
-  const ValueLimits limits = deviations > 0 ? clip_limits(f, head, deviations) : kNoLimits;
-  read_shrunk_micrograph(f, head, run->para.shrink, limits, run->host.work_mic);
+  const ValueLimits limits = deviations > 0 ? clip_limits(image, deviations) : kNoLimits;
+  read_shrunk_micrograph(image, run->para.shrink, limits, run->host.work_mic);
   if (missing == 0)
     note_outliers(run->host.work_mic, even_side(head->nx, run->para.shrink), even_side(head->ny, run->para.shrink),
                   static_cast<size_t>(run->sizes.work_nx), name);
@@ -324,11 +332,14 @@ void write_picks(const Run* run, const MicrographNames* names, const char* out, 
 
 // The final lists and the particle stack. An earlier list of this micrograph may be the one of its excluded places: it
 // stays until all is published, so that both lists hold the same picks.
-void select_picks(const Run* run, const MicrographNames* names) {
+// image: where particles are cut from any format.
+void select_picks(const Run* run, const MicrographNames* names, const ImageFile* image) {
   const Kestrix_Para& para = run->para;
   write_picks(run, names, names->box, 2);
   if (para.write_star) write_picks(run, names, names->star, 1);
-  if (para.extract_raw)
+  if (para.extract_raw && image)
+    extract_particles_from_image(*image, names->mic, names->out, output_at_hand(names->box), para.boxsize);
+  else if (para.extract_raw)
     extract_particles_from_micrograph(names->mic, names->out, output_at_hand(names->box), para.boxsize, 0);
 }
 
@@ -340,13 +351,20 @@ void publish_outputs_of(const MicrographNames* names) {
 
 }  // namespace
 
-PickState pick_micrograph(Run* run, const char* mic) {
+bool is_finished_before(const Kestrix_Para* para, const char* mic) {
+  MicrographNames names;
+  set_names(&names, mic, para);
+  return is_finished(&names, para);
+}
+
+PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image) {
   time_push();
   printf("\n");
   put_rule('-', 129, stdout);
   MicrographNames names;
   set_names(&names, mic, &run->para);
   if (is_finished(&names, &run->para)) {
+    printf("Micrograph %s has already been processed. Automatically skipped.\n", mic);
     run->tally.skipped++;
     run->findings = {};
     count_lists(&run->findings, names.nonunique, access(names.box, R_OK) == 0 ? names.box : names.star);
@@ -357,14 +375,11 @@ PickState pick_micrograph(Run* run, const char* mic) {
   const long notes_before = safety_notes_said();
   outputs_hold();
   FILE* nonunique = output_open(names.nonunique, "main", unit, __LINE__);
-  FILE* f = open_to_read(mic, "main", unit, __LINE__);
-  MRC_HEAD head;
-  mrc_read_head(f, &head);
-  if (!mrc_head_is_like(&run->first_head, &head)) note_odd_image(mic, f, &head);
-  check_mrc_head_sizes_two(run->para.first_file, mic, &run->first_head, &head);
+  if (!image) image = open_micrograph(&run->para, mic, "main");
+  if (!fits_run(run, image->head())) refuse_size(run, *image, mic);
   printf("Reading File %s ...\n", mic);
-  const bool readable = read_micrograph(run, f, &head, mic);
-  fclose(f);
+  const bool readable = read_micrograph(run, *image, mic);
+  if (!run->para.any_format || !run->para.extract_raw) image.reset();
   const int excluded_n = read_excluded(run, &names);
   time_pop("READING");
 
@@ -380,7 +395,7 @@ PickState pick_micrograph(Run* run, const char* mic) {
     match_all_templates(run, names.out, nonunique);
   }
   KESTRIX_OUTPUT_CLOSE(nonunique);
-  select_picks(run, &names);
+  select_picks(run, &names, image.get());
   if (uses_auto_parts(&run->para)) tell_findings(run, mic);
   count_lists(&run->findings, output_at_hand(names.nonunique), output_at_hand(names.box));
   tally_micrograph(&run->tally, mic, &run->findings, notes_before, &run->para);

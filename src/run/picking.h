@@ -10,6 +10,9 @@
 // end_run (platform/failure.h).
 #pragma once
 
+#include <memory>
+
+#include "formats/image_file.h"
 #include "run/run_state.h"
 
 /// Sets run->para from the command line. An unknown option, an option without its value and a command line without
@@ -27,11 +30,15 @@ void prepare_run(Run* run);
 /// What became of a micrograph.
 enum PickState { kPicked, kFinishedBefore };
 
+/// Whether a run that resumes passes over a micrograph, its lists being there.
+bool is_finished_before(const Kestrix_Para* para, const char* mic);
+
 /// The road of one micrograph, from its file to the lists beside it, as run->para asks for. A micrograph that is
 /// finished already is passed over where the run resumes. Ends the run on a file that can't be read or written, on a size
 /// or format other than the first micrograph's, and on a device error; lists of earlier micrographs stay.
 /// run->findings tells what was found; of a micrograph that was finished before, what its lists hold.
-PickState pick_micrograph(Run* run, const char* mic);
+/// image: the micrograph's, where it is open already
+PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image = nullptr);
 
 /// Frees what prepare_run has made; the parameters and the tally stay. Before another preparation, for micrographs of
 /// another size, the parameters must be made as they were before the last.

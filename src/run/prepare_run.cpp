@@ -1,12 +1,15 @@
 // From the command line to a run that is ready for its micrographs.
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
+#include <memory>
 
 #include "cuda_general.h"
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "platform/failure.h"
 #include "run/auto_picks.h"
+#include "run/micrograph_image.h"
 #include "run/picking.h"
 #include "run/reports.h"
 #include "run/setting_notes.h"
@@ -16,7 +19,9 @@ namespace {
 constexpr char unit[] = "kestrix56";
 
 // Finds the first readable entry, opens it and makes it list entry 0. Ends the run if there is none.
-void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
+std::unique_ptr<ImageFile> check_access_openf_1st(Kestrix_Para* para) {
+  char** files = para->files;
+  const int n = para->n_files;
   for (int i = 0; i < n; i++) {
     const char* problem = access(files[i], F_OK) != 0 ? "does NOT exsit" : "are NOT readable";
     if (access(files[i], R_OK) != 0 || !check_file_regular(files[i])) {
@@ -27,30 +32,42 @@ void check_access_openf_1st(char** files, int n, char*& first_file, FILE*& f) {
       continue;
     }
     printf("Opening %s for initial test and preperation .......\n", files[i]);
-    f = KESTRIX_OPEN_READ(files[i]);
-    first_file = files[0] = files[i];
-    return;
+    std::unique_ptr<ImageFile> image = open_micrograph(para, files[i], __func__);
+    para->first_file = files[0] = files[i];
+    return image;
   }
   KESTRIX_FATAL("no readable micrograph in the list");
 }
 
 // Refuses a header that promises a huge image which the file doesn't hold a row of, before anything is allocated for it.
-void check_held_size(const char* name, FILE* f, const MRC_HEAD* head) {
-  if (!mrc_section_size_valid(head) || !mrc_mode_readable(head->mode)) return note_odd_image(name, f, head);
+void check_held_size(const char* name, const ImageFile& image) {
+  const MRC_HEAD* head = &image.head();
   constexpr long kHuge = 1L << 26;
   const long samples = static_cast<long>(head->nx) * head->ny;
-  const long held = samples - static_cast<long>(mrc_missing_samples(f, head, 0));
+  const long held = samples - static_cast<long>(image.missing_samples(0));
   if (samples > kHuge && held < head->nx)
     KESTRIX_FATAL("the header of %s promises %d x %d pixels, of which the file holds %ld: is it a whole MRC file", name,
                   head->nx, head->ny, held);
 }
 
+// Where the header tells another pixel size than the user.
+void note_other_pixel_size(const Run* run) {
+  const float in_header = pixel_size_of(run->first_head);
+  const float given = run->para.apixM;
+  if (in_header > 0 && in_header != 1.0f && std::fabs(in_header - given) > 0.01f * given)
+    safety_note(run->para.first_file, "its header says %g A a pixel, and --apixM %g is used.",
+                static_cast<double>(in_header), static_cast<double>(given));
+}
+
 void read_first_header(Run* run) {
-  FILE* f = nullptr;
-  check_access_openf_1st(run->para.files, run->para.n_files, run->para.first_file, f);
-  mrc_read_head(f, &run->first_head);
-  check_held_size(run->para.first_file, f, &run->first_head);
-  fclose(f);
+  const std::unique_ptr<ImageFile> image = check_access_openf_1st(&run->para);
+  run->first_head = image->head();
+  if (mrc_section_size_valid(&run->first_head) && image->unreadable().empty()) {
+    check_held_size(run->para.first_file, *image);
+  } else if (!run->para.any_format) {
+    note_odd_image(run->para.first_file);
+  }
+  if (run->para.any_format) note_other_pixel_size(run);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "platform/host_memory.h"
 #include "process2d_raw.h"
 #include "run/auto_picks.h"
+#include "run/micrograph_image.h"
 #include "templates/templates.h"
 
 namespace {
@@ -74,8 +75,9 @@ void acquire_templates(Run* run) {
     s.T_num = 1;
     return;
   }
-  run->host.T_stack = get_or_create_template_data(s.T_nx, s.T_ny, s.T_num, para.T, para.radius_px, para.apixT,
-                                                  para.apixM, para.shrink, para.center1_ratio, s.work_nx);
+  run->host.T_stack =
+      get_or_create_template_data(s.T_nx, s.T_ny, s.T_num, para.T, para.radius_px, para.apixT, para.apixM, para.shrink,
+                                  para.center1_ratio, s.work_nx, image_options(&para));
 }
 
 // Highest frequency of the conditioned micrographs, in cycles per working pixel.

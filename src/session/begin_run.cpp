@@ -26,13 +26,13 @@ void make_output_folder(const char* odir) {
 Shard read_run(int argc, char** argv, Run* run) {
   read_command_line(argc, argv, run);
   Kestrix_Para& para = run->para;
-  para.n_files = leave_out_own_images(para.files, para.n_files, para.odir);
+  para.n_files = leave_out_own_images(para.files, para.n_files, &para);
   // The whole list is looked through: parts of it are picked beside one another.
   const std::vector<char*> list(para.files, para.files + para.n_files);
   const Shard shard = is_str_null(para.shard) ? Shard() : take_shard(para.files, &para.n_files, para.shard);
   if (para.check) return shard;
   report_command_line(argc, argv, run);
-  check_output_names(list.data(), static_cast<int>(list.size()), para.odir);
+  check_output_names(list.data(), static_cast<int>(list.size()), &para);
   make_output_folder(para.odir);
   return shard;
 }
@@ -43,8 +43,7 @@ void begin_run(int argc, char** argv, Run* run) {
   if (para.check || para.keep_going || para.watch > 0 || !is_str_null(para.summary))
     KESTRIX_FATAL(
         "--check, --keep_going, --summary and --watch work on one device: give --gid a single number, and a part of "
-        "the "
-        "list to a process for each device");
+        "the list to a process for each device");
   prepare_run(run);
   time_pop("PREPARATION");
 }

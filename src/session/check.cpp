@@ -5,7 +5,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
+#include "run/micrograph_image.h"
 #include "session/micrograph_list.h"
 
 namespace {
@@ -26,7 +27,7 @@ class Check {
 
   void look_at(const char* name) {
     note_repeated(name);
-    const ImageFacts facts = look_at_mrc(name);
+    const ImageFacts facts = look_at_image(name, image_options(para_), false);
     if (!facts.problem.empty()) return tell(name, facts.problem);
     if (first_.empty()) {
       first_ = name;
@@ -57,7 +58,7 @@ class Check {
   }
 
   void note_repeated(const char* name) {
-    const auto entry = names_.emplace(output_stem(name, para_->odir), name);
+    const auto entry = names_.emplace(output_stem(name, para_), name);
     if (entry.second) return;
     const std::string& other = entry.first->second;
     tell(name, other == name ? "is listed more than once" : "would write the same outputs as " + other);

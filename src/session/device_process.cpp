@@ -57,7 +57,7 @@ void take_share_of_cores(int processes) {
 }
 
 void pick_shared(Run* run, const DeviceProcess& process, int notes, Counter* next) {
-  const std::vector<std::vector<int>> groups = groups_by_outputs(run->para.files, run->para.n_files, run->para.odir);
+  const std::vector<std::vector<int>> groups = groups_by_outputs(run->para.files, run->para.n_files, &run->para);
   for (int g = (*next)++; g < static_cast<int>(groups.size()); g = (*next)++) {
     for (const int i : groups[static_cast<size_t>(g)]) {
       tell(process, notes, kBegun, i, *run);

@@ -5,19 +5,25 @@
 #include "run/parameters.h"
 #include "run/reports.h"
 #include "run/stage_timer.h"
+#include "run/version.h"
 #include "str_utils.h"
 
-bool asks_for_help(int argc, char** argv) {
-  return argc < 2 || is_keywd_help(argv[1]) || keywd_cmp(argv[1], "help_more");
+bool asks_for_words(int argc, char** argv) {
+  return argc < 2 || is_keywd_help(argv[1]) || keywd_cmp(argv[1], "help_more") || asks_for_version(argv[1]) ||
+         keywd_cmp(argv[1], "list_options");
 }
 
-void put_help(int argc, char** argv) {
+void put_words(int argc, char** argv, const char* program) {
   if (argc < 2) {
     kestrix_help(argv[0]);
   } else if (is_keywd_help(argv[1])) {
     kestrix_help_full(argv[0]);
-  } else {
+  } else if (keywd_cmp(argv[1], "help_more")) {
     kestrix_help_more();
+  } else if (asks_for_version(argv[1])) {
+    put_version(program);
+  } else {
+    put_option_table();
   }
 }
 

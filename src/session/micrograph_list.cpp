@@ -9,6 +9,7 @@
 #include <unordered_set>
 
 #include "platform/failure.h"
+#include "run/output_names.h"
 #include "str_utils.h"
 
 namespace {
@@ -29,9 +30,9 @@ std::string stem_of_own_image(const std::string& path) {
   return "";
 }
 
-std::unordered_set<std::string> all_stems(const char* const* files, int n, const char* odir) {
+std::unordered_set<std::string> all_stems(const char* const* files, int n, const Kestrix_Para* para) {
   std::unordered_set<std::string> stems;
-  for (int i = 0; i < n; i++) stems.insert(output_stem(files[i], odir));
+  for (int i = 0; i < n; i++) stems.insert(output_stem(files[i], para));
   return stems;
 }
 
@@ -42,9 +43,10 @@ std::string with_more(const std::string& name, int more) {
 
 }  // namespace
 
-std::string output_stem(const char* file, const char* odir) {
-  const std::filesystem::path name(file);
-  std::string path = plain_path(is_str_null(odir) ? file : (odir / name.filename()).c_str());
+std::string output_stem(const char* file, const Kestrix_Para* para) {
+  char out[kTextBytes];
+  set_output_name(out, file, para);
+  std::string path = plain_path(out);
   path.resize(path.size() - static_cast<size_t>(get_micrograph_suffixn(path.c_str())));
   return path;
 }
@@ -54,8 +56,8 @@ bool is_own_image_of_a_micrograph(const std::string& path) {
   return !stem.empty() && (access((stem + ".mrc").c_str(), F_OK) == 0 || access((stem + ".mrcs").c_str(), F_OK) == 0);
 }
 
-int leave_out_own_images(char** files, int n, const char* odir) {
-  const std::unordered_set<std::string> stems = all_stems(files, n, odir);
+int leave_out_own_images(char** files, int n, const Kestrix_Para* para) {
+  const std::unordered_set<std::string> stems = all_stems(files, n, para);
   const auto is_own_image = [&](const char* file) {
     const std::string stem = stem_of_own_image(plain_path(file));
     return !stem.empty() && stems.count(stem) > 0;
@@ -69,13 +71,13 @@ int leave_out_own_images(char** files, int n, const char* odir) {
   return left;
 }
 
-void check_output_names(const char* const* files, int n, const char* odir) {
+void check_output_names(const char* const* files, int n, const Kestrix_Para* para) {
   std::unordered_map<std::string, std::string> path_of_stem;
   const char* repeated = nullptr;
   int times = 0;
   for (int i = 0; i < n; i++) {
     const std::string path = plain_path(files[i]);
-    const auto [entry, is_new] = path_of_stem.emplace(output_stem(files[i], odir), path);
+    const auto [entry, is_new] = path_of_stem.emplace(output_stem(files[i], para), path);
     if (is_new) continue;
     if (entry->second != path)
       KESTRIX_FATAL("%s and %s would both write %s_quorlin.box; pick them in separate folders or rename one",
@@ -88,12 +90,12 @@ void check_output_names(const char* const* files, int n, const char* odir) {
                 with_more(repeated, times - 1).c_str());
 }
 
-std::vector<std::vector<int>> groups_by_outputs(const char* const* files, int n, const char* odir) {
+std::vector<std::vector<int>> groups_by_outputs(const char* const* files, int n, const Kestrix_Para* para) {
   std::unordered_map<std::string, std::string> folders;  // as written, and as they are
   std::unordered_map<std::string, size_t> group_of;
   std::vector<std::vector<int>> groups;
   for (int i = 0; i < n; i++) {
-    const std::filesystem::path stem(output_stem(files[i], odir));
+    const std::filesystem::path stem(output_stem(files[i], para));
     const std::string written = stem.has_parent_path() ? stem.parent_path().string() : ".";
     std::string& folder = folders[written];
     std::error_code unknown;

@@ -1,7 +1,6 @@
 #include "session/picker.h"
 
-#include <chrono>
-
+#include "run/micrograph_image.h"
 #include "run/stage_timer.h"
 
 namespace {
@@ -14,10 +13,12 @@ RunTally difference(const RunTally& a, const RunTally& b) {
 
 }  // namespace
 
-std::string problem_of_micrograph(const std::string& name, const Kestrix_Para& para, ImageFacts* facts) {
-  *facts = look_at_mrc(name.c_str());
+std::string problem_of_micrograph(const std::string& name, const Kestrix_Para& para, bool whole, ImageFacts* facts,
+                                  std::unique_ptr<ImageFile>* opened) {
+  *facts = look_at_image(name.c_str(), image_options(&para), whole, opened);
   if (!facts->problem.empty()) return facts->problem;
-  if (para.extract_raw && !facts->exact) return "isn't as long as its header says, so that particles can't be cut out";
+  if (para.extract_raw && whole && !facts->exact)
+    return "isn't as long as its header says, so that particles can't be cut out";
   return "";
 }
 
@@ -32,9 +33,12 @@ void Picker::prepare_for_list() {
 }
 
 std::string Picker::look_at(const std::string& name, ImageFacts* facts) {
+  begin_ = Clock::now();
+  image_.reset();
   if (!asked_.keep_going) return "";
-  std::string problem = problem_of_micrograph(name, asked_, facts);
-  if (problem.empty() && prepared_ && !mrc_head_is_like(&run_->first_head, &facts->head)) unprepare();
+  const bool whole = !is_finished_before(&asked_, name.c_str());  // else nothing will be read
+  std::string problem = problem_of_micrograph(name, asked_, whole, facts, &image_);
+  if (problem.empty() && prepared_ && !fits_run(run_, facts->head)) unprepare();
   return problem;
 }
 
@@ -55,9 +59,8 @@ void Picker::prepare_for(const std::string& name) {
 
 Taken Picker::pick(const std::string& name) {
   const RunTally before = run_->tally;
-  const Clock::time_point begin = Clock::now();
-  const bool picked = pick_micrograph(run_, name.c_str()) == kPicked;
-  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  const bool picked = pick_micrograph(run_, name.c_str(), std::move(image_)) == kPicked;
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin_).count();
   return {{name, picked ? kRowPicked : kRowFinishedBefore, run_->findings, picked ? seconds : 0},
           "",
           difference(run_->tally, before)};

@@ -1,9 +1,11 @@
 // One micrograph of a session after the other, in one process: looked at, prepared for, picked.
 #pragma once
 
+#include <chrono>
+#include <memory>
 #include <string>
 
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "run/picking.h"
 #include "session/summary.h"
 
@@ -44,10 +46,14 @@ class Picker {
   Run* run_;
   const Kestrix_Para asked_;  // the parameters before any preparation
   bool prepared_ = false;
+  std::chrono::steady_clock::time_point begin_;  // of the micrograph that was looked at
+  std::unique_ptr<ImageFile> image_;             // of it, where it is open
 };
 
 /// A micrograph that can't be picked.
 Taken failed_micrograph(const std::string& name, const std::string& problem);
 
-/// What is wrong with a micrograph for this run: with its file, or with cutting particles out of it. facts: set.
-std::string problem_of_micrograph(const std::string& name, const Kestrix_Para& para, ImageFacts* facts);
+/// What is wrong with a micrograph for this run: with its file, or with cutting particles out of it. facts: set. whole,
+/// opened: as look_at_image has them; unless it is whole nothing is said about cutting out.
+std::string problem_of_micrograph(const std::string& name, const Kestrix_Para& para, bool whole, ImageFacts* facts,
+                                  std::unique_ptr<ImageFile>* opened = nullptr);

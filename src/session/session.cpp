@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "platform/failure.h"
+#include "run/micrograph_image.h"
 #include "run/stage_timer.h"
 #include "session/begin_run.h"
 #include "session/check.h"
@@ -45,7 +46,7 @@ class Session {
   }
 
   SessionEnd watch() {
-    Watch watch(watched_folders(), is_str_null(asked_.micrographs) ? "" : asked_.micrographs);
+    Watch watch(watched_folders(), is_str_null(asked_.micrographs) ? "" : asked_.micrographs, image_options(&asked_));
     for (const std::string& name : names_)
       if (!std::filesystem::is_directory(name)) watch.look_at(name);
     for (const std::string& folder : stop_folders_) unlink((folder + "/" + kStopFile).c_str());
@@ -94,7 +95,7 @@ class Session {
   }
 
   void tell_incomplete(const std::string& name) {
-    const std::string problem = look_at_mrc(name.c_str()).problem;
+    const std::string problem = look_at_image(name.c_str(), image_options(&asked_), true).problem;
     const std::string text = problem.empty() ? "was still being written when the session ended" : problem;
     if (asked_.keep_going && !stopped_) {
       names_.push_back(name);

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 #include "session/command_line.h"
 #include "session/micrograph_list.h"
 
@@ -20,8 +20,9 @@ bool ends_with(const std::string& text, const std::string& end) {
 }
 
 // By its name alone.
-bool may_be_micrograph(const std::string& path) {
-  const std::string name = std::filesystem::path(path).filename().string();
+bool may_be_micrograph(const std::string& path, bool any_format) {
+  const std::string file = std::filesystem::path(path).filename().string();
+  const std::string name = any_format ? plain_image_name(file) : file;
   return name[0] != '.' && (ends_with(name, ".mrc") || ends_with(name, ".mrcs")) && !is_own_image_of_a_micrograph(path);
 }
 
@@ -29,8 +30,8 @@ long long nanoseconds(const timespec& t) { return t.tv_sec * 1000000000LL + t.tv
 
 }  // namespace
 
-Watch::Watch(std::vector<std::string> folders, std::string list)
-    : folders_(std::move(folders)), list_(std::move(list)) {
+Watch::Watch(std::vector<std::string> folders, std::string list, const ImageOptions& options)
+    : folders_(std::move(folders)), list_(std::move(list)), options_(options) {
   events_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (events_ < 0) return;
   for (const std::string& folder : folders_)
@@ -64,14 +65,14 @@ bool Watch::is_settled(const std::string& name) {
   const double age = 1e-9 * static_cast<double>(nanoseconds(now) - changed);
   const double watched = std::chrono::duration<double>(Clock::now() - seen.since).count();
   return (watched >= kSettleSeconds || age >= 10 * kSettleSeconds || (events_ >= 0 && age >= kSettleSeconds)) &&
-         look_at_mrc(name.c_str()).problem.empty();
+         look_at_image(name.c_str(), options_, false).problem.empty();
 }
 
 std::vector<std::string> Watch::take_new() {
   std::error_code gone;
   for (const std::string& folder : folders_)
     for (const auto& entry : std::filesystem::directory_iterator(folder, gone))
-      if (may_be_micrograph(entry.path().string())) look_at(entry.path().string());
+      if (may_be_micrograph(entry.path().string(), options_.any_format != 0)) look_at(entry.path().string());
   read_list();
   std::vector<std::string> settled;
   for (const auto& entry : pending_)

@@ -7,12 +7,14 @@
 #include <unordered_set>
 #include <vector>
 
+#include "formats/image_file.h"
+
 /// Looks for new micrographs in folders and in a list. A file counts once it is as long as its header says and hasn't
 /// changed for two seconds; hidden files, images of this program and files of other kinds don't count.
 class Watch {
  public:
   /// list: a file of names, read anew when it changes; empty: none.
-  Watch(std::vector<std::string> folders, std::string list);
+  Watch(std::vector<std::string> folders, std::string list, const ImageOptions& options);
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
   ~Watch();
@@ -41,6 +43,7 @@ class Watch {
 
   std::vector<std::string> folders_;
   std::string list_;
+  ImageOptions options_;
   long long list_changed_ = -1;
   int events_ = -1;  // of inotify; -1 where there is none
   std::unordered_set<std::string> taken_;

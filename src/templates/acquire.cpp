@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
 
 #include "compute/text_numbers.h"
 #include "cuda_general.h"
@@ -64,14 +66,14 @@ float* shrink_stack(float* stack, int nx, int ny, int nz, int shrink) {
 bool is_auto_template(const char* T) { return strcasecmp(T, "NULL") == 0 || strcasecmp(T, "NONE") == 0; }
 
 float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, float radius, float apixT, float apixM,
-                                   int shrink, float center1_ratio, int work_side) {
+                                   int shrink, float center1_ratio, int work_side, const ImageOptions& options) {
   if (is_auto_template(T)) {
     const long side = 4L * saturating_int(radius);
     check_working_size(saturating_int(side), saturating_int(side), work_side, "the automatic template would");
     return create_template_data(nx, ny, nz, radius, center1_ratio);
   }
   if (access(T, R_OK) != 0) safety_note(T, "given by --T, can't be read; check its name and your rights.");
-  float* stack = get_template_data(nx, ny, nz, T);
+  float* stack = options.any_format ? get_template_images(nx, ny, nz, T, options) : get_template_data(nx, ny, nz, T);
   const float scale = apixT / apixM;
   const int snx = saturating_int(static_cast<float>(nx) * scale);
   const int sny = saturating_int(static_cast<float>(ny) * scale);
@@ -96,6 +98,24 @@ float* get_template_data(int& nx, int& ny, int& nz, const char* name) {
   auto* stack = host_new<float>(static_cast<size_t>(nz) * pixels);
   for (int z = 0; z < nz; z++) mrc_read_slice(file, &head, z, 'z', stack + static_cast<size_t>(z) * pixels);
   fclose(file);
+  return stack;
+}
+
+float* get_template_images(int& nx, int& ny, int& nz, const char* name, const ImageOptions& options) {
+  std::string problem;
+  const std::unique_ptr<ImageFile> image = open_image(name, options, &problem);
+  if (!image) KESTRIX_FATAL("the template stack %s %s", name, problem.c_str());
+  if (!image->unreadable().empty()) KESTRIX_FATAL("the template stack %s %s", name, image->unreadable().c_str());
+  nx = image->head().nx;
+  ny = image->head().ny;
+  nz = image->head().nz;
+  for (int z = nz - 1; z >= 0; z--)  // the last first, which tells of the others
+    if (image->missing_samples(z) > 0)
+      KESTRIX_FATAL("the template stack %s ends before its image %d of %d%s%s", name, z + 1, nz,
+                    image->damage().empty() ? "" : ": it ", image->damage().c_str());
+  const size_t pixels = static_cast<size_t>(nx) * ny;
+  auto* stack = host_new<float>(static_cast<size_t>(nz) * pixels);
+  for (int z = 0; z < nz; z++) image->read_rows(z, 0, ny, stack + static_cast<size_t>(z) * pixels);
   return stack;
 }
 

@@ -2,6 +2,8 @@
 // resampling.
 #pragma once
 
+#include "formats/image_file.h"
+
 /// Whether T asks for the automatic template: "NULL" or "NONE" in any case.
 bool is_auto_template(const char* T);
 
@@ -13,11 +15,16 @@ bool is_auto_template(const char* T);
 /// work_side      side of the working image, which no template may exceed
 /// Returns nz images of nx*ny floats, one behind the other, which the caller frees with free. A stack that can't be
 /// read, and templates that come out smaller than a pixel or larger than the working image, end the run.
+/// options        how T is read
 float* get_or_create_template_data(int& nx, int& ny, int& nz, const char* T, float radius, float apixT, float apixM,
-                                   int shrink, float center1_ratio, int work_side);
+                                   int shrink, float center1_ratio, int work_side,
+                                   const ImageOptions& options = kPlainImages);
 
 /// Reads the whole stack, as above.
 float* get_template_data(int& nx, int& ny, int& nz, const char* name);
+
+/// The same of a file of any format.
+float* get_template_images(int& nx, int& ny, int& nz, const char* name, const ImageOptions& options);
 
 /// One template: 1 out to radius * center1_ratio, then a Gaussian fall to the radius, in a box of four radii (the
 /// radius truncated first).

@@ -97,6 +97,9 @@ bool wide_lanes_possible();
 bool wide_lanes();
 void set_wide_lanes(bool wide);
 
+/// The widest instructions that loops are run with on this processor.
+const char* instruction_set();
+
 namespace lane_detail {
 
 template <class Loop, class... Args>

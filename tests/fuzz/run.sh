@@ -9,7 +9,7 @@ cd "$(dirname "$0")/../.."
 seconds=${1:-600}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(mrc box star command_line)
+[ ${#targets[@]} -gt 0 ] || targets=(mrc image tiff box star command_line)
 
 tools/install_packages.sh fuzz
 cmake --preset fuzz >/dev/null

@@ -1,13 +1,17 @@
 #include "fuzz/targets.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
 
 #include "boxfile.h"
 #include "conditioning/conditioning.h"
 #include "cuda_general.h"
+#include "formats/image_file.h"
 #include "mrcfile.h"
 #include "process2d_mrc.h"
 #include "quorlin56.h"
@@ -74,6 +78,31 @@ void cut_from_mrc(const char* path) {
   if (mrc_section_size_valid(&head))
     mrcf_x2d_extract_ptcls_from_micrograph(path, write_beside(path, "_cut.box", "0 0 4 4\n-3 2 4 4\n100000 1 4 4\n"), 0,
                                            0);
+}
+
+// --- Images of any format ---
+
+// Rows are read as far as what the file holds makes worth while, whatever its header promises.
+void read_any_image(const char* path) {
+  constexpr int kMostSamples = 1 << 16;
+  static float rows[kMostSamples];
+  for (const int signed_bytes : {-1, 0, 1}) {
+    std::string problem;
+    const std::unique_ptr<ImageFile> image = open_image(path, {1, signed_bytes}, &problem);
+    if (!image) {
+      if (problem.empty()) abort();
+      continue;
+    }
+    const MRC_HEAD& head = image->head();
+    problem_of_section(*image);
+    image->size_is_exact();
+    if (!image->unreadable().empty() || head.nx > kMostSamples) continue;
+    for (const int section : {0, head.nz - 1, head.nz / 2}) {
+      image->missing_samples(section);
+      const int count = std::min(head.ny, kMostSamples / head.nx);
+      for (const int first : {0, head.ny - count}) image->read_rows(section, first, count, rows);
+    }
+  }
 }
 
 // --- Lists of coordinates ---
@@ -168,6 +197,8 @@ void parse_words(const char* path) {
 
 const FuzzTarget kAllFuzzTargets[kFuzzTargets] = {
     {"mrc", "input.mrc", {read_mrc_parts, read_mrc_whole, read_mrc_as_templates, cut_from_mrc}},
+    {"image", "input.any", {read_any_image}},
+    {"tiff", "input.tif", {read_any_image}},
     {"box", "input.box", {read_list, exclude_list, select_from_list, exclude_from_selection}},
     {"star", "input.star", {read_list, exclude_list, exclude_from_selection}},
     {"command_line", "input.txt", {parse_words}}};

@@ -17,7 +17,7 @@ struct FuzzTarget {
   std::vector<FuzzPart> parts;
 };
 
-constexpr int kFuzzTargets = 4;
+constexpr int kFuzzTargets = 6;
 extern const FuzzTarget kAllFuzzTargets[kFuzzTargets];
 
 /// The target of that name, or null.

@@ -225,7 +225,7 @@ class Page(unittest.TestCase):
         self.assertEqual(["problem"] * 2, page.js(f"[{MICROGRAPHS}, {MICROGRAPHS + 1}].map(Table.state)"))
         page.js(f"Stage.show({MICROGRAPHS})")
         page.settle()
-        self.assertIn("ends early", page.js("document.getElementById('nothing').textContent"))
+        self.assertIn("ends after", page.js("document.getElementById('nothing').textContent"))
         self.assertIn("line 2 left out", page.js("document.getElementById('nothing').textContent"))
 
 

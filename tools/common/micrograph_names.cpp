@@ -6,6 +6,9 @@
 
 #include "common/options.h"
 #include "common/star_reader.h"
+#include "formats/image_file.h"
+#include "platform/failure.h"
+#include "session/micrograph_list.h"
 #include "str_utils.h"
 
 namespace {
@@ -55,8 +58,15 @@ std::vector<std::string> gather_micrographs(const std::vector<const char*>& give
     for (std::string& name : names_of_file(listed)) all.push_back(std::move(name));
   std::vector<std::string> names;
   std::unordered_set<std::string> seen;
-  for (std::string& name : all)
-    if (seen.insert(name).second) names.push_back(std::move(name));
+  int left_out = 0;
+  for (std::string& name : all) {
+    if (!seen.insert(name).second) continue;
+    const bool is_own = is_own_image_of_a_micrograph(name);
+    left_out += is_own;
+    if (!is_own) names.push_back(std::move(name));
+  }
+  if (left_out > 0)
+    safety_note(nullptr, "%d images that kestrix wrote beside micrographs are left out of the list.", left_out);
   return names;
 }
 
@@ -64,7 +74,8 @@ std::string list_base(const std::string& name, const ListPlace& place) {
   std::string base = name;
   for (const std::string& ending : list_endings(place))
     if (ends_in(name, ending)) return name.substr(0, name.size() - ending.size());
-  base.resize(base.size() - static_cast<size_t>(get_micrograph_suffixn(name.c_str())));
+  base = plain_image_name(name);
+  base.resize(base.size() - static_cast<size_t>(get_micrograph_suffixn(base.c_str())));
   if (place.odir.empty()) return base;
   return (std::filesystem::path(place.odir) / std::filesystem::path(base).filename()).string();
 }
@@ -73,8 +84,9 @@ std::string micrograph_of(const std::string& name, const ListPlace& place) {
   for (const std::string& ending : list_endings(place)) {
     if (!ends_in(name, ending)) continue;
     const std::string base = name.substr(0, name.size() - ending.size());
-    return std::filesystem::exists(base + ".mrcs") && !std::filesystem::exists(base + ".mrc") ? base + ".mrcs"
-                                                                                              : base + ".mrc";
+    for (const char* image : {".mrc", ".mrcs", ".tif", ".tiff", ".mrc.gz", ".mrc.bz2", ".mrc.xz"})
+      if (std::filesystem::exists(base + image)) return base + image;
+    return base + ".mrc";
   }
   return name;
 }

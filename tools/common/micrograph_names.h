@@ -6,7 +6,8 @@
 
 /// Names of micrographs: those given, then those of the file `listed`, if it isn't empty: a STAR file with the column
 /// _rlnMicrographName, or a text with one name a line, where empty lines and those that begin with # don't count. A name
-/// that stands twice is taken once. A file that can't be read, or has no such column, is refused.
+/// that stands twice is taken once, an image that kestrix wrote beside a micrograph not at all: *.mrc finds them too. A
+/// file that can't be read, or has no such column, is refused.
 std::vector<std::string> gather_micrographs(const std::vector<const char*>& given, const char* listed);
 
 /// Where the lists of micrographs are.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "platform/failure.h"
+#include "run/version.h"
 #include "str_utils.h"
 
 namespace {
@@ -40,11 +41,40 @@ void store_value(const Option& option, const char* text) {
       store_real(option, text);
       break;
     case OptionKind::text:
+    case OptionKind::file:
+    case OptionKind::folder:
       *static_cast<const char**>(option.value) = text;
       break;
     case OptionKind::flag:
       break;
   }
+}
+
+const char* kind_of_value(OptionKind kind) {
+  switch (kind) {
+    case OptionKind::flag:
+      return "flag";
+    case OptionKind::text:
+      return "text";
+    case OptionKind::file:
+      return "file";
+    case OptionKind::folder:
+      return "folder";
+    default:
+      return "number";
+  }
+}
+
+// What asks about the program itself, ends it.
+void answer_about_program(const char* argument, const Option* options, size_t count) {
+  if (asks_for_version(argument)) {
+    put_version(program_invocation_short_name);
+    end_run(EXIT_SUCCESS);
+  }
+  if (!keywd_cmp(argument, "list_options")) return;
+  for (size_t i = 0; i < count; i++) printf("--%s %s\n", options[i].name, kind_of_value(options[i].kind));
+  printf("--help flag\n--version flag\n");
+  end_run(EXIT_SUCCESS);
 }
 
 const Option* find_option(const char* argument, const Option* options, size_t count) {
@@ -66,6 +96,8 @@ void print_default(const Option& option) {
       printf(" [%g]", *static_cast<double*>(option.value));
       break;
     case OptionKind::text:
+    case OptionKind::file:
+    case OptionKind::folder:
       printf(" [%s]", *static_cast<const char**>(option.value));
       break;
     case OptionKind::flag:
@@ -99,8 +131,10 @@ void print_help(const char* usage, const char* purpose, const Option* options, s
 }
 
 int parse_options(int argc, char** argv, const Option* options, size_t count, const char** names, int most_names) {
-  for (int i = 1; i < argc; i++)
+  for (int i = 1; i < argc; i++) {
     if (is_keywd_help(argv[i])) return -1;
+    answer_about_program(argv[i], options, count);
+  }
   int found = 0;
   for (int i = 1; i < argc; i++) {
     const Option* option = find_option(argv[i], options, count);

@@ -3,12 +3,12 @@
 
 #include <cstddef>
 
-enum class OptionKind { flag, integer, real, text };
+enum class OptionKind { flag, integer, real, text, file, folder };
 
 /// One option of a tool. value points to what the option sets, which holds the default beforehand.
 struct Option {
   const char* name;    // without hyphens
-  OptionKind kind;     // value is an int* (flag: set to 1), long* (integer), double* (real), const char** (text)
+  OptionKind kind;     // value is an int* (flag: set to 1), long* (integer), double* (real), const char** (the others)
   void* value;         // owned by the tool
   double least, most;  // bounds of a number, both allowed
   const char* preset;  // tells a default that is worked out later; null where the value itself is the default
@@ -24,5 +24,6 @@ void print_help(const char* usage, const char* purpose, const Option* options, s
 
 /// Stores the values of the options that stand in argv (one or two hyphens, any case) and collects the other
 /// arguments in names, at most most_names. Returns their number, or -1 where help was asked for. An unknown
-/// option, a missing or unusable value and a name too many are refused.
+/// option, a missing or unusable value and a name too many are refused. --version and --list_options print what they name
+/// and end the process with status 0.
 int parse_options(int argc, char** argv, const Option* options, size_t count, const char** names, int most_names);

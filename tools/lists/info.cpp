@@ -86,9 +86,9 @@ int run_info(int argc, char** argv) {
   const Option options[] = {
       {"bin", OptionKind::real, &s.bin, 1e-6, 1e6, nullptr, "width of the histogram's bins"},
       {"each", OptionKind::flag, &s.each, 0, 0, nullptr, "a line for each list before all others"},
-      {"micrographs", OptionKind::text, &s.micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
+      {"micrographs", OptionKind::file, &s.micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
       {"list", OptionKind::text, &s.list, 0, 0, nullptr, "suffix of the lists to read"},
-      {"odir", OptionKind::text, &s.odir, 0, 0, "beside", "folder of the lists"},
+      {"odir", OptionKind::folder, &s.odir, 0, 0, "beside", "folder of the lists"},
       {"strict", OptionKind::flag, &s.strict, 0, 0, nullptr, "end at the first line or file that can't be read"},
   };
   constexpr size_t kOptions = sizeof options / sizeof options[0];

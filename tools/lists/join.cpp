@@ -204,7 +204,7 @@ constexpr Target kTargets[] = {
 std::vector<Option> option_table(Settings* s) {
   return {
       {"for", OptionKind::text, &s->target, 0, 0, "none", "the importing program"},
-      {"out", OptionKind::text, &s->out, 0, 0, "by --for", "file or folder to write"},
+      {"out", OptionKind::file, &s->out, 0, 0, "by --for", "file or folder to write"},
       {"apixM", OptionKind::real, &s->apixM, 0, 1e6, "none", "pixel size of the micrographs, Å"},
       {"flip_y", OptionKind::flag, &s->flip_y, 0, 0, nullptr, "count y from the other end of the micrograph"},
       {"ny", OptionKind::integer, &s->ny, 0, 65535, "read", "height for --flip_y where micrographs aren't there"},
@@ -212,9 +212,9 @@ std::vector<Option> option_table(Settings* s) {
       {"kV", OptionKind::real, &s->kV, 1, 1000, nullptr, "voltage for particle tables, kV"},
       {"cs", OptionKind::real, &s->cs, 0, 100, nullptr, "spherical aberration, mm"},
       {"ac", OptionKind::real, &s->ac, 0, 1, nullptr, "amplitude contrast"},
-      {"micrographs", OptionKind::text, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
+      {"micrographs", OptionKind::file, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
       {"list", OptionKind::text, &s->list, 0, 0, nullptr, "suffix of the lists to read"},
-      {"odir", OptionKind::text, &s->odir, 0, 0, "beside", "folder of the lists"},
+      {"odir", OptionKind::folder, &s->odir, 0, 0, "beside", "folder of the lists"},
       {"strict", OptionKind::flag, &s->strict, 0, 0, nullptr, "end at the first line or file that can't be read"},
   };
 }

@@ -4,6 +4,7 @@
 
 #include "common/options.h"
 #include "lists/commands.h"
+#include "run/version.h"
 #include "str_utils.h"
 
 namespace {
@@ -36,6 +37,15 @@ int main(int argc, char** argv) {
   if (argc < 2 || is_keywd_help(argv[1])) {
     print_commands();
     return argc < 2 ? 1 : 0;
+  }
+  if (asks_for_version(argv[1])) {
+    put_version("kestrix_lists");
+    return 0;
+  }
+  if (keywd_cmp(argv[1], "list_options")) {
+    for (const Command& command : kCommands) printf("%s command\n", command.name);
+    printf("--help flag\n--version flag\n");
+    return 0;
   }
   for (const Command& command : kCommands)
     if (strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);

@@ -55,7 +55,7 @@ struct Work {
 std::vector<Option> option_table(Settings* s) {
   constexpr double kMost = 1e9;
   return {
-      {"selection", OptionKind::text, &s->selection, 0, 0, "none", "a selection.json that the page saved"},
+      {"selection", OptionKind::file, &s->selection, 0, 0, "none", "a selection.json that the page saved"},
       {"min_score", OptionKind::real, &s->min_score, -kMost, kMost, "none", "least score"},
       {"max_score", OptionKind::real, &s->max_score, -kMost, kMost, "none", "largest score"},
       {"thin", OptionKind::real, &s->thin, 0, kMost, "none",
@@ -66,7 +66,7 @@ std::vector<Option> option_table(Settings* s) {
       {"lsigma_min", OptionKind::real, &s->lsigma_min, -kMost, kMost, "none",
        "least local sigma, from NAME_lsigma.mrc"},
       {"lsigma_max", OptionKind::real, &s->lsigma_max, -kMost, kMost, "none", "largest local sigma"},
-      {"leave_out", OptionKind::text, &s->leave_out, 0, 0, "none", "a list of micrographs to leave out"},
+      {"leave_out", OptionKind::file, &s->leave_out, 0, 0, "none", "a list of micrographs to leave out"},
       {"cc_cutoff", OptionKind::real, &s->cc_cutoff, -kMost, kMost, "the run's", "choose anew with this least score"},
       {"min_dist", OptionKind::real, &s->min_dist, 0, kMost, "the run's", "choose anew with this least distance, Å"},
       {"apixM", OptionKind::real, &s->reselect.apixM, 0, kMost, "none", "pixel size of the micrographs, Å"},
@@ -74,9 +74,9 @@ std::vector<Option> option_table(Settings* s) {
       {"speed", OptionKind::integer, &s->reselect.speed, 0, 4, nullptr, "the run's --speed"},
       {"boxsize", OptionKind::integer, &s->reselect.boxsize, 0, 65535, "as listed", "side of the boxes, pixels"},
       {"excluded_suffix", OptionKind::text, &s->reselect.excluded_suffix, 0, 0, "none", "the run's excluded lists"},
-      {"micrographs", OptionKind::text, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
+      {"micrographs", OptionKind::file, &s->micrographs, 0, 0, "none", "more micrographs, a text or STAR file"},
       {"list", OptionKind::text, &s->list, 0, 0, nullptr, "suffix of the lists to read"},
-      {"odir", OptionKind::text, &s->odir, 0, 0, "beside", "folder of the lists"},
+      {"odir", OptionKind::folder, &s->odir, 0, 0, "beside", "folder of the lists"},
       {"suffix", OptionKind::text, &s->suffix, 0, 0, nullptr, "suffix of the lists to write"},
       {"overwrite", OptionKind::flag, &s->overwrite, 0, 0, nullptr, "let them replace the lists that kestrix wrote"},
       {"strict", OptionKind::flag, &s->strict, 0, 0, nullptr, "end at the first line or file that can't be read"},

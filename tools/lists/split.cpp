@@ -134,7 +134,7 @@ void split_table(std::istream& file, const char* name, BrokenLines* broken, Spli
 int run_split(int argc, char** argv) {
   Settings settings;
   const Option options[] = {
-      {"dir", OptionKind::text, &settings.dir, 0, 0, "beside", "folder to write the lists to"},
+      {"dir", OptionKind::folder, &settings.dir, 0, 0, "beside", "folder to write the lists to"},
       {"strict", OptionKind::flag, &settings.strict, 0, 0, nullptr, "end at the first line that can't be read"},
   };
   const char* names[2];

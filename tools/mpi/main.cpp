@@ -7,8 +7,8 @@
 int main(int argc, char** argv) {
   time_push();
   time_push();
-  if (asks_for_help(argc, argv)) {
-    if (speaks_for_launcher()) put_help(argc, argv);
+  if (asks_for_words(argc, argv)) {
+    if (speaks_for_launcher()) put_words(argc, argv, "kestrix_mpi");
     return 0;
   }
   const RankPlace place = join_ranks(&argc, &argv);

@@ -86,7 +86,7 @@ class FirstRank {
   void share_out() {
     std::vector<const char*> texts;
     for (const std::string& name : names()) texts.push_back(name.c_str());
-    leader_.share_out(groups_by_outputs(texts.data(), static_cast<int>(texts.size()), run_->para.odir));
+    leader_.share_out(groups_by_outputs(texts.data(), static_cast<int>(texts.size()), &run_->para));
   }
 
   // Prints and books what is known of the next micrographs in the list. wait: of all.

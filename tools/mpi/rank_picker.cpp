@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "run/micrograph_image.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -73,8 +75,9 @@ bool RankPicker::is_like_the_one_before(int position, const MRC_HEAD& head) {
     const auto i = static_cast<size_t>(before);
     if (broken_[i] == 'y') continue;
     ImageFacts facts;
-    broken_[i] = problem_of_micrograph(names_[i], asked_, &facts).empty() ? 'n' : 'y';
-    if (broken_[i] == 'n') return mrc_head_is_like(&facts.head, &head);
+    const bool whole = asked_.extract_raw && !is_finished_before(&asked_, names_[i].c_str());
+    broken_[i] = problem_of_micrograph(names_[i], asked_, whole, &facts).empty() ? 'n' : 'y';
+    if (broken_[i] == 'n') return are_alike(&asked_, facts.head, head);
   }
   return false;
 }

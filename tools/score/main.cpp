@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
       {"diameter", OptionKind::real, &diameter, 10, 10000, nullptr, "particle diameter, Å"},
       {"apix", OptionKind::real, &apix, 0.1, 100, nullptr, "pixel size of the micrograph, Å"},
       {"tolerance", OptionKind::real, &tolerance, 0.01, 2, nullptr, "largest distance, in particle radii"},
-      {"areas", OptionKind::text, &areas_name, 0, 0, "none", "outlines of ice and carbon, a _areas.star file"},
+      {"areas", OptionKind::file, &areas_name, 0, 0, "none", "outlines of ice and carbon, a _areas.star file"},
       {"brief", OptionKind::flag, &brief, 0, 0, nullptr, "print one line of numbers"},
   };
   constexpr size_t kOptions = sizeof options / sizeof options[0];

@@ -1,15 +1,16 @@
-// What is wrong with a file that was given as an MRC image.
+// What is wrong with a file that was given as an image.
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
-#include "mrcfile.h"
+#include "formats/image_file.h"
 
 /// Says on standard error what kind of file this is, where it is not a plain MRC image that can be read whole: empty,
 /// compressed, TIFF, HDF5, text, big-endian, of samples that can't be read, or cut short; and what to do about it. Says
-/// nothing of a plain one. Leaves the file where it was.
-void note_odd_image(const char* name, FILE* file, const MRC_HEAD* head);
+/// nothing of a plain one.
+void note_odd_image(const char* name);
 
 /// What a file's header and length tell.
 struct ImageFacts {
@@ -19,5 +20,8 @@ struct ImageFacts {
   bool exact = false;   // the file is as long as its header says with all sections, as extraction wants it
 };
 
-/// Looks at a file that is given as a micrograph, and reads no samples. Says nothing and ends nothing.
-ImageFacts look_at_mrc(const char* name);
+/// Looks at a file that is given as a micrograph. Says nothing and ends nothing. whole: decodes what is compressed, which
+/// takes as long as reading it; else its samples are not looked at, and exact is false. The open image, where any format is
+/// read and the file could be opened, goes to `opened`, if it isn't null.
+ImageFacts look_at_image(const char* name, const ImageOptions& options, bool whole,
+                         std::unique_ptr<ImageFile>* opened = nullptr);

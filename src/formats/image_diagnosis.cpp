@@ -1,11 +1,10 @@
-#include "formats/mrc_diagnosis.h"
+#include "formats/image_diagnosis.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -20,18 +19,19 @@ struct Signature {
   const char* remedy;
 };
 
+constexpr char kAnyFormat[] = "give --any_format 1 to read it";
 constexpr char kDecompress[] = "decompress it first";
 constexpr char kConvert[] = "convert it to a plain MRC file first";
 
-constexpr Signature kSignatures[] = {{"\x1f\x8b", 2, "is gzip'd", kDecompress},
-                                     {"BZh", 3, "is compressed by bzip2", kDecompress},
+constexpr Signature kSignatures[] = {{"\x1f\x8b", 2, "is gzip'd", kAnyFormat},
+                                     {"BZh", 3, "is compressed by bzip2", kAnyFormat},
                                      {"\xfd"
                                       "7zXZ",
-                                      5, "is compressed by xz", kDecompress},
+                                      5, "is compressed by xz", kAnyFormat},
                                      {"\x28\xb5\x2f\xfd", 4, "is compressed by zstd", kDecompress},
-                                     {"II*\0", 4, "is a TIFF file", kConvert},
-                                     {"MM\0*", 4, "is a TIFF file", kConvert},
-                                     {"II+\0", 4, "is a BigTIFF file", kConvert},
+                                     {"II*\0", 4, "is a TIFF file", kAnyFormat},
+                                     {"MM\0*", 4, "is a TIFF file", kAnyFormat},
+                                     {"II+\0", 4, "is a BigTIFF file", kAnyFormat},
                                      {"\x89HDF", 4, "is an HDF5 file", kConvert}};
 
 bool is_text(const unsigned char* bytes, size_t n) {
@@ -55,16 +55,12 @@ std::string by_first_bytes(const unsigned char* bytes, size_t n) {
 }
 
 std::string by_head(FILE* file, const MRC_HEAD* head) {
-  if (is_other_endian(head)) return "is big-endian; convert it to a little-endian MRC file first";
-  if (head->mode == 12) return "has 16-bit floats (mode 12), which can't be read; convert it to mode 2 first";
-  if (head->mode == 101) return "has 4-bit samples (mode 101), which can't be read; convert it to mode 2 first";
+  if (is_other_endian(head)) return "is big-endian; give --any_format 1 to read it";
+  if (head->mode == 12) return "has 16-bit floats (mode 12); give --any_format 1 to read them";
+  if (head->mode == 101) return "has 4-bit samples (mode 101); give --any_format 1 to read them";
   if (!mrc_section_size_valid(head) || !mrc_mode_readable(head->mode)) return "";
   const unsigned long missing = mrc_missing_samples(file, head, 0);
-  const long rows = head->ny - static_cast<long>((missing + static_cast<unsigned long>(head->nx) - 1) /
-                                                 static_cast<unsigned long>(head->nx));
-  if (missing == 0) return "";
-  return "ends after " + std::to_string(rows) + " of " + std::to_string(head->ny) +
-         " rows; was it copied or written whole?";
+  return missing == 0 ? "" : missing_rows_text(*head, missing);
 }
 
 std::string what_is_odd(FILE* file, const MRC_HEAD* head) {
@@ -86,14 +82,7 @@ std::string kind_of_no_file(const char* name) {
   return S_ISREG(status.st_mode) ? "" : "is no regular file";
 }
 
-}  // namespace
-
-void note_odd_image(const char* name, FILE* file, const MRC_HEAD* head) {
-  const std::string odd = what_is_odd(file, head);
-  if (!odd.empty()) safety_note(name, "%s%s", odd.c_str(), odd.back() == '?' ? "" : ".");
-}
-
-ImageFacts look_at_mrc(const char* name) {
+ImageFacts look_at_plain_mrc(const char* name) {
   ImageFacts facts;
   facts.problem = kind_of_no_file(name);
   if (!facts.problem.empty()) return facts;
@@ -115,7 +104,34 @@ ImageFacts look_at_mrc(const char* name) {
     facts.problem = "has samples of MRC mode " + std::to_string(head.mode) + ", which can't be read";
   }
   facts.exact = facts.problem.empty() && mrc_size_is_exact(file.get(), &head);
-  if (facts.problem.empty() && head.mx > 0 && std::isfinite(head.xlen) && head.xlen > 0)
-    facts.apix = head.xlen / static_cast<float>(head.mx);
+  if (facts.problem.empty()) facts.apix = pixel_size_of(head);
   return facts;
+}
+
+}  // namespace
+
+ImageFacts look_at_image(const char* name, const ImageOptions& options, bool whole,
+                         std::unique_ptr<ImageFile>* opened) {
+  if (!options.any_format) return look_at_plain_mrc(name);
+  ImageFacts facts;
+  std::unique_ptr<ImageFile> image = open_image(name, options, &facts.problem);
+  if (!image) return facts;
+  facts.head = image->head();
+  facts.apix = pixel_size_of(facts.head);
+  facts.problem = image->unreadable();
+  if (facts.problem.empty() && (whole || !image->is_compressed())) {
+    facts.problem = problem_of_section(*image);
+    facts.exact = facts.problem.empty() && image->size_is_exact();
+  }
+  if (opened) *opened = std::move(image);
+  return facts;
+}
+
+void note_odd_image(const char* name) {
+  const std::unique_ptr<FILE, FileCloser> file(fopen(name, "r"));
+  if (!file) return;
+  MRC_HEAD head;
+  mrc_read_head(file.get(), &head);
+  const std::string odd = what_is_odd(file.get(), &head);
+  if (!odd.empty()) safety_note(name, "%s%s", odd.c_str(), odd.back() == '?' ? "" : ".");
 }
