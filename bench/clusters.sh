@@ -2,10 +2,11 @@
 # What kestrix_mpi reaches:
 #   bench/clusters.sh [BUILD]                                               (default: build)
 # Two ranks of one thread over one rank of one thread, 40 micrographs of 4096 x 4096 with eight templates, by turns, best of
-# ROUNDS=3 (at least 1.95; needs two free cores, so the load is printed beside it); 200 micrographs of very different cost over
-# four ranks, over the best possible division of the costs that were measured in that run (at most 1.1), with the time spent
-# waiting for the next index (below 1 per cent); memory of a rank; and a simulation that says what more ranks reach on 30,000
-# micrographs with these costs, and where the leader or a file system ends it. Parts by name: PARTS="two uneven memory simulation".
+# ROUNDS=3 (at least 1.95; needs two free cores: the load is printed beside it, and the work of the processors, which other work
+# disturbs less); 200 micrographs of very different cost over four ranks, over the best possible division of the costs that were
+# measured in that run (at most 1.1), with the time spent waiting for the next index (below 1 per cent); memory of a rank; and a
+# simulation that says what more ranks reach on 30,000 micrographs with these costs, and where the leader or a file system ends
+# it. Parts by name: PARTS="two uneven memory simulation".
 set -eu
 cd "$(dirname "$0")/.."
 build=$(cd "${1:-build}" && pwd)
@@ -23,6 +24,14 @@ seconds() {
   local begin=$EPOCHREALTIME
   "$@" >out 2>err || { tail -n 3 out err >&2; return 1; }
   awk -v a="$begin" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.3f\n", b - a }'
+}
+# cpu_of COMMAND...: leaves the processor time of the command and its children, seconds, in the file cpu
+cpu_of() {
+  local TIMEFORMAT='%U %S' status=0
+  { time "$@" 2>err_of_command || status=$?; } 2>cpu_times
+  awk '{ print $1 + $2 }' cpu_times >cpu
+  cat err_of_command >&2
+  return $status
 }
 ranks() { mpirun --bind-to none -n "$1" "$build/kestrix_mpi" "${@:2}"; }
 load() { cut -d' ' -f1 /proc/loadavg; }
@@ -45,12 +54,14 @@ two_ranks() {
   links 40 same big_001.mrc big_002.mrc >same.txt
   local options=(--apixM 1.34 --diameter 260 --T big_templates.mrcs --apixT 2.68 --cc_cutoff 0.25 --micrographs same.txt) round
   for ((round = 0; round < rounds; round++)); do
-    echo "1 $(seconds ranks 1 "${options[@]}" --odir one) $(load)"
-    echo "2 $(seconds ranks 2 "${options[@]}" --odir two) $(load)"
-  done | tee times |
-    awk '{ printf "%d rank%s: %.2f s, load %.1f\n", $1, $1 > 1 ? "s" : "", $2, $3 }
+    echo "1 $(seconds cpu_of ranks 1 "${options[@]}" --odir one) $(cat cpu) $(load)"
+    echo "2 $(seconds cpu_of ranks 2 "${options[@]}" --odir two --progress 1) $(cat cpu) $(load)"
+  done |
+    awk '{ printf "%d rank%s: %.2f s, of processors %.2f s, load %.1f\n", $1, ($1 > 1 ? "s" : ""), $2, $3, $4 }
          !($1 in best) || $2 < best[$1] { best[$1] = $2 }
-         END { printf "ratio of the best %.3f\n", best[1] / best[2] }'
+         !($1 in cpu) || $3 < cpu[$1] { cpu[$1] = $3 }
+         END { printf "ratio of the best times %.3f; work of the processors for one rank over that for two %.3f\n", best[1] / best[2], cpu[1] / cpu[2] }'
+  grep "ranks took" err
   diff -r one two >/dev/null && echo "the same lists" || echo "lists DIFFER"
 }
 
