@@ -76,10 +76,8 @@ bool Leader::get_first_end(Told* told) const {
 }
 
 std::vector<RankTimes> Leader::finish() {
-  const Clock::time_point begin = Clock::now();
   if (thread_.joinable()) thread_.join();
   const Clock::time_point end = Clock::now();
-  times_[0].idle = std::chrono::duration<double>(end - begin).count();
   for (size_t rank = 1; rank < others_.size(); rank++)
     times_[rank].idle = std::chrono::duration<double>(end - others_[rank].left_at).count();
   for (size_t rank = 1; rank < others_.size(); rank++)

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -64,8 +65,12 @@ class FirstRank {
         leader_.take(picker_.pick(position));
         enter(false);
       }
+    const auto done = std::chrono::steady_clock::now();
     enter(true);
-    put_times(leader_.finish());
+    std::vector<RankTimes> times = leader_.finish();
+    times[0] = picker_.times();
+    times[0].idle = std::chrono::duration<double>(std::chrono::steady_clock::now() - done).count();
+    put_times(times);
     if (run_->first_head.nx == 0) time_drop();  // nothing was prepared here
     return book_->finish(names());
   }
@@ -115,27 +120,23 @@ class FirstRank {
     exit(status);
   }
 
-  void put_times(const std::vector<RankTimes>& others) const {
+  void put_times(const std::vector<RankTimes>& of_ranks) const {
     if (!tells_times_) return;
     RankTimes sum{};
     std::string counts;
-    std::vector<RankTimes> all = others;
-    const double idle = all[0].idle;
-    all[0] = picker_.times();
-    all[0].idle = idle;
-    for (const RankTimes& times : all) {
+    for (const RankTimes& times : of_ranks) {
       counts += " " + std::to_string(times.micrographs);
       sum.picking += times.picking;
       sum.preparing += times.preparing;
       sum.waiting += times.waiting;
       sum.idle += times.idle;
     }
-    const double whole = std::max(1e-9, sum.picking + sum.waiting + sum.idle) / 100;
+    const double hundredth = std::max(1e-9, sum.picking + sum.waiting + sum.idle) / 100;
     safety_note(nullptr,
                 "%d ranks took%s micrographs; of their time %.2f%% picking (%.2f%% preparing for other sizes), %.3f%% "
                 "waiting for the next, %.2f%% idle at the end.",
-                ranks_, counts.c_str(), sum.picking / whole, sum.preparing / whole, sum.waiting / whole,
-                sum.idle / whole);
+                ranks_, counts.c_str(), sum.picking / hundredth, sum.preparing / hundredth, sum.waiting / hundredth,
+                sum.idle / hundredth);
   }
 
   int ranks_;
@@ -179,9 +180,9 @@ class OtherRank {
     picker_.streams().begin();
     picker_.prepare();
     picker_.streams().end();  // rank 0 has said it
-    double preparation = 0;
+    double& waiting = picker_.times().waiting;
     leader_->ask();
-    for (Group group = leader_->get(&preparation); !group.empty(); group = leader_->get(&picker_.times().waiting)) {
+    for (Group group = leader_->get(&waiting); !group.empty(); group = leader_->get(&waiting)) {
       leader_->ask();
       for (const int position : group) leader_->tell(picker_.pick(position));
     }
