@@ -102,7 +102,7 @@ std::string missing_rows_text(const MRC_HEAD& head, unsigned long missing) {
 std::string problem_of_section(const ImageFile& image) {
   if (!image.unreadable().empty()) return image.unreadable();
   const unsigned long missing = image.missing_samples(0);
-  const std::string damage = image.damage();
+  std::string damage = image.damage();
   if (!damage.empty()) return damage;
   return missing > 0 ? missing_rows_text(image.head(), missing) : "";
 }
