@@ -119,17 +119,41 @@ requeued() {
 }
 check "an MPI job requeued" requeued requeued_job "$examples/slurm_mpi.sh" --ntasks=2 --mem-per-cpu=500M
 
-# --- RELION's submission template, filled in as RELION does ---
-relion() {
+# --- RELION's submission template and an External job: from RELION's pipeline, or filled in as RELION does ---
+export RELION_QSUB_EXTRA_COUNT=1 RELION_QSUB_EXTRA1=Ranks RELION_QSUB_EXTRA1_DEFAULT=2
+relion_job() { # LIST
+  local i
+  printf '\ndata_pipeline_general\n\n_rlnPipeLineJobCounter 7\n\n' >default_pipeline.star
+  {
+    printf '\ndata_job\n\n_rlnJobType 99\n_rlnJobIsContinue 0\n\ndata_joboptions_values\n\nloop_\n_rlnJobOptionVariable #1\n'
+    printf '_rlnJobOptionValue #2\nfn_exe %s\nin_mic %s\n' "$examples/relion_external.sh" "$1"
+    for ((i = 0; i < ${#options[@]}; i += 2)); do
+      printf 'param%d_label %s\nparam%d_value %s\n' $((i / 2 + 1)) "${options[i]#--}" $((i / 2 + 1)) "${options[i + 1]}"
+    done
+    printf 'nr_threads 1\ndo_queue Yes\nqsub sbatch\nqueuename main\nqsubscript %s\nqsub_extra1 2\n' "$1.template"
+  } >job.star
+  relion_pipeliner --addJobFromStar job.star && timeout 120 relion_pipeliner --RunJobs External/job007/ --overwrite_jobs --sec_wait_after 1
+}
+filled_in() { # LIST
+  local command="$examples/relion_external.sh --o External/job007/ --in_mics $1" i
   mkdir -p External/job007
-  local command="$examples/relion_external.sh --o External/job007/ --in_mics list.txt"
   for ((i = 0; i < ${#options[@]}; i += 2)); do command+=" ${options[i]} ${options[i + 1]}"; done
   sed -e "s|XXXnameXXX|External/job007/|; s|XXXqueueXXX|main|; s|XXXextra1XXX|2|; s|XXXthreadsXXX|1|; s|XXXmpinodesXXX|1|" \
-    -e "s|XXXoutfileXXX|External/job007/run.out|; s|XXXerrfileXXX|External/job007/run.err|; s|XXXcommandXXX|$command --j 1|" \
-    -e 's/^#SBATCH --mem-per-cpu.*/#SBATCH --mem=500M/' "$examples/relion_slurm.sh" >relion_job.sh
+    -e "s|XXXoutfileXXX|External/job007/run.out|; s|XXXerrfileXXX|External/job007/run.err|" \
+    -e "s|XXXcommandXXX|$command --j 1 --pipeline_control External/job007/|" "$1.template" >relion_job.sh
   timeout 120 sbatch --wait relion_job.sh
-  is $? 0 && [ -e External/job007/RELION_JOB_EXIT_SUCCESS ] && lists External/job007/picks &&
-    is "$(grep -c '^links' External/job007/autopick.star)" 40
+}
+relion() {
+  local way=filled_in
+  ! command -v relion_pipeliner >/dev/null || way=relion_job
+  sed 's/^#SBATCH --mem-per-cpu.*/#SBATCH --mem-per-cpu=500M/' "$examples/relion_slurm.sh" >list.txt.template
+  "$way" list.txt
+  for _ in {1..600}; do
+    ls External/job007/RELION_JOB_EXIT_* 2>/dev/null && break
+    sleep 0.1
+  done
+  cat External/job007/run.err
+  [ -e External/job007/RELION_JOB_EXIT_SUCCESS ] && lists External/job007/picks && is "$(grep -c '^links' External/job007/autopick.star)" 40
 }
 check "RELION's submission template and an External job" relion
 workstation() {
