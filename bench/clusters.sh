@@ -2,8 +2,8 @@
 # What kestrix_mpi reaches:
 #   bench/clusters.sh [BUILD]                                               (default: build)
 # Two ranks of one thread over one rank of one thread, 40 micrographs of 4096 x 4096 with eight templates, by turns, best of
-# ROUNDS=3 (at least 1.95; needs two free cores: the load is printed beside it, and the work of the processors, which other work
-# disturbs less); 200 micrographs of very different cost over four ranks, over the best possible division of the costs that were
+# ROUNDS=3 (at least 1.95; needs two free cores: the load is printed beside it, the work of the processors, which other work
+# disturbs less, and what two processes of kestrix reach side by side, each on its half of the list); 200 micrographs of very different cost over four ranks, over the best possible division of the costs that were
 # measured in that run (at most 1.1), with the time spent waiting for the next index (below 1 per cent); memory of a rank; and a
 # simulation that says what more ranks reach on 30,000 micrographs with these costs, and where the leader or a file system ends
 # it. Parts by name: PARTS="two uneven memory simulation".
@@ -48,6 +48,13 @@ links() {
   done
 }
 
+# Two processes of kestrix beside one another, each on its half: what two ranks can reach at best on this machine, now.
+two_processes() {
+  "$build/kestrix" "$@" --odir halves --shard 1/2 &
+  "$build/kestrix" "$@" --odir halves --shard 2/2
+  wait
+}
+
 two_ranks() {
   echo "== two ranks of one thread over one, 40 micrographs of 4096 x 4096, eight templates"
   "$build/kestrix_simulate" --prefix big_ --number 2 --nx 4096 --ny 4096 --apix 1.34 --templates 8 --seed 4 >/dev/null
@@ -55,12 +62,15 @@ two_ranks() {
   local options=(--apixM 1.34 --diameter 260 --T big_templates.mrcs --apixT 2.68 --cc_cutoff 0.25 --micrographs same.txt) round
   for ((round = 0; round < rounds; round++)); do
     echo "1 $(seconds cpu_of ranks 1 "${options[@]}" --odir one) $(cat cpu) $(load)"
+    echo "0 $(seconds cpu_of two_processes "${options[@]}") $(cat cpu) $(load)"
     echo "2 $(seconds cpu_of ranks 2 "${options[@]}" --odir two --progress 1) $(cat cpu) $(load)"
   done |
-    awk '{ printf "%d rank%s: %.2f s, of processors %.2f s, load %.1f\n", $1, ($1 > 1 ? "s" : ""), $2, $3, $4 }
+    awk 'BEGIN { name[1] = "1 rank"; name[0] = "2 processes"; name[2] = "2 ranks" }
+         { printf "%-12s %.2f s, of processors %.2f s, load %.1f\n", name[$1], $2, $3, $4 }
          !($1 in best) || $2 < best[$1] { best[$1] = $2 }
          !($1 in cpu) || $3 < cpu[$1] { cpu[$1] = $3 }
-         END { printf "ratio of the best times %.3f; work of the processors for one rank over that for two %.3f\n", best[1] / best[2], cpu[1] / cpu[2] }'
+         END { printf "best times: 1 rank over 2 ranks %.3f, 2 processes over 2 ranks %.3f; work of the processors, 1 rank over 2 ranks %.3f\n",
+                 best[1] / best[2], best[0] / best[2], cpu[1] / cpu[2] }'
   grep "ranks took" err
   diff -r one two >/dev/null && echo "the same lists" || echo "lists DIFFER"
 }
