@@ -93,7 +93,7 @@ void scan_72_angles(benchmark::State& state) {
     T[i] = i % T_side % (T_side - 1) && i / T_side % (T_side - 1) ? static_cast<float>(i % 17) - 8 : 0;
   const float band = state.range(1) ? band_pass(mic, side) : kFullBand;
   const int cell = state.range(1) ? kCell : 0;
-  ScanWorkspace scan = scan_workspace_new(side, side, T_side, T_side, kAngles, band, cell);
+  ScanWorkspace scan = scan_workspace_new(side, side, T_side, T_side, kAngles, band, cell, kHostScan, 8);
   PeakWorkspace peaks = peak_workspace_new((side - 1) / kCell + 1, (side - 1) / kCell + 1);
   BareTransforms bare = bare_transforms_new(side);
   set_wide_lanes(state.range(2) != 0);

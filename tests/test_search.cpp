@@ -1,6 +1,7 @@
 // The host's search for the cells' peaks, against the peaks of the maps that batched transforms of the whole image give.
 #include <algorithm>
 #include <array>
+#include <numeric>
 
 #include "matching/host_scan/error_bounds.h"
 #include "matching/host_scan/interpolation.h"
@@ -54,6 +55,13 @@ GridScene band_passed_scene(const std::array<int, 5>& sizes, double band, bool z
 
 const std::array kSizes{200, 180, 16, 13, 9};
 
+/// The scene with a template that a smooth image doesn't look like anywhere.
+GridScene with_fine_detail(GridScene scene) {
+  for (size_t i = 0; i < scene.T.size(); i++)
+    scene.T[i] = (i % static_cast<size_t>(scene.T_nx) + i / static_cast<size_t>(scene.T_nx)) % 2 ? 1.0f : -1.0f;
+  return scene;
+}
+
 /// What find() leaves in a workspace for the peaks of the scene.
 template <class Code>
 Peaks peaks_after(const GridScene& scene, Code find) {
@@ -88,8 +96,10 @@ Peaks searched(const GridScene& scene, const Angles& angles, double band, float 
   return result;
 }
 
-Peaks peaks_of_maps(const GridScene& scene, const Angles& angles) {
-  ScanWorkspace ws = workspace_for(scene, angles, kFullBand, kDeviceTransforms);
+Peaks peaks_of_maps(const GridScene& scene, const Angles& angles, ScanWay way = kDeviceTransforms) {
+  GridScene by_maps = scene;
+  by_maps.cell = 0;
+  ScanWorkspace ws = workspace_for(by_maps, angles, kFullBand, way);
   const Maps maps = maps_of(&ws, scene, angles);
   scan_workspace_free(&ws);
   return peaks_after(scene, [&](PeakWorkspace* peaks) {
@@ -208,6 +218,37 @@ TEST(Search, GivesTheSameOnAnyNumberOfCoresByVectorsOfAnyWidthAndForTheNextMicro
   set_wide_lanes(true);
 }
 
+TEST(Search, IsGivenUpForMapsWhereScoresLieTooCloseAndTakenUpForTheNextMicrograph) {
+  // A template of nothing but fine detail in a smooth image: all scores are about as near as the errors.
+  const std::array sizes{300, 280, 60, 60, 24};
+  const Angles angles{0, 359, 3};
+  GridScene other = band_passed_scene(sizes, 0.09);
+  other.radius = 26;
+  for (size_t i = 0; i < other.T.size(); i++) other.T[i] = other.mic[pixel_index(100 + i % 60, 100 + i / 60, 300)];
+  const GridScene scene = with_fine_detail(other);
+  const Peaks maps = peaks_of_maps(scene, angles, kHostScan), want = searched(other, angles, 0.1f, 0);
+  for (const int cores : {1, 2, 3}) {
+    const Cores limit(cores);
+    ScanWorkspace ws = scan_workspace_new(300, 280, 60, 60, angles.count(), 0.1f, scene.cell, kHostScan, 2);
+    for (int round = 0; round < 2; round++) {
+      const Peaks given_up = searched(&ws, scene, angles, 0), taken_up = searched(&ws, other, angles, 0);
+      EXPECT_EQ(maps.found, given_up.found) << cores;
+      EXPECT_TRUE(same_bits(given_up.cc, maps.cc) && same_bits(given_up.psi, maps.psi)) << cores;
+      EXPECT_EQ(want.found, taken_up.found) << cores;
+      EXPECT_TRUE(same_bits(taken_up.cc, want.cc) && same_bits(taken_up.psi, want.psi)) << cores;
+    }
+    scan_workspace_free(&ws);
+  }
+}
+
+TEST(Search, DecidesInTimeWhereItMustGoOnWithMoreCandidatesThanItKeeps) {
+  GridScene scene = with_fine_detail(band_passed_scene({300, 280, 40, 40, 24}, 0.09));
+  scene.radius = 26;
+  const Cores limit(2);
+  const Angles angles{0, 45, 1};
+  expect_peaks(searched(scene, angles, 0.1, 0), peaks_of_maps(scene, angles, kHostScan), 0);
+}
+
 // --- What a search may conclude ---
 
 TEST(SampleErrors, BoundWhatInterpolationIsOffAtEveryPixel) {
@@ -284,10 +325,28 @@ TEST(HalfTurns, AreTakenWhereThePixelsShowThem) {
     TurnedBoxes boxes = turned_boxes_new(8, 8, 24);
     turn_boxes(&boxes, random_scene(20, 20, 8, 8, zero_rim).T.data(), angles.data(), 24);
     TurnPair pairs[24];
-    const int n = pair_turns(boxes, angles.data(), pairs);
+    const int n = pair_turns(boxes, angles.data(), 1e-5f * std::sqrt(boxes.energy), pairs);
     turned_boxes_free(&boxes);
     const auto half_turns = std::count_if(pairs, pairs + n, [](const TurnPair& pair) { return pair.has_half_turns; });
     // Without a rim of zeros rounding decides which pixels of the box's edge stay at 0, 90, 180 and 270 degrees.
     EXPECT_EQ(zero_rim, n == 6 && half_turns == 6) << n << " pairs, " << half_turns << " with half turns";
   }
+}
+
+TEST(HalfTurns, ChangeNoScoreWhereAPixelOutshinesTheRest) {
+  // Beside it the rest is no more than rounding; its rows at the box's edge are left out at some angles.
+  Scene scene = random_scene(400, 384, 369, 369, false);
+  const double energy = std::inner_product(scene.T.begin(), scene.T.end(), scene.T.begin(), 0.0);
+  scene.T[pixel_index(120, 200, 369)] =
+      1000 * static_cast<float>(std::sqrt(energy / static_cast<double>(scene.T.size())));
+  scene.radius = 142;
+  const Angles angles{0, 359, 45};
+  std::vector<Maps> of_ways;
+  for (const ScanWay way : {kHostScan, kDeviceTransforms}) {
+    ScanWorkspace ws =
+        scan_workspace_new(scene.nx, scene.ny, scene.T_nx, scene.T_ny, angles.count(), kFullBand, 0, way);
+    of_ways.push_back(maps_of(&ws, scene, angles));
+    scan_workspace_free(&ws);
+  }
+  EXPECT_TRUE(all_near(of_ways[0].ccmax, of_ways[1].ccmax, 3e-6));
 }

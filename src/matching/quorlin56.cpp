@@ -213,14 +213,16 @@ int count_scan_angles(float start, float stop, float step) {
   return count;
 }
 
-ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band, int cell, ScanWay way) {
+ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band, int cell, ScanWay way,
+                                 int n_templates) {
   ScanWorkspace ws{};
   ws.nx = nx;
   ws.ny = ny;
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
   if (way != kDeviceTransforms) {
-    ws.host_scan = host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch);
+    ws.host_scan = host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch,
+                                 n_templates);
     return ws;
   }
   ws.mic_spectrum = device_new<float2>(spectrum_values(ws));

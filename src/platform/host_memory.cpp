@@ -1,5 +1,7 @@
 #include "platform/host_memory.h"
 
+#include <malloc.h>
+
 #include <cstdint>
 #include <cstdlib>
 
@@ -14,3 +16,5 @@ void* host_malloc(size_t count, size_t size) {
   if (!memory) KESTRIX_FATAL("Host memory allocation failed (%zu x %zu bytes)", count, size);
   return memory;
 }
+
+void give_freed_memory_back() { malloc_trim(0); }

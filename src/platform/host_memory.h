@@ -7,6 +7,10 @@
 /// error. Never null, even for no bytes.
 void* host_malloc(size_t count, size_t size);
 
+/// Gives memory that was freed back to the system, as far as the C library can: for when much of it was freed and little of
+/// that will be wanted again soon.
+void give_freed_memory_back();
+
 /// host_malloc of count elements of T, not initialised.
 template <class T>
 T* host_new(size_t count) {

@@ -138,7 +138,8 @@ void allocate_run(Run* run) {
   if (matches_own_template(&para)) return;
   const int n_angles = count_scan_angles(para.psi_start, para.psi_end, para.ang_step);
   run->scan = scan_workspace_new(s.work_nx, s.work_ny, s.T_nx, s.T_ny, n_angles, micrograph_band(para),
-                                 para.write_ccmax_mic || para.auto_cutoff || para.auto_picks ? 0 : s.grid_size);
+                                 para.write_ccmax_mic || para.auto_cutoff || para.auto_picks ? 0 : s.grid_size,
+                                 fastest_scan_way(), s.T_num);
   run->scan.ccmin = run->autos.d_ccmin;
 }
 

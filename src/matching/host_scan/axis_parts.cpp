@@ -18,11 +18,15 @@ constexpr int kShortestBlend = 16;
 constexpr double kExamineCost = 4;
 
 // Measured in the same unit, for all angles together: a cell's candidates, which grow with the first few angles, for each
-// pixel of the template the sums that decide between them, and, shared by two templates, for each pixel what is done for
-// the micrograph.
+// pixel of the template the sums that decide between them, and for each value of its spectra what is done for the micrograph.
 constexpr double kCellCost = 60000;
-constexpr double kSumCost = 7;
-constexpr double kMicrographCost = 50;
+constexpr double kSumsCost = 7;
+constexpr double kMicrographCost = 96;
+
+// The pixels around one sample; of one sum, what goes with the template's pixels and what doesn't.
+constexpr double kCandidateCost = 800;
+constexpr double kSumPixelCost = 0.55;
+constexpr double kSumCost = 500;
 
 // Part of a spectrum of `side` values that a band takes up, widened by a blend over `length` pixels: the main lobe of a
 // Kaiser window.
@@ -139,7 +143,7 @@ double score_maps_cost(const AxisParts& x, const AxisParts& y) {
          1.5 * x.parts[0].plan.n * cost_of_length(y.parts[0].plan.n);
 }
 
-double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, int cell, double T_pixels) {
+double sampling_cost(const AxisParts& x, const AxisParts& y) {
   double cost = 0;
   for (const AxisPart& down : y.parts) {
     for (const AxisPart& across : x.parts) {
@@ -149,11 +153,24 @@ double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, in
               columns * (cost_of_length(down.samples.n) + 0.5 * cost_of_length(down.plan.n));
     }
   }
+  return cost;
+}
+
+double search_micrograph_cost(const AxisParts& x, const AxisParts& y) {
+  return kMicrographCost * (x.parts[0].plan.n + x.parts[1].plan.n) * (y.parts[0].plan.n + y.parts[1].plan.n);
+}
+
+double candidate_cost() { return kCandidateCost; }
+
+double sum_cost(double T_pixels) { return kSumCost + kSumPixelCost * T_pixels; }
+
+double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, int cell, double T_pixels,
+                        int n_templates) {
   const double pixels = static_cast<double>(x.parts[0].plan.n) * y.parts[0].plan.n;
   const double cells = pixels / (static_cast<double>(cell) * cell);
   // Where the spectrum leaves room in the samples, errors are small and candidates few.
   const double fullness = std::max(x.parts[0].width * x.parts[0].step, y.parts[0].width * y.parts[0].step);
   const double candidates = 0.2 + 0.8 * std::pow(fullness, 4);
-  return cost + cells * candidates * (kCellCost + kSumCost * T_pixels) / (n_angles + 8) +
-         pixels * kMicrographCost / n_angles;
+  return sampling_cost(x, y) + cells * candidates * (kCellCost + kSumsCost * T_pixels) / (n_angles + 8) +
+         search_micrograph_cost(x, y) / n_templates / n_angles;
 }

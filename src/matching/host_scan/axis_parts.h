@@ -47,5 +47,14 @@ void axis_parts_free(AxisParts* axis);
 /// The work for each angle of maps over these axes in one part each, for choosing.
 double score_maps_cost(const AxisParts& x, const AxisParts& y);
 
-/// The same of a search of n_angles angles over divided axes, in cells of the side `cell`, with templates of T_pixels.
-double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, int cell, double T_pixels);
+/// The same of a search of n_angles angles over divided axes, in cells of the side `cell`, with n_templates templates of
+/// T_pixels for each micrograph.
+double peak_search_cost(const AxisParts& x, const AxisParts& y, int n_angles, int cell, double T_pixels,
+                        int n_templates);
+
+/// Of that, in the same unit: the transforms and samples of each angle, what is done once for each micrograph, taking the
+/// pixels around a sample among the candidates, and summing up a correlation.
+double sampling_cost(const AxisParts& x, const AxisParts& y);
+double search_micrograph_cost(const AxisParts& x, const AxisParts& y);
+double candidate_cost();
+double sum_cost(double T_pixels);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "platform/host_memory.h"
 #include "platform/loops.h"
@@ -71,15 +72,35 @@ bool is_before(const CellPeak& a, const CellPeak& b) {
   return a.pixel != b.pixel ? a.pixel < b.pixel : a.angle < b.angle;
 }
 
-bool is_less_promising(const Candidate& a, const Candidate& b) { return a.value < b.value; }
+// Of candidates with equal values any order will do, as long as it is one.
+bool is_less_promising(const Candidate& a, const Candidate& b) {
+  if (a.value < b.value || b.value < a.value) return a.value < b.value;
+  return a.pixel != b.pixel ? a.pixel > b.pixel : a.angle > b.angle;
+}
+
+// Sums up the candidates of a cell, first to end - 1, that may be better than its peak.
+void update_peak(const WrappedImage& mic, const TurnedBoxes& boxes, int first_angle, Candidate* first, Candidate* end,
+                 float error, CellPeak* known) {
+  // Behind the most promising one few others are left in question.
+  if (first != end) std::swap(*first, *std::max_element(first, end, is_less_promising));
+  for (const Candidate* c = first; c != end; c++) {
+    if (known->angle >= 0 && c->value + error < known->value) continue;
+    const CellPeak peak{correlation_of(mic, boxes, c->pixel, c->angle), c->pixel, first_angle + c->angle};
+    if (is_before(peak, *known)) *known = peak;
+  }
+}
 
 }  // namespace
 
+void candidates_drop(CandidateList* list, const float* limits) {
+  const Candidate* end = std::remove_if(list->items, list->items + list->count,
+                                        [&](const Candidate& c) { return c.value < limits[c.cell]; });
+  list->count = static_cast<size_t>(end - list->items);
+}
+
 void candidates_add(CandidateList* list, const Candidate& candidate, const float* limits) {
   if (list->count == list->room) {
-    list->count = static_cast<size_t>(std::remove_if(list->items, list->items + list->count,
-                                                     [&](const Candidate& c) { return c.value < limits[c.cell]; }) -
-                                      list->items);
+    candidates_drop(list, limits);
     if (list->count > list->room / 2 || list->room == 0) {
       list->room = std::max(2 * list->room, kFirstRoom);
       auto* items = host_new<Candidate>(list->room);
@@ -120,16 +141,33 @@ void update_peaks(const WrappedImage& mic, const TurnedBoxes& boxes, int first_a
   auto* begins = host_new<size_t>(n_cells + 1);
   sort_by_cells(lists, n_lists, limits, n_cells, sorted, begins);
 #pragma omp parallel for schedule(dynamic, 16)
-  for (size_t cell = 0; cell < n_cells; cell++) {
-    Candidate* first = sorted + begins[cell];
-    Candidate* end = sorted + begins[cell + 1];
-    // Behind the most promising one few others are left in question.
-    if (first != end) std::swap(*first, *std::max_element(first, end, is_less_promising));
-    for (const Candidate* c = first; c != end; c++) {
-      if (peaks[cell].angle >= 0 && c->value + errors[cell] < peaks[cell].value) continue;
-      const CellPeak peak{correlation_of(mic, boxes, c->pixel, c->angle), c->pixel, first_angle + c->angle};
-      if (is_before(peak, peaks[cell])) peaks[cell] = peak;
-    }
-  }
+  for (size_t cell = 0; cell < n_cells; cell++)
+    update_peak(mic, boxes, first_angle, sorted + begins[cell], sorted + begins[cell + 1], errors[cell], peaks + cell);
   free(begins);
+}
+
+void update_peaks_alone(const WrappedImage& mic, const TurnedBoxes& boxes, int first_angle, CandidateList* list,
+                        const float* errors, CellPeak* peaks) {
+  std::sort(list->items, list->items + list->count,
+            [](const Candidate& a, const Candidate& b) { return a.cell < b.cell; });
+  for (size_t begin = 0, end; begin < list->count; begin = end) {
+    const int cell = list->items[begin].cell;
+    for (end = begin; end < list->count && list->items[end].cell == cell;) end++;
+    update_peak(mic, boxes, first_angle, list->items + begin, list->items + end, errors[cell], peaks + cell);
+  }
+}
+
+void take_best_candidates(const WrappedImage& mic, const TurnedBoxes& boxes, int first_angle,
+                          const CandidateList* lists, int n_lists, size_t n_cells, CellPeak* peaks) {
+  auto* best = host_new<Candidate>(n_cells);
+  std::fill_n(best, n_cells, Candidate{0, -1, 0, 0});
+  for (const CandidateList* list = lists; list < lists + n_lists; list++)
+    for (const Candidate* c = list->items; c < list->items + list->count; c++)
+      if (best[c->cell].cell < 0 || is_less_promising(best[c->cell], *c)) best[c->cell] = *c;
+#pragma omp parallel for schedule(dynamic, 16)
+  for (size_t cell = 0; cell < n_cells; cell++)
+    if (best[cell].cell >= 0)
+      update_peak(mic, boxes, first_angle, best + cell, best + cell + 1, std::numeric_limits<float>::infinity(),
+                  peaks + cell);
+  free(best);
 }

@@ -47,6 +47,18 @@ struct CellPeak {
   int angle;  // -1 where there is none
 };
 
+/// Takes for each cell the correlation of the most promising candidate of n_lists lists for its peak, if it is better than
+/// what is there; arguments as of update_peaks.
+void take_best_candidates(const WrappedImage& mic, const TurnedBoxes& boxes, int first_angle,
+                          const CandidateList* lists, int n_lists, size_t n_cells, CellPeak* peaks);
+
+/// The same as update_peaks with all of one list, which is sorted in place, in one thread.
+void update_peaks_alone(const WrappedImage& mic, const TurnedBoxes& boxes, int first_angle, CandidateList* list,
+                        const float* errors, CellPeak* peaks);
+
+/// Drops what is below the limits of its cell.
+void candidates_drop(CandidateList* list, const float* limits);
+
 /// Brings the peaks of n_cells cells up to date with the candidates of n_lists lists: the largest exact correlation, of
 /// those that tie that of the first pixel and then of the first angle.
 /// limits       for each cell what an interpolated value must reach to count

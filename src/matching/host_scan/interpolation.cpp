@@ -161,6 +161,34 @@ void sum_squared_errors(const SurroundedImage& image, const SampleWeights& x, co
   }
 }
 
+void sum_squares(const float* image, int nx, int ny, double* sums) {
+  const int across = block_count(nx);
+#pragma omp parallel for schedule(static)
+  for (int block = 0; block < block_count(ny); block++) {
+    double* to = sums + static_cast<ptrdiff_t>(block) * across;
+    std::fill_n(to, across, 0.0);
+    for (int row = block * kErrorBlock; row < std::min((block + 1) * kErrorBlock, ny); row++) {
+      const float* pixels = image + static_cast<ptrdiff_t>(row) * nx;
+      for (int i = 0; i < nx; i++) to[i / kErrorBlock] += static_cast<double>(pixels[i] * pixels[i]);
+    }
+  }
+}
+
+float largest_window_norm(const float* image, int nx, int ny, int width, int height) {
+  // Cells of a few blocks, for the cores to share.
+  const CellWindows windows{
+      8 * kErrorBlock, (nx - 1) / (8 * kErrorBlock) + 1, (ny - 1) / (8 * kErrorBlock) + 1, 0, 0, width, height};
+  const auto cells = static_cast<size_t>(windows.grid_nx) * static_cast<size_t>(windows.grid_ny);
+  auto* sums = host_new<double>(static_cast<size_t>(block_count(nx)) * static_cast<size_t>(block_count(ny)));
+  auto* largest = host_new<double>(cells);
+  sum_squares(image, nx, ny, sums);
+  find_largest_sums({nx, ny, sums}, windows, largest);
+  const double most = *std::max_element(largest, largest + cells);
+  free(sums);
+  free(largest);
+  return static_cast<float>(std::sqrt(most));
+}
+
 void find_largest_sums(const BlockSums& sums, const CellWindows& windows, double* largest) {
   const int across = block_count(sums.nx);
 #pragma omp parallel

@@ -41,6 +41,9 @@ constexpr int block_count(int n) { return (n + kErrorBlock - 1) / kErrorBlock; }
 /// sums   block_count(ny) rows of block_count(nx), written
 void sum_squared_errors(const SurroundedImage& image, const SampleWeights& x, const SampleWeights& y, double* sums);
 
+/// The same sums of the squares of an image's own nx*ny pixels.
+void sum_squares(const float* image, int nx, int ny, double* sums);
+
 /// Such sums of an image of nx by ny pixels.
 struct BlockSums {
   int nx, ny;
@@ -57,3 +60,6 @@ struct CellWindows {
 /// For each cell the largest sum over the blocks that a window of it touches, never less than the sum over the window
 /// itself. largest: grid_ny rows of grid_nx, written.
 void find_largest_sums(const BlockSums& sums, const CellWindows& windows, double* largest);
+
+/// A norm that no window of width by height pixels of an image of nx by ny exceeds, wherever it lies.
+float largest_window_norm(const float* image, int nx, int ny, int width, int height);

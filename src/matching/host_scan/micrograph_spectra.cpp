@@ -119,6 +119,8 @@ void transform_region(HostScan* scan, const Region& region, const float* mic) {
         memset(scratch.in, 0, region.blocks * kLanes * sizeof(LaneValue));
         load_micrograph_rows(scan, region, mic, y, &LaneValue::re, scratch.in);
         lane_fft(&x_plan, scratch.in, scratch.out, scratch.passes);
+        // What is left of other rows behind the last frequency would count among the energies.
+        std::fill(scratch.out + x_plan.n, scratch.out + region.blocks * kLanes, LaneValue{});
         scatter_rows(scratch.out, region.mic, {region.blocks, 0}, region.blocks, region.rows, y);
       }
     }

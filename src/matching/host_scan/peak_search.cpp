@@ -20,6 +20,10 @@ namespace {
 // A bound of scores, as the mean of all cells, from which on maps are faster. Usual ones are below 0.01.
 constexpr float kVagueScore = 0.03f;
 
+// Candidates that all threads together keep, and each at least, before they are decided between.
+constexpr size_t kMostCandidates = size_t{512} << 10;
+constexpr size_t kMostCandidatesOfThread = size_t{16} << 10;
+
 // What one thread has to itself: its products and samples of a pair, and what it has found so far.
 struct SearchThread {
   LaneValue* products;   // of a pair and of its half turns
@@ -29,6 +33,7 @@ struct SearchThread {
   const Region* region;  // that is searched
   Lane* limits;          // the same for the region's samples (sample_grid.h)
   CandidateList candidates;
+  size_t n_taken;  // samples whose pixels were taken among them
 };
 
 }  // namespace
@@ -45,7 +50,11 @@ struct PeakSearch {
   float* cell_limits;  // the largest that the threads have told of
   Candidate* found;    // room for found_room
   size_t found_room;
-  CellPeak* peaks;  // of each cell
+  size_t most_candidates;  // that a thread keeps
+  CellPeak* peaks;         // of each cell
+  int first_angle;         // of the boxes at hand
+  bool on_trial;
+  size_t n_tried;  // samples that were taken in the trial
 };
 
 namespace {
@@ -141,6 +150,22 @@ void raise_limit(const Examined& at, int cell, float limit) {
   update_limits(at.grid, cell_limits, grid_nx, cell % grid_nx, cell / grid_nx, at.thread->limits);
 }
 
+// Decides between a thread's candidates, of which there are too many to keep.
+void settle_thread(const Examined& at) {
+  PeakSearch* search = at.scan->search;
+  SearchThread* thread = at.thread;
+  candidates_drop(&thread->candidates, thread->cell_limits);
+  if (thread->candidates.count < search->most_candidates / 2) return;
+#pragma omp critical(peak_search_peaks)
+  {
+    update_peaks_alone(search->mic, at.scan->boxes, search->first_angle, &thread->candidates, search->errors,
+                       search->peaks);
+    for (size_t c = 0; c < cells_of(search->cells); c++)
+      if (search->peaks[c].angle >= 0) raise_limit(at, static_cast<int>(c), search->peaks[c].value - search->errors[c]);
+  }
+  thread->candidates.count = 0;
+}
+
 // Takes the pixels around one sample among the candidates; lane: of the 2 * kLanes correlations.
 void take_candidates(const Examined& at, size_t x, int lane) {
   const PeakSearch* search = at.scan->search;
@@ -166,6 +191,8 @@ void take_candidates(const Examined& at, size_t x, int lane) {
   for (int i = 0; i < count; i++)
     if (around[i].value >= at.thread->cell_limits[around[i].cell])
       candidates_add(&at.thread->candidates, around[i], at.thread->cell_limits);
+  at.thread->n_taken++;
+  if (!search->on_trial && at.thread->candidates.count >= search->most_candidates) settle_thread(at);
 }
 
 // Takes the pixels around those samples of a value that are above their limits.
@@ -193,6 +220,47 @@ void examine_strip(const Examined& at) {
   }
 }
 
+// Counts what was taken in a trial. Returns whether it is more than that may cost.
+bool is_beyond_trial(const HostScan* scan, SearchThread* thread) {
+  if (!scan->search->on_trial || !scan->budget.is_limited) return false;
+  size_t n_tried;
+#pragma omp atomic capture
+  n_tried = scan->search->n_tried += thread->n_taken;
+  thread->n_taken = 0;
+  return n_tried > scan->budget.trial_candidates;
+}
+
+// Raises the cells' limits by the samples themselves, which costs little beside taking the pixels around each one that is
+// above a low limit. Samples whose pixels lie in several cells are left out.
+void raise_limits_by_samples(const HostScan* scan, const SampleGrid& grid, size_t width, bool has_second,
+                             SearchThread* thread) {
+  const PeakSearch* search = scan->search;
+  const SampleAxis& x_axis = *grid.x;
+  const SampleAxis& y_axis = *grid.y;
+  const auto is_inside = [](const SampleAxis& axis, int sample) {
+    return axis.pixels[sample * axis.step - lowest_offset(axis.step)] >= 0;
+  };
+  for (size_t row = kReach; row < static_cast<size_t>(y_axis.n_samples) + kReach; row++) {
+    const int y = static_cast<int>(row) - kReach;
+    const SampleRun& y_run = y_axis.runs[y_axis.run_of_sample[y]];
+    if (y_run.first_cell != y_run.last_cell || !is_inside(y_axis, y)) continue;
+    const LaneValue* samples = strip_at(thread, row % grid.n_strips, width) + kReach;
+    const size_t lane = row / grid.n_strips;
+    for (const SampleRun* run = x_axis.runs; run < x_axis.runs + x_axis.n_runs; run++) {
+      if (run->first_cell != run->last_cell || !is_inside(x_axis, run->begin) || !is_inside(x_axis, run->end - 1))
+        continue;
+      float best = -std::numeric_limits<float>::infinity();
+      for (int x = run->begin; x < run->end; x++) {
+        best = std::max(best, samples[x].im[lane]);
+        if (has_second) best = std::max(best, samples[x].re[lane]);
+      }
+      const int cell = y_run.first_cell * search->cells.nx + run->first_cell;
+      thread->cell_limits[cell] = std::max(thread->cell_limits[cell], best - 2 * search->errors[cell]);
+    }
+  }
+  set_limits(grid, thread->cell_limits, search->cells.nx, thread->limits);
+}
+
 // The samples of two angles from their products, and the candidates among them.
 void examine_products(const HostScan* scan, const Region& region, SearchThread* thread, const LaneValue* products,
                       const int* angles, bool are_half_turns) {
@@ -202,11 +270,13 @@ void examine_products(const HostScan* scan, const Region& region, SearchThread* 
   for (size_t strip = 0; strip < grid.n_strips; strip++)
     transform_strip(scan, region, products, strip, grid.n_strips, are_half_turns, strip_at(thread, strip, width));
   continue_strips(thread, grid.n_strips, width);
+  if (search->on_trial) raise_limits_by_samples(scan, grid, width, angles[1] >= 0, thread);
   for (size_t strip = 0; strip < grid.n_strips; strip++) {
     const size_t used = static_cast<size_t>(grid.x->n_samples) + 2 * kReach;
     const SampleRows rows =
         interpolate_in_y(strip_at(thread, strip, width), width, used, weights_down(search, region), thread->between);
     examine_strip({scan, &region, thread, grid, rows, strip, angles});
+    if (is_beyond_trial(scan, thread)) return;
   }
 }
 
@@ -228,7 +298,7 @@ bool exchange_limits(PeakSearch* search, SearchThread* thread) {
 // Searches a region for the turns of a pair, for their half turns, or for both.
 void search_region(const HostScan* scan, const Region& region, const SearchedPair& pair, bool turns, bool half_turns,
                    SearchThread* thread) {
-  if (exchange_limits(scan->search, thread) || thread->region != &region) {
+  if ((!scan->search->on_trial && exchange_limits(scan->search, thread)) || thread->region != &region) {
     thread->region = &region;
     set_limits(grid_of(scan->search, region), thread->cell_limits, scan->search->cells.nx, thread->limits);
   }
@@ -250,19 +320,21 @@ SearchedPair searched_pair(const TurnPair& turns, size_t in_batch) {
   return {in_batch, {{first.angle, second.angle}, {first.half_turn, second.half_turn}}};
 }
 
-// What a peak must reach at first: `least` or what earlier angles have, less what an interpolated value may be short of it.
-void set_first_limits(const HostScan* scan, float least) {
+// What a thread's candidates must reach from now on.
+void set_thread_limits(SearchThread* thread, const float* cell_limits, size_t n_cells) {
+  std::copy_n(cell_limits, n_cells, thread->cell_limits);
+  thread->region = nullptr;
+}
+
+// What a peak must reach: `least` and what is known already, less what an interpolated value may be short of it.
+void set_known_limits(const HostScan* scan, float least) {
   PeakSearch* search = scan->search;
   for (size_t c = 0; c < cells_of(search->cells); c++) {
     const CellPeak& peak = search->peaks[c];
     search->cell_limits[c] = (peak.angle < 0 ? least : std::max(least, peak.value)) - search->errors[c];
   }
-  for (int t = 0; t < search->n_threads; t++) {
-    SearchThread* thread = search->threads + t;
-    std::copy_n(search->cell_limits, cells_of(search->cells), thread->cell_limits);
-    thread->region = nullptr;
-    thread->candidates.count = 0;
-  }
+  for (int t = 0; t < search->n_threads; t++)
+    set_thread_limits(search->threads + t, search->cell_limits, cells_of(search->cells));
 }
 
 // A step through 0 .. n - 1 that comes by all of them and soon near each: neighbouring angles have like peaks, and those
@@ -281,11 +353,20 @@ size_t spreading_step(size_t n) {
   return step;
 }
 
+// Puts the pairs into an order in which those that are near each other are far apart.
+void spread_turns(TurnPair* turns, size_t n) {
+  auto* in_order = host_new<TurnPair>(n);
+  std::copy_n(turns, n, in_order);
+  const size_t step = spreading_step(n);
+  // Turns by right angles, of which the first is one, are like no others.
+  for (size_t i = 0; i < n; i++) turns[i] = in_order[(i + 1) * step % n];
+  free(in_order);
+}
+
 // Takes the candidates of `count` pairs of turns into the threads' lists.
 void search_pairs(const HostScan* scan, const TurnPair* turns, size_t count) {
   PeakSearch* search = scan->search;
   const size_t T_strips = scan->T_rows / kLanes;
-  const size_t step = spreading_step(count);
   // Many cores are busy longer with smaller tasks, though these transform the templates' columns twice.
   const size_t tasks_of_pair = count < 3 * static_cast<size_t>(search->n_threads) ? 2 : 1;
 #pragma omp parallel num_threads(search->n_threads)
@@ -297,7 +378,7 @@ void search_pairs(const HostScan* scan, const TurnPair* turns, size_t count) {
 #pragma omp for schedule(dynamic)
     for (size_t i = 0; i < count * tasks_of_pair * static_cast<size_t>(scan->n_regions); i++) {
       const size_t task = i / tasks_of_pair;
-      const size_t pair = task % count * step % count;
+      const size_t pair = task % count;
       const bool has_turns = i % tasks_of_pair == 0;
       const bool has_half_turns = turns[pair].has_half_turns && i % tasks_of_pair == tasks_of_pair - 1;
       if (has_turns || has_half_turns)
@@ -306,6 +387,35 @@ void search_pairs(const HostScan* scan, const TurnPair* turns, size_t count) {
     }
     exchange_limits(search, thread);
   }
+}
+
+// The same of one pair, for the trial: each region and kind of turns begins with the same limits, so that what it takes
+// doesn't depend on the threads. Returns whether it is less than the trial may cost.
+bool search_trial_pair(const HostScan* scan, const TurnPair& turns) {
+  PeakSearch* search = scan->search;
+  search->on_trial = true;
+  search->n_tried = 0;
+#pragma omp parallel num_threads(search->n_threads)
+  {
+    SearchThread* thread = search->threads + omp_get_thread_num();
+    thread->n_taken = 0;
+#pragma omp for schedule(dynamic)
+    for (size_t i = 0; i < scan->T_rows / kLanes; i++) transform_template_rows(scan, turns, 0, i * kLanes);
+#pragma omp for schedule(dynamic)
+    for (int i = 0; i < 2 * scan->n_regions; i++) {
+      const bool half_turns = i % 2 == 1;
+      if ((half_turns && !turns.has_half_turns) || is_beyond_trial(scan, thread)) continue;
+      set_thread_limits(thread, search->cell_limits, cells_of(search->cells));
+      search_region(scan, scan->regions[i / 2], searched_pair(turns, 0), !half_turns, half_turns, thread);
+    }
+  }
+  search->on_trial = false;
+  return !scan->budget.is_limited || search->n_tried <= scan->budget.trial_candidates;
+}
+
+// Part of the template's turns that a pair is.
+double part_of_turns(const HostScan* scan, const TurnPair& turns) {
+  return (turns.has_second ? 2.0 : 1.0) * (turns.has_half_turns ? 2.0 : 1.0) / scan->n_angles;
 }
 
 // The largest of the errors that a correlation with one of the boxes can have in each cell.
@@ -327,15 +437,38 @@ Candidate* room_for_candidates(PeakSearch* search, const CandidateList* lists, i
   return search->found;
 }
 
-// Decides between the candidates of all threads.
-void settle_search(const HostScan* scan, int first_angle) {
-  PeakSearch* search = scan->search;
+// The threads' lists, for free.
+CandidateList* lists_new(const PeakSearch* search) {
   auto* lists = host_new<CandidateList>(static_cast<size_t>(search->n_threads));
   for (int t = 0; t < search->n_threads; t++) lists[t] = search->threads[t].candidates;
+  return lists;
+}
+
+// Decides between the candidates of all threads.
+void settle_search(const HostScan* scan) {
+  PeakSearch* search = scan->search;
+  CandidateList* lists = lists_new(search);
   Candidate* found = room_for_candidates(search, lists, search->n_threads);
-  update_peaks(search->mic, scan->boxes, first_angle, lists, search->n_threads, search->cell_limits, search->errors,
-               cells_of(search->cells), found, search->peaks);
+  update_peaks(search->mic, scan->boxes, search->first_angle, lists, search->n_threads, search->cell_limits,
+               search->errors, cells_of(search->cells), found, search->peaks);
   free(lists);
+  for (int t = 0; t < search->n_threads; t++) search->threads[t].candidates.count = 0;
+}
+
+// Drops the candidates that can't be a peak beside the most promising one of their cell. Returns how many are left.
+size_t keep_promising_candidates(const HostScan* scan, float least) {
+  PeakSearch* search = scan->search;
+  CandidateList* lists = lists_new(search);
+  take_best_candidates(search->mic, scan->boxes, search->first_angle, lists, search->n_threads, cells_of(search->cells),
+                       search->peaks);
+  free(lists);
+  set_known_limits(scan, least);
+  size_t left = 0;
+  for (int t = 0; t < search->n_threads; t++) {
+    candidates_drop(&search->threads[t].candidates, search->cell_limits);
+    left += search->threads[t].candidates.count;
+  }
+  return left;
 }
 
 // The first pixel of a cell is never its peak.
@@ -394,6 +527,7 @@ void peak_search_new(HostScan* scan, int cell) {
   search->n_threads = std::min(scan->threads, scan->n_angles);
   search->threads = host_new<SearchThread>(static_cast<size_t>(search->n_threads));
   for (int t = 0; t < search->n_threads; t++) search->threads[t] = search_thread_new(scan);
+  search->most_candidates = std::max(kMostCandidates / static_cast<size_t>(search->n_threads), kMostCandidatesOfThread);
 }
 
 void peak_search_free(PeakSearch* search) {
@@ -428,15 +562,38 @@ const float* peak_search_row(const HostScan* scan, int y) {
 int peak_search_cell(const HostScan* scan) { return scan->search->cells.side; }
 
 void peak_search_begin(const HostScan* scan) {
-  std::fill_n(scan->search->peaks, cells_of(scan->search->cells), CellPeak{0, 0, -1});
+  PeakSearch* search = scan->search;
+  std::fill_n(search->peaks, cells_of(search->cells), CellPeak{0, 0, -1});
+  for (int t = 0; t < search->n_threads; t++) search->threads[t].candidates.count = 0;
 }
 
-void peak_search_take(const HostScan* scan, const TurnPair* turns, size_t n_pairs, int first_angle, float least) {
+bool peak_search_take(const HostScan* scan, TurnPair* turns, size_t n_pairs, int first_angle, float least) {
+  PeakSearch* search = scan->search;
   const auto batch = static_cast<size_t>(scan->pairs);
+  search->first_angle = first_angle;
+  spread_turns(turns, n_pairs);
   set_errors(scan);
-  set_first_limits(scan, least);
-  for (size_t i = 0; i < n_pairs; i += batch) search_pairs(scan, turns + i, std::min(batch, n_pairs - i));
-  settle_search(scan, first_angle);
+  set_known_limits(scan, least);
+  const size_t tried = first_angle == 0 && n_pairs > 0 ? 1 : 0;
+  if (tried) {
+    if (!search_trial_pair(scan, turns[0])) return false;
+    const size_t left = keep_promising_candidates(scan, least);
+    if (scan->budget.is_limited && !rest_pays(scan->budget, part_of_turns(scan, turns[0]), left)) return false;
+  }
+  for (size_t i = tried; i < n_pairs; i += batch) search_pairs(scan, turns + i, std::min(batch, n_pairs - i));
+  settle_search(scan);
+  return true;
+}
+
+void peak_search_drop_candidates(const HostScan* scan) {
+  PeakSearch* search = scan->search;
+  for (int t = 0; t < search->n_threads; t++) {
+    free(search->threads[t].candidates.items);
+    search->threads[t].candidates = CandidateList{};
+  }
+  free(search->found);
+  search->found = nullptr;
+  search->found_room = 0;
 }
 
 void peak_search_write(const HostScan* scan, const float* psi, float divisor, unsigned* found, float* cc,

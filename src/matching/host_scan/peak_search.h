@@ -23,6 +23,9 @@ bool peak_search_is_vague(const HostScan* scan, float energy, float divisor);
 /// The micrograph that was prepared for: row y, nx floats.
 const float* peak_search_row(const HostScan* scan, int y);
 
+/// Gives back the memory of the candidates.
+void peak_search_drop_candidates(const HostScan* scan);
+
 /// Side of the cells.
 int peak_search_cell(const HostScan* scan);
 
@@ -30,8 +33,9 @@ int peak_search_cell(const HostScan* scan);
 void peak_search_begin(const HostScan* scan);
 
 /// Brings the cells' peaks up to date with the scan's boxes, in n_pairs pairs of turns; first_angle: the place of the first
-/// box's angle among the template's. Correlations below `least` need not be found.
-void peak_search_take(const HostScan* scan, const TurnPair* turns, size_t n_pairs, int first_angle, float least);
+/// box's angle among the template's. Correlations below `least` need not be found. Changes the order of the pairs. Returns
+/// false, with the peaks unfit for use, if the rest of the template's search would cost more than maps.
+bool peak_search_take(const HostScan* scan, TurnPair* turns, size_t n_pairs, int first_angle, float least);
 
 /// Writes the peaks as host_scan_search does; psi: all of the template's angles in degrees.
 void peak_search_write(const HostScan* scan, const float* psi, float divisor, unsigned* found, float* cc,

@@ -23,6 +23,7 @@
 #include <cstddef>
 
 #include "matching/host_scan/axis_parts.h"
+#include "matching/host_scan/search_budget.h"
 #include "matching/host_scan/template_turns.h"
 #include "transforms/lane_fft.h"
 
@@ -56,12 +57,13 @@ struct HostScan {
   KeptFrequencies kept_rows[2];    // of each part of y
   size_t T_rows;                   // of a template's block: T_ny, up to a multiple of eight
   TurnedBoxes boxes;               // of the template at hand
+  float largest_norm;              // of what of the micrograph lies under a template, wherever that is
   int pairs;                       // pairs of turns in a batch
   LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
   ScoreMaps* maps;                 // of a scan that makes maps
   PeakSearch* search;              // of one that searches cells
-  HostScan* whole;                 // the maps that it falls back on; null until they are needed
-  bool whole_has_mic;              // whether that has the micrograph's spectrum
+  SearchBudget budget;             // of its searches
+  HostScan* whole;                 // maps for the micrograph at hand, where a search was given up; else null
   int threads;
   size_t scratch_values;  // of one thread's scratch
   LaneValue* scratch;     // threads * 6 * scratch_values

@@ -12,8 +12,9 @@ struct HostScan;
 /// band   the highest frequency of the images in cycles per pixel, as far as it is known, else 0.5; it decides on the
 ///        fastest way, not on the result
 /// search_if_possible   whether to search whatever it costs
+/// n_templates          that are expected for each micrograph; for choosing, too
 HostScan* host_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double band, int cell,
-                        bool search_if_possible = false);
+                        bool search_if_possible = false, int n_templates = 1);
 void host_scan_free(HostScan* scan);
 
 /// Whether it searches: then host_scan_search is to be called, else host_scan_template.
@@ -29,9 +30,9 @@ void host_scan_transform_micrograph(HostScan* scan, const float* mic);
 void host_scan_template(HostScan* scan, const float* T, const float* psi, int n_angles, float divisor, float* ccmax,
                         float* map_psi, float* ccmin = nullptr);
 
-/// The peaks of the same map: for each cell of the grid the pixel y*nx + x of its largest value, the first in row order
-/// of those that tie, 0 if that is the cell's first pixel; the value; the earliest angle that gave it. Cells whose
-/// largest value is below `least` may have 0 and a lower value.
+/// The peaks of the same map, by search or, where that would cost more, from the map: for each cell of the grid the pixel
+/// y*nx + x of its largest value, the first in row order of those that tie, 0 if that is the cell's first pixel; the value;
+/// the earliest angle that gave it. Cells whose largest value is below `least` may have 0 and a lower value.
 /// found, cc, cell_psi   one entry per cell
 void host_scan_search(HostScan* scan, const float* T, const float* psi, int n_angles, float divisor, float least,
                       unsigned* found, float* cc, float* cell_psi);

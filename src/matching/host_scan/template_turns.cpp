@@ -12,10 +12,6 @@
 
 namespace {
 
-// What the rounding of source positions may change of a pixel, as part of the largest one: some units in the last place
-// of a position within the box.
-constexpr float kTurnRounding = 1e-5f;
-
 // Bytes that turned boxes may take, and one box more.
 constexpr size_t kBoxBytes = size_t{32} << 20;
 
@@ -33,35 +29,35 @@ KERNEL_LOOP float row_energy(const float* row, int n) {
   return sum;
 }
 
-float largest_pixel(const TurnedBoxes& boxes) {
-  float largest = 0;
-  const size_t n = static_cast<size_t>(boxes.count) * static_cast<size_t>(boxes.T_ny) * boxes.width;
-#pragma omp parallel for schedule(static) reduction(max : largest)
-  for (size_t i = 0; i < n; i++) largest = std::max(largest, std::abs(boxes.pixels[i]));
-  return largest;
+// The sum of the squares of what n pixels differ from others taken backwards.
+KERNEL_LOOP float row_difference(const float* forwards, const float* backwards, int n) {
+  float sum = 0;
+  for (int x = 0; x < n; x++) {
+    const float difference = forwards[x] - backwards[n - 1 - x];
+    sum += difference * difference;
+  }
+  return sum;
 }
 
 // Whether a box taken backwards is the other.
-bool is_half_turn(const TurnedBoxes& boxes, int angle, int other, float tolerance) {
-  for (int y = 0; y < boxes.T_ny; y++) {
-    const float* forwards = box_at(boxes, angle) + static_cast<size_t>(y) * boxes.width;
-    const float* backwards = box_at(boxes, other) + static_cast<size_t>(boxes.T_ny - 1 - y) * boxes.width;
-    for (int x = 0; x < boxes.T_nx; x++)
-      if (!(std::abs(forwards[x] - backwards[boxes.T_nx - 1 - x]) <= tolerance)) return false;
-  }
-  return true;
+bool is_half_turn(const TurnedBoxes& boxes, int angle, int other, float most_difference) {
+  double squares = 0;
+  for (int y = 0; y < boxes.T_ny; y++)
+    squares += static_cast<double>(
+        row_difference(box_at(boxes, angle) + static_cast<size_t>(y) * boxes.width,
+                       box_at(boxes, other) + static_cast<size_t>(boxes.T_ny - 1 - y) * boxes.width, boxes.T_nx));
+  return std::sqrt(squares) <= static_cast<double>(most_difference);
 }
 
 // Which angle is half a turn after each one, if any has pixels that show it: its place, else 0.
-void find_half_turns(const TurnedBoxes& boxes, const float* psi, int* half_turns) {
-  const float tolerance = kTurnRounding * largest_pixel(boxes);
+void find_half_turns(const TurnedBoxes& boxes, const float* psi, float most_difference, int* half_turns) {
 #pragma omp parallel for schedule(static)
   for (int i = 0; i < boxes.count; i++) {
     const float wanted = psi[i] + 180;
     const float* found = std::lower_bound(psi, psi + boxes.count, wanted - kAngleRounding);
     const bool near = found != psi + boxes.count && *found <= wanted + kAngleRounding;
     const int other = static_cast<int>(found - psi);
-    half_turns[i] = near && is_half_turn(boxes, i, other, tolerance) ? other : 0;
+    half_turns[i] = near && is_half_turn(boxes, i, other, most_difference) ? other : 0;
   }
 }
 
@@ -115,13 +111,13 @@ void turn_boxes(TurnedBoxes* boxes, const float* T, const float* psi, int count)
   boxes->energy = largest;
 }
 
-int pair_turns(const TurnedBoxes& boxes, const float* psi, TurnPair* pairs) {
+int pair_turns(const TurnedBoxes& boxes, const float* psi, float most_difference, TurnPair* pairs) {
   // Which angles are done: those that are themselves half a turn after another. An angle can't be both, or the scan would
   // take more than a full turn; then the later one is done on its own.
   const int n_angles = boxes.count;
   auto* half_turns = host_new<int>(static_cast<size_t>(n_angles) + 1);
   auto* done = host_new<char>(static_cast<size_t>(n_angles) + 1);
-  find_half_turns(boxes, psi, half_turns);
+  find_half_turns(boxes, psi, most_difference, half_turns);
   std::fill_n(done, n_angles, 0);
   for (int i = 0; i < n_angles; i++) {
     if (done[i]) half_turns[i] = 0;

@@ -43,6 +43,7 @@ struct TurnPair {
 };
 
 /// Groups the angles psi of the boxes, ascending, into pairs, at most as many as there are angles, each angle once:
-/// first those with half turns, in ascending order, then those without. Half turns are used only where both boxes have
-/// the same pixels up to rounding, which rounding at the box's edge can prevent. Returns the number of pairs.
-int pair_turns(const TurnedBoxes& boxes, const float* psi, TurnPair* pairs);
+/// first those with half turns, in ascending order, then those without. Half turns are used only where the norm of the
+/// difference of both boxes, one of them taken backwards, is at most most_difference: rounding changes pixels a little, and
+/// at the box's edge it can leave out whole rows. Returns the number of pairs.
+int pair_turns(const TurnedBoxes& boxes, const float* psi, float most_difference, TurnPair* pairs);
