@@ -1,4 +1,5 @@
 // Sessions of many micrographs: lists, an output folder, files that can't be picked, signals, and micrographs that appear.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <set>
 #include <thread>
 
+#include "formats/read_ahead.h"
 #include "test_support_runs.h"
 
 namespace {
@@ -297,3 +299,17 @@ TEST_F(Sessions, WatchAFolderPastHalfFilesAndHiddenNames) {
 }
 
 }  // namespace
+
+TEST_F(Sessions, FetchingAheadNeitherWaitsNorKeepsFilesOpenWhateverTheNameIs) {
+  ASSERT_EQ(0, mkfifo(path("pipe").c_str(), 0600));
+  const auto open_files = [] {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+  };
+  const auto before = open_files();
+  {
+    ReadAhead ahead;
+    for (const char* name : {"raw/a_001.mrc", "pipe", "raw", "missing", "raw/b_002.mrc"}) ahead.begin(path(name));
+  }
+  EXPECT_EQ(before, open_files());
+}

@@ -221,8 +221,8 @@ ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angle
   ws.T_nx = T_nx;
   ws.T_ny = T_ny;
   if (way != kDeviceTransforms) {
-    ws.host_scan = host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch,
-                                 n_templates);
+    ws.host_scan =
+        host_scan_new(nx, ny, T_nx, T_ny, n_angles, static_cast<double>(band), cell, way == kHostSearch, n_templates);
     return ws;
   }
   ws.mic_spectrum = device_new<float2>(spectrum_values(ws));

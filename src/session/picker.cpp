@@ -66,10 +66,11 @@ Taken Picker::pick(const std::string& name) {
           difference(run_->tally, before)};
 }
 
-Taken Picker::take(const std::string& name) {
+Taken Picker::take(const std::string& name, const std::string& next) {
   ImageFacts facts;
   const std::string problem = look_at(name, &facts);
   if (!problem.empty()) return failed_micrograph(name, problem);
   prepare_for(name);
+  if (!next.empty() && !is_finished_before(&asked_, next.c_str())) read_ahead_.begin(next);
   return pick(name);
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "formats/image_diagnosis.h"
+#include "formats/read_ahead.h"
 #include "run/picking.h"
 #include "session/summary.h"
 
@@ -39,8 +40,8 @@ class Picker {
 
   Taken pick(const std::string& name);
 
-  /// All of it.
-  Taken take(const std::string& name);
+  /// All of it. next: the micrograph behind it, whose file the kernel fetches meanwhile, or "".
+  Taken take(const std::string& name, const std::string& next);
 
  private:
   Run* run_;
@@ -48,6 +49,7 @@ class Picker {
   bool prepared_ = false;
   std::chrono::steady_clock::time_point begin_;  // of the micrograph that was looked at
   std::unique_ptr<ImageFile> image_;             // of it, where it is open
+  ReadAhead read_ahead_;
 };
 
 /// A micrograph that can't be picked.

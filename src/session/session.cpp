@@ -41,7 +41,8 @@ class Session {
       names_.front() = run_->para.files[0];  // where the first wasn't readable, one that is
     }
     book_.expect(static_cast<int>(names_.size()));
-    for (const std::string& name : names_) book_.enter(picker_.take(name));
+    for (size_t i = 0; i < names_.size(); i++)
+      book_.enter(picker_.take(names_[i], i + 1 < names_.size() ? names_[i + 1] : ""));
     return finish();
   }
 
@@ -56,10 +57,9 @@ class Session {
       const std::vector<std::string> found = watch.take_new();
       if (found.empty()) watch.wait(kLongestWait);
       book_.expect(static_cast<int>(names_.size() + found.size()));
-      for (const std::string& name : found) {
-        if (is_stopped()) break;
-        names_.push_back(name);
-        book_.enter(picker_.take(names_.back()));
+      for (size_t i = 0; i < found.size() && !is_stopped(); i++) {
+        names_.push_back(found[i]);
+        book_.enter(picker_.take(names_.back(), i + 1 < found.size() ? found[i + 1] : ""));
         last = Clock::now();
       }
     }
