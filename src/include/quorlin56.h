@@ -40,8 +40,8 @@ constexpr float kFullBand = 0.5f;
 /// Plans the transforms and allocates the buffers of scans that take at most n_angles angles. band: the highest
 /// frequency of the micrographs to come, in cycles per pixel, as far as it is known; it decides on the fastest way, not
 /// on the result. cell: side of the grid's cells where their peaks are all that is wanted, 0 where maps are. n_templates:
-/// how many are expected for each micrograph; it decides on the way as well. The caller releases them with scan_workspace_free. A device that is short of memory takes fewer angles at a time, of which
-/// standard error tells. Ends the run on a device error, and where not even one angle fits.
+/// how many are expected for each micrograph; it decides on the way as well. The caller releases them with
+/// scan_workspace_free. A device that is short of memory takes fewer angles at a time, of which standard error tells. Ends the run on a device error, and where not even one angle fits.
 ScanWorkspace scan_workspace_new(int nx, int ny, int T_nx, int T_ny, int n_angles, float band = kFullBand, int cell = 0,
                                  ScanWay way = fastest_scan_way(), int n_templates = 1);
 void scan_workspace_free(ScanWorkspace* ws);
