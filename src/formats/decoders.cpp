@@ -29,12 +29,15 @@ bool InputBytes::continues_with(const char* bytes, size_t n) {
 namespace {
 
 constexpr char kEndsEarly[] = "ends in the middle of its compressed data; was it copied or written whole?";
+constexpr char kNoMemory[] = "can't be decoded: there isn't memory for it";
 constexpr char kDamaged[] = "is damaged: its compressed data can't be decoded to their end";
 
 #ifdef KESTRIX_HAS_ZLIB
 class GzipDecoder : public Decoder {
  public:
-  GzipDecoder() { failed_ = inflateInit2(&stream_, 15 + 16) != Z_OK; }
+  GzipDecoder() {
+    if (inflateInit2(&stream_, 15 + 16) != Z_OK) give_up(kNoMemory);
+  }
   ~GzipDecoder() override { inflateEnd(&stream_); }
   GzipDecoder(const GzipDecoder&) = delete;
   GzipDecoder& operator=(const GzipDecoder&) = delete;
@@ -42,8 +45,11 @@ class GzipDecoder : public Decoder {
   size_t decode(InputBytes* from, unsigned char* out, size_t room) override {
     stream_.next_out = out;
     stream_.avail_out = static_cast<uInt>(room);
-    while (!failed_ && !ended_ && stream_.avail_out > 0) {
-      if (from->left == 0 && !from->refill()) return stop(kEndsEarly, room);
+    while (!is_over() && stream_.avail_out > 0) {
+      if (from->left == 0 && !from->refill()) {
+        give_up(kEndsEarly);
+        break;
+      }
       stream_.next_in = from->next;
       stream_.avail_in = static_cast<uInt>(from->left);
       const int status = inflate(&stream_, Z_NO_FLUSH);
@@ -53,28 +59,23 @@ class GzipDecoder : public Decoder {
         // What follows the last member, such as padding, is no part of it.
         ended_ = !from->continues_with("\x1f\x8b", 2) || inflateReset(&stream_) != Z_OK;
       } else if (status != Z_OK && status != Z_BUF_ERROR) {
-        return stop(kDamaged, room);
+        give_up(kDamaged);
       }
     }
     return room - stream_.avail_out;
   }
 
  private:
-  size_t stop(const char* why, size_t room) {
-    damage = why;
-    failed_ = true;
-    return room - stream_.avail_out;
-  }
-
   z_stream stream_{};
-  bool failed_ = false, ended_ = false;
 };
 #endif
 
 #ifdef KESTRIX_HAS_BZIP2
 class Bzip2Decoder : public Decoder {
  public:
-  Bzip2Decoder() { failed_ = BZ2_bzDecompressInit(&stream_, 0, 0) != BZ_OK; }
+  Bzip2Decoder() {
+    if (BZ2_bzDecompressInit(&stream_, 0, 0) != BZ_OK) give_up(kNoMemory);
+  }
   ~Bzip2Decoder() override { BZ2_bzDecompressEnd(&stream_); }
   Bzip2Decoder(const Bzip2Decoder&) = delete;
   Bzip2Decoder& operator=(const Bzip2Decoder&) = delete;
@@ -82,8 +83,11 @@ class Bzip2Decoder : public Decoder {
   size_t decode(InputBytes* from, unsigned char* out, size_t room) override {
     stream_.next_out = reinterpret_cast<char*>(out);
     stream_.avail_out = static_cast<unsigned>(room);
-    while (!failed_ && !ended_ && stream_.avail_out > 0) {
-      if (from->left == 0 && !from->refill()) return stop(kEndsEarly, room);
+    while (!is_over() && stream_.avail_out > 0) {
+      if (from->left == 0 && !from->refill()) {
+        give_up(kEndsEarly);
+        break;
+      }
       stream_.next_in = reinterpret_cast<char*>(from->next);
       stream_.avail_in = static_cast<unsigned>(from->left);
       const int status = BZ2_bzDecompress(&stream_);
@@ -92,7 +96,7 @@ class Bzip2Decoder : public Decoder {
       if (status == BZ_STREAM_END) {
         ended_ = !from->continues_with("BZh", 3) || !begin_next_member();
       } else if (status != BZ_OK) {
-        return stop(kDamaged, room);
+        give_up(kDamaged);
       }
     }
     return room - stream_.avail_out;
@@ -110,21 +114,16 @@ class Bzip2Decoder : public Decoder {
     return begun;
   }
 
-  size_t stop(const char* why, size_t room) {
-    damage = why;
-    failed_ = true;
-    return room - stream_.avail_out;
-  }
-
   bz_stream stream_{};
-  bool failed_ = false, ended_ = false;
 };
 #endif
 
 #ifdef KESTRIX_HAS_LZMA
 class XzDecoder : public Decoder {
  public:
-  XzDecoder() { failed_ = lzma_stream_decoder(&stream_, kMostMemory, LZMA_CONCATENATED) != LZMA_OK; }
+  XzDecoder() {
+    if (lzma_stream_decoder(&stream_, kMostMemory, LZMA_CONCATENATED) != LZMA_OK) give_up(kNoMemory);
+  }
   ~XzDecoder() override { lzma_end(&stream_); }
   XzDecoder(const XzDecoder&) = delete;
   XzDecoder& operator=(const XzDecoder&) = delete;
@@ -132,7 +131,7 @@ class XzDecoder : public Decoder {
   size_t decode(InputBytes* from, unsigned char* out, size_t room) override {
     stream_.next_out = out;
     stream_.avail_out = room;
-    while (!failed_ && !ended_ && stream_.avail_out > 0) {
+    while (!is_over() && stream_.avail_out > 0) {
       const bool at_end = from->left == 0 && !from->refill();
       stream_.next_in = from->next;
       stream_.avail_in = from->left;
@@ -141,8 +140,7 @@ class XzDecoder : public Decoder {
       from->left = stream_.avail_in;
       ended_ = status == LZMA_STREAM_END;
       if (status == LZMA_OK || ended_) continue;
-      damage = status == LZMA_BUF_ERROR ? kEndsEarly : kDamaged;
-      failed_ = true;
+      give_up(status == LZMA_BUF_ERROR ? kEndsEarly : kDamaged);
     }
     return room - stream_.avail_out;
   }
@@ -150,7 +148,6 @@ class XzDecoder : public Decoder {
  private:
   static constexpr uint64_t kMostMemory = uint64_t{1} << 30;  // for the dictionary; xz -9 takes 65 MiB
   lzma_stream stream_ = LZMA_STREAM_INIT;
-  bool failed_ = false, ended_ = false;
 };
 #endif
 

@@ -34,8 +34,21 @@ class Decoder {
   /// Decodes up to `room` bytes into out. Returns how many came: 0 at the end, or behind damage.
   virtual size_t decode(InputBytes* from, unsigned char* out, size_t room) = 0;
 
-  /// What is wrong with the stream so far; empty: nothing.
-  std::string damage;
+  /// What is wrong with the stream so far, as the rest of a sentence that begins with the file's name; empty: nothing.
+  const std::string& damage() const { return damage_; }
+
+  /// Nothing more comes, for this reason.
+  void give_up(const char* why) {
+    damage_ = why;
+    ended_ = true;
+  }
+
+ protected:
+  bool is_over() const { return ended_; }
+  bool ended_ = false;
+
+ private:
+  std::string damage_;
 };
 
 /// Null where the program was built without the library.

@@ -42,7 +42,7 @@ class DecompressedBytes : public ByteSource {
 
   std::string damage() const override {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return decoder_->damage;
+    return decoder_->damage();
   }
 
  private:
@@ -53,7 +53,7 @@ class DecompressedBytes : public ByteSource {
       if (in_block == 0) {
         std::unique_ptr<unsigned char[]> block(new (std::nothrow) unsigned char[kBlock]);
         if (!block) {
-          decoder_->damage = "takes more memory than there is";
+          decoder_->give_up("takes more memory than there is");
           ended_ = true;
           return;
         }
