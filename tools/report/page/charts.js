@@ -107,7 +107,7 @@ const Charts = {
   drawSeries(id, values, text) {
     const area = Charts.begin(id);
     if (!area) return;
-    const {ctx, width, floor} = area, {top} = Charts.inner, left = 34, n = values.length;
+    const {ctx, width, floor} = area, {top} = Charts.inner, left = 46, n = values.length;
     let high = 0;
     for (const v of values) if (v > high) high = v;
     ctx.fillStyle = Charts.colour('--faint');
