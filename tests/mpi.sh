@@ -8,6 +8,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "$1" && pwd)
 [ -x "$build/kestrix_mpi" ] || { echo "skipped: kestrix_mpi is not built, no MPI library was found"; exit 77; }
 command -v mpirun >/dev/null || { echo "skipped: there is no mpirun"; exit 77; }
+"$build/gpu_probe" >/dev/null 2>&1 || { echo "skipped: this build needs a GPU, and there is none"; exit 77; }
 other=$(realpath -m "${2:-none}")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
