@@ -14,26 +14,9 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 export OMP_NUM_THREADS=1 OMP_WAIT_POLICY=passive TMPDIR=$work
-export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMPI_MCA_rmaps_base_oversubscribe=1
 # The libraries keep memory to the end.
 export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0
-failed=0
-
-# check TEXT COMMAND...: the command must succeed
-check() {
-  local text=$1
-  shift
-  if "$@" >check.log 2>&1; then
-    printf 'ok      %s\n' "$text"
-  else
-    printf 'FAILED  %s\n' "$text"
-    head -n 20 check.log
-    failed=$((failed + 1))
-  fi
-}
-
-# is A B: equal texts
-is() { [ "$1" = "$2" ] || { echo "'$1' is not '$2'"; return 1; }; }
+. "$here/checks.sh"
 
 # Each library's launcher with its program: ranks KIND N ARGUMENTS...
 ranks() {

@@ -34,7 +34,9 @@ inside '
   mkdir /session && cd /session
   kestrix_simulate --number 2 --nx 2048 --ny 2048 --prefix mic_ >/dev/null
   kestrix --auto 1 --apixM 1.34 --diameter 260 --summary all.star mic_00?.mrc >log
-  for n in 1 2; do kestrix_score mic_00${n}_truth.star mic_00${n}_quorlin.star | grep F1; done
+  for n in 1 2; do
+    kestrix_score --brief mic_00${n}_truth.star mic_00${n}_quorlin.star | awk "{ print \"F1\", \$6; exit !(\$6 > 0.9) }"
+  done
   kestrix_report --apixM 1.34 --diameter 260 mic_00?.mrc >/dev/null
   ls -s kestrix_report/index.html
   apt-get purge -y kestrix >/dev/null 2>&1

@@ -17,21 +17,8 @@ chmod 755 "$work"
 trap '"$here/slurm_node.sh" down "$work/slurm"; rm -rf "$work"' EXIT
 cd "$work" || exit 1
 eval "$("$here/slurm_node.sh" up "$work/slurm" 2>/dev/null)"
-export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMPI_MCA_rmaps_base_oversubscribe=1
-failed=0
+. "$here/checks.sh"
 
-check() {
-  local text=$1
-  shift
-  if "$@" >check.log 2>&1; then
-    printf 'ok      %s\n' "$text"
-  else
-    printf 'FAILED  %s\n' "$text"
-    tail -n 20 check.log
-    failed=$((failed + 1))
-  fi
-}
-is() { [ "$1" = "$2" ] || { echo "'$1' is not '$2'"; return 1; }; }
 rows() { sed -E 's/ +[0-9.]+ (picked|finished_before|failed)$/ \1/' "$1"; }
 lists() { diff -r -x '*summary*' -x 'kestrix_failed*' -x '.kx_*' clean "$1"; }
 

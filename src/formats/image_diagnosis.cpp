@@ -3,41 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
+#include "formats/file_kinds.h"
 #include "platform/failure.h"
 
 namespace {
-
-struct Signature {
-  const char* bytes;
-  size_t length;
-  const char* what;
-  const char* remedy;
-};
-
-constexpr char kAnyFormat[] = "give --any_format 1 to read it";
-constexpr char kDecompress[] = "decompress it first";
-constexpr char kConvert[] = "convert it to a plain MRC file first";
-
-constexpr Signature kSignatures[] = {{"\x1f\x8b", 2, "is gzip'd", kAnyFormat},
-                                     {"BZh", 3, "is compressed by bzip2", kAnyFormat},
-                                     {"\xfd"
-                                      "7zXZ",
-                                      5, "is compressed by xz", kAnyFormat},
-                                     {"\x28\xb5\x2f\xfd", 4, "is compressed by zstd", kDecompress},
-                                     {"II*\0", 4, "is a TIFF file", kAnyFormat},
-                                     {"MM\0*", 4, "is a TIFF file", kAnyFormat},
-                                     {"II+\0", 4, "is a BigTIFF file", kAnyFormat},
-                                     {"\x89HDF", 4, "is an HDF5 file", kConvert}};
-
-bool is_text(const unsigned char* bytes, size_t n) {
-  return std::all_of(bytes, bytes + n,
-                     [](unsigned char c) { return c >= 32 ? c != 127 : c == 9 || c == 10 || c == 13; });
-}
 
 // Whether the sizes and the mode make sense when their bytes are read in the other order, and don't in this one.
 bool is_other_endian(const MRC_HEAD* head) {
@@ -45,13 +18,6 @@ bool is_other_endian(const MRC_HEAD* head) {
   for (int32_t* field : {&turned.nx, &turned.ny, &turned.nz, &turned.mode})
     *field = static_cast<int32_t>(__builtin_bswap32(static_cast<uint32_t>(*field)));
   return !mrc_head_sizes_valid(head) && mrc_head_sizes_valid(&turned) && turned.mode >= 0 && turned.mode <= 101;
-}
-
-std::string by_first_bytes(const unsigned char* bytes, size_t n) {
-  for (const Signature& s : kSignatures)
-    if (n >= s.length && memcmp(bytes, s.bytes, s.length) == 0) return std::string(s.what) + "; " + s.remedy;
-  if (n == 0) return "is empty; is it still being written, or was the disk full?";
-  return is_text(bytes, n) ? "is a text file; give micrographs as MRC files" : "";
 }
 
 std::string by_head(FILE* file, const MRC_HEAD* head) {
@@ -67,7 +33,7 @@ std::string what_is_odd(FILE* file, const MRC_HEAD* head) {
   unsigned char bytes[512];
   const ssize_t got = pread(fileno(file), bytes, sizeof bytes, 0);
   if (got < 0) return "";
-  const std::string odd = by_first_bytes(bytes, static_cast<size_t>(got));
+  const std::string odd = problem_of_kind(bytes, static_cast<size_t>(got), false);
   return odd.empty() ? by_head(file, head) : odd;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "formats/decoders.h"
+#include "formats/file_kinds.h"
 #include "formats/image_kinds.h"
 
 namespace {
@@ -36,33 +37,6 @@ class PlainMrc : public ImageFile {
   std::unique_ptr<FILE, FileCloser> file_;
 };
 
-struct Signature {
-  const char* bytes;
-  size_t length;
-  const char* problem;
-};
-
-// Files of other kinds that users have given.
-constexpr Signature kOthers[] = {
-    {"\x28\xb5\x2f\xfd", 4, "is compressed by zstd; decompress it first"},
-    {"\x89HDF", 4, "is an HDF5 file; convert it to MRC or TIFF first"},
-    {"PK\3\4", 4, "is a zip archive; unpack it first"},
-    {"\x89PNG", 4, "is a picture in PNG format, which no longer holds what was measured; give MRC or TIFF files"},
-    {"\xff\xd8\xff", 3,
-     "is a picture in JPEG format, which no longer holds what was measured; give MRC or TIFF files"}};
-
-bool is_text(const unsigned char* bytes, size_t n) {
-  return std::all_of(bytes, bytes + n,
-                     [](unsigned char c) { return c >= 32 ? c != 127 : c == 9 || c == 10 || c == 13; });
-}
-
-std::string problem_by_first_bytes(const unsigned char* bytes, size_t n) {
-  if (n == 0) return "is empty; is it still being written, or was the disk full?";
-  for (const Signature& other : kOthers)
-    if (n >= other.length && memcmp(bytes, other.bytes, other.length) == 0) return other.problem;
-  return is_text(bytes, n) ? "is a text file; give micrographs as MRC or TIFF files" : "";
-}
-
 bool ends_in(const std::string& text, const char* end) {
   const size_t length = strlen(end);
   return text.size() > length && strcasecmp(text.c_str() + text.size() - length, end) == 0;
@@ -84,7 +58,7 @@ std::unique_ptr<ImageFile> open_image_bytes(std::unique_ptr<ByteSource> bytes, c
   unsigned char first[512];
   const size_t n = bytes->read(0, sizeof first, first);
   *problem = n == 0 && bytes->is_compressed() ? bytes->damage() : "";
-  if (problem->empty()) *problem = problem_by_first_bytes(first, n);
+  if (problem->empty()) *problem = problem_of_kind(first, n, true);
   if (!problem->empty()) return nullptr;
   if (!is_tiff(first, n)) return open_mrc_image(std::move(bytes), options, problem);
   if (!bytes->is_compressed()) return open_tiff_image(std::move(bytes), problem);
