@@ -2,9 +2,11 @@
 #include <algorithm>
 #include <array>
 #include <numeric>
+#include <utility>
 
 #include "matching/host_scan/error_bounds.h"
 #include "matching/host_scan/interpolation.h"
+#include "matching/host_scan/kept_turns.h"
 #include "matching/host_scan/scan.h"
 #include "matching/host_scan/template_turns.h"
 #include "test_support_scans.h"
@@ -216,6 +218,26 @@ TEST(Search, GivesTheSameOnAnyNumberOfCoresByVectorsOfAnyWidthAndForTheNextMicro
     EXPECT_TRUE(same_bits(got.cc, want.cc) && same_bits(got.psi, want.psi)) << cores;
   }
   set_wide_lanes(true);
+}
+
+TEST(Search, GivesTheSameBitsByKeptSpectraOfTemplates) {
+  const GridScene scene = band_passed_scene(kSizes, 0.08);
+  GridScene narrow = scene, turned = scene;
+  narrow.mic = band_passed_image(200, 180, 0.06);
+  std::reverse(turned.T.begin(), turned.T.end());
+  for (const int cores : {1, 2, 3}) {
+    const Cores limit(cores);
+    ScanWorkspace ws = workspace_for(scene, kAngles, 0.1f, kHostSearch);
+    for (int i = 0; i < kSearchesUntilKept; i++) searched(&ws, narrow, kAngles);
+    EXPECT_EQ(nullptr, ws.host_scan->kept_spectra);
+    for (const GridScene* next : std::array{&std::as_const(narrow), &scene, &std::as_const(turned), &scene}) {
+      const Peaks got = searched(&ws, *next, kAngles), want = searched(*next, kAngles, 0.1f);
+      EXPECT_EQ(next != &turned, ws.host_scan->kept_spectra != nullptr);
+      EXPECT_EQ(want.found, got.found) << cores;
+      EXPECT_TRUE(same_bits(got.cc, want.cc) && same_bits(got.psi, want.psi)) << cores;
+    }
+    scan_workspace_free(&ws);
+  }
 }
 
 TEST(Search, IsGivenUpForMapsWhereScoresLieTooCloseAndTakenUpForTheNextMicrograph) {

@@ -11,7 +11,7 @@
 #include "platform/loops.h"
 #include "transforms/lane_transpose.h"
 
-LaneValue* lane_values_new(size_t n) {
+LaneValue* lane_values_if_any(size_t n) {
   constexpr size_t kCacheLine = 64;
   constexpr size_t kHugePage = size_t{2} << 20;
   static_assert(sizeof(LaneValue) % kCacheLine == 0, "a value fills whole cache lines");
@@ -19,11 +19,17 @@ LaneValue* lane_values_new(size_t n) {
   const size_t unit = needed < kHugePage ? kCacheLine : kHugePage;
   const size_t bytes = (needed + unit - 1) / unit * unit;
   void* memory = aligned_alloc(unit, bytes);
-  if (!memory) host_malloc(SIZE_MAX, 1);  // reports the failure and ends the run
+  if (!memory) return nullptr;
   // Rows are gathered from places far apart: with small pages each would cost a walk through the page table.
   if (unit == kHugePage) madvise(memory, bytes, MADV_HUGEPAGE);
   memset(memory, 0, bytes);
   return static_cast<LaneValue*>(memory);
+}
+
+LaneValue* lane_values_new(size_t n) {
+  LaneValue* values = lane_values_if_any(n);
+  if (!values) host_malloc(SIZE_MAX, 1);  // reports the failure and ends the run
+  return values;
 }
 
 KERNEL_LOOP void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride) {

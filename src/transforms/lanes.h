@@ -16,6 +16,9 @@ struct LaneValue {
 /// n values, cleared, on a cache line's boundary, for free. A lack of memory ends the run.
 LaneValue* lane_values_new(size_t n);
 
+/// The same, null where there is not enough memory.
+LaneValue* lane_values_if_any(size_t n);
+
 /// Turns eight rows of eight floats into eight columns: to[j][i] = from[i][j].
 /// from, to   row j at from + j * from_stride, to + j * to_stride; different places; strides in Lanes
 void lane_transpose(const Lane* from, size_t from_stride, Lane* to, size_t to_stride);

@@ -232,6 +232,10 @@ void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies
   }
 }
 
+KeptFrequencies most_kept(const AxisPart& part, size_t unit) {
+  return kept_of_part(part, static_cast<size_t>(part.plan.n) / 2, unit);
+}
+
 void transform_regions(HostScan* scan, const float* mic) {
   for (int r = 0; r < scan->n_regions; r++) transform_region(scan, scan->regions[r], mic);
   if (scan->n_regions > 1) choose_kept_frequencies(scan);

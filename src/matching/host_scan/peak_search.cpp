@@ -84,9 +84,9 @@ size_t strip_width(const HostScan* scan, const Region& region) {
 
 // --- One pair of turns in one region ---
 
-// A pair of turns: its place in the batch, and those of its angles among the boxes.
+// A pair of turns: the place of its spectra, and those of its angles among the boxes.
 struct SearchedPair {
-  size_t in_batch;
+  size_t spectra;
   int angles[2][2];  // of the turns and of their half turns: first and second
 };
 
@@ -306,7 +306,7 @@ void search_region(const HostScan* scan, const Region& region, const SearchedPai
   const size_t rows = product_rows(scan, region);
   LaneValue* half_turn_products = thread->products + blocks * rows;
   for (size_t i = 0; i < blocks; i++)
-    correlate_columns(scan, region, pair.in_batch, i, turns ? thread->products + i * rows : nullptr,
+    correlate_columns(scan, region, pair.spectra, i, turns ? thread->products + i * rows : nullptr,
                       half_turns ? half_turn_products + i * rows : nullptr);
   if (turns) examine_products(scan, region, thread, thread->products, pair.angles[0], false);
   if (half_turns) examine_products(scan, region, thread, half_turn_products, pair.angles[1], true);
@@ -314,10 +314,11 @@ void search_region(const HostScan* scan, const Region& region, const SearchedPai
 
 // --- One template ---
 
-SearchedPair searched_pair(const TurnPair& turns, size_t in_batch) {
+SearchedPair searched_pair(const HostScan* scan, const TurnPair& turns, size_t in_batch) {
   const Turn& first = turns.first;
   const Turn second = turns.has_second ? turns.second : Turn{-1, -1};
-  return {in_batch, {{first.angle, second.angle}, {first.half_turn, second.half_turn}}};
+  const size_t spectra = scan->kept_spectra ? static_cast<size_t>(turns.place) : in_batch;
+  return {spectra, {{first.angle, second.angle}, {first.half_turn, second.half_turn}}};
 }
 
 // What a thread's candidates must reach from now on.
@@ -363,10 +364,13 @@ void spread_turns(TurnPair* turns, size_t n) {
   free(in_order);
 }
 
+// Strips of eight rows of a pair's boxes that aren't transformed yet.
+size_t strips_to_transform(const HostScan* scan) { return scan->kept_spectra ? 0 : scan->T_rows / kLanes; }
+
 // Takes the candidates of `count` pairs of turns into the threads' lists.
 void search_pairs(const HostScan* scan, const TurnPair* turns, size_t count) {
   PeakSearch* search = scan->search;
-  const size_t T_strips = scan->T_rows / kLanes;
+  const size_t T_strips = strips_to_transform(scan);
   // Many cores are busy longer with smaller tasks, though these transform the templates' columns twice.
   const size_t tasks_of_pair = count < 3 * static_cast<size_t>(search->n_threads) ? 2 : 1;
 #pragma omp parallel num_threads(search->n_threads)
@@ -382,8 +386,8 @@ void search_pairs(const HostScan* scan, const TurnPair* turns, size_t count) {
       const bool has_turns = i % tasks_of_pair == 0;
       const bool has_half_turns = turns[pair].has_half_turns && i % tasks_of_pair == tasks_of_pair - 1;
       if (has_turns || has_half_turns)
-        search_region(scan, scan->regions[task / count], searched_pair(turns[pair], pair), has_turns, has_half_turns,
-                      thread);
+        search_region(scan, scan->regions[task / count], searched_pair(scan, turns[pair], pair), has_turns,
+                      has_half_turns, thread);
     }
     exchange_limits(search, thread);
   }
@@ -395,18 +399,19 @@ bool search_trial_pair(const HostScan* scan, const TurnPair& turns) {
   PeakSearch* search = scan->search;
   search->on_trial = true;
   search->n_tried = 0;
+  const size_t T_strips = strips_to_transform(scan);
 #pragma omp parallel num_threads(search->n_threads)
   {
     SearchThread* thread = search->threads + omp_get_thread_num();
     thread->n_taken = 0;
 #pragma omp for schedule(dynamic)
-    for (size_t i = 0; i < scan->T_rows / kLanes; i++) transform_template_rows(scan, turns, 0, i * kLanes);
+    for (size_t i = 0; i < T_strips; i++) transform_template_rows(scan, turns, 0, i * kLanes);
 #pragma omp for schedule(dynamic)
     for (int i = 0; i < 2 * scan->n_regions; i++) {
       const bool half_turns = i % 2 == 1;
       if ((half_turns && !turns.has_half_turns) || is_beyond_trial(scan, thread)) continue;
       set_thread_limits(thread, search->cell_limits, cells_of(search->cells));
-      search_region(scan, scan->regions[i / 2], searched_pair(turns, 0), !half_turns, half_turns, thread);
+      search_region(scan, scan->regions[i / 2], searched_pair(scan, turns, 0), !half_turns, half_turns, thread);
     }
   }
   search->on_trial = false;

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "matching/host_scan/kept_turns.h"
 #include "matching/host_scan/regions.h"
 #include "matching/host_scan/template_turns.h"
 #include "platform/loops.h"
@@ -26,6 +27,18 @@ KERNEL_LOOP void multiply_column(const LaneValue* mic, const LaneValue* turned, 
     product[y].im = a.re * b.re - a.im * b.im;
     product[y].re = a.im * b.re + a.re * b.im;
   }
+}
+
+// The transform in y of kept block i of a pair's templates: what is kept of it, or made in scratch.out.
+TurnedColumn turned_column(const HostScan* scan, const Region& region, size_t pair, size_t i,
+                           const ThreadScratch& scratch) {
+  if (scan->kept_spectra) return kept_column(scan, region, pair, i);
+  const LanePlan* plan = &down(scan, region).plan;
+  const KeptFrequencies& rows = scan->kept_rows[region.down];
+  const size_t blocks = kept_count(scan->kept_blocks[region.across]);
+  const LaneValue* turned = scan->turned[region.across] + (pair * blocks + i) * scan->T_rows;
+  lane_fft_of_few(plan, turned, static_cast<size_t>(scan->T_ny), rows.low, rows.high, scratch.out, scratch.passes);
+  return {scratch.out, scratch.out + plan->n - rows.high};
 }
 
 }  // namespace
@@ -55,26 +68,23 @@ void transform_template_rows(const HostScan* scan, const TurnPair& turns, size_t
 void correlate_columns(const HostScan* scan, const Region& region, size_t pair, size_t i, LaneValue* product,
                        LaneValue* half_turn_product) {
   const ThreadScratch scratch = scratch_of_thread(scan);
-  const LanePlan* plan = &down(scan, region).plan;
   const LanePlan* samples = &down(scan, region).samples;
-  const KeptFrequencies& blocks = scan->kept_blocks[region.across];
   const KeptFrequencies& rows = scan->kept_rows[region.down];
   const auto n = static_cast<size_t>(samples->n);
-  const size_t high = static_cast<size_t>(plan->n) - rows.high;
-  const LaneValue* turned = scan->turned[region.across] + (pair * kept_count(blocks) + i) * scan->T_rows;
-  const size_t column = kept_place(blocks, i, region.blocks) * region.rows;
-  lane_fft_of_few(plan, turned, static_cast<size_t>(scan->T_ny), rows.low, rows.high, scratch.out, scratch.passes);
+  const size_t high = static_cast<size_t>(down(scan, region).plan.n) - rows.high;
+  const size_t column = kept_place(scan->kept_blocks[region.across], i, region.blocks) * region.rows;
+  const TurnedColumn turned = turned_column(scan, region, pair, i, scratch);
   LaneValue* in_high = scratch.in + (n - rows.high);
   if (product) {
     const LaneValue* mic = region.mic + column;
-    correlate_column(mic, scratch.out, scratch.in, rows.low);
-    correlate_column(mic + high, scratch.out + high, in_high, rows.high);
+    correlate_column(mic, turned.low, scratch.in, rows.low);
+    correlate_column(mic + high, turned.high, in_high, rows.high);
     lane_fft_of_outer(samples, scratch.in, rows.low, rows.high, product, scratch.passes);
   }
   if (half_turn_product) {
     const LaneValue* mic = region.mic_half_turn + column;
-    multiply_column(mic, scratch.out, scratch.in, rows.low);
-    multiply_column(mic + high, scratch.out + high, in_high, rows.high);
+    multiply_column(mic, turned.low, scratch.in, rows.low);
+    multiply_column(mic + high, turned.high, in_high, rows.high);
     lane_fft_of_outer(samples, scratch.in, rows.low, rows.high, half_turn_product, scratch.passes);
   }
 }

@@ -46,6 +46,7 @@ struct Region {
 
 struct ScoreMaps;
 struct PeakSearch;
+struct KeptTurns;
 
 /// A run's scans; scan.h is what the rest of the program sees of it.
 struct HostScan {
@@ -62,6 +63,8 @@ struct HostScan {
   LaneValue* turned[2];            // for each part of x and pair of turns kept blocks * T_rows: rows transformed
   ScoreMaps* maps;                 // of a scan that makes maps
   PeakSearch* search;              // of one that searches cells
+  KeptTurns* kept;                 // what such a scan keeps from micrograph to micrograph
+  const LaneValue* kept_spectra;   // of the template at hand, or null
   SearchBudget budget;             // of its searches
   HostScan* whole;                 // maps for the micrograph at hand, where a search was given up; else null
   int threads;
@@ -120,6 +123,9 @@ inline ThreadScratch scratch_of_thread(const HostScan* scan) {
 void scatter_rows(const LaneValue* row, LaneValue* blocks, const KeptFrequencies& kept, size_t n_blocks, size_t rows,
                   size_t y);
 
+/// The most frequencies of a part that a micrograph can need, in values (unit 1) or in blocks (kLanes).
+KeptFrequencies most_kept(const AxisPart& part, size_t unit);
+
 /// Transforms the micrograph (nx*ny floats) into every region's spectra and chooses the frequencies to keep.
 void transform_regions(HostScan* scan, const float* mic);
 
@@ -130,7 +136,8 @@ void transform_template_rows(const HostScan* scan, const TurnPair& turns, size_t
 
 /// Kept block i of a pair and a region: the templates' transform in y, its products with the micrograph's and their
 /// inverses in y, re and im exchanged, to product and, for the half turns, to half_turn_product: as many values as the
-/// part of y has samples. Either may be null.
+/// part of y has samples. Either may be null. pair: the place in the batch or, where the template's spectra are kept, among
+/// all its pairs.
 void correlate_columns(const HostScan* scan, const Region& region, size_t pair, size_t i, LaneValue* product,
                        LaneValue* half_turn_product);
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "matching/host_scan/interpolation.h"
+#include "matching/host_scan/kept_turns.h"
 #include "matching/host_scan/peak_search.h"
 #include "matching/host_scan/regions.h"
 #include "matching/host_scan/score_maps.h"
@@ -179,6 +180,7 @@ void give_search_up(HostScan* scan) {
   const auto nx = static_cast<size_t>(scan->nx);
   drop_spectra(scan, 1);
   peak_search_drop_candidates(scan);
+  kept_turns_drop(scan);
   give_freed_memory_back();
   auto* mic = host_new<float>(nx * static_cast<size_t>(scan->ny));
   for (int y = 0; y < scan->ny; y++) std::copy_n(peak_search_row(scan, y), nx, mic + pixel_at(0, y, scan->nx));
@@ -230,16 +232,20 @@ bool search_peaks(HostScan* scan, const float* T, const float* psi, int n_angles
   if (scan->whole || peak_search_is_vague(scan, energy_of(T, scan->T_nx * scan->T_ny), divisor)) return false;
   auto* turns = host_new<TurnPair>(static_cast<size_t>(scan->boxes.room));
   const float most_difference = most_difference_of_half_turns(scan, divisor);
+  const bool holds_all = n_angles <= scan->boxes.room;
   peak_search_begin(scan);
   bool pays = true;
   for (int first = 0; first < n_angles && pays; first += scan->boxes.room) {
     turn_boxes(&scan->boxes, T, psi + first, std::min(scan->boxes.room, n_angles - first));
     const int n_pairs = pair_turns(scan->boxes, psi + first, most_difference, turns);
+    if (holds_all) kept_turns_take(scan, T, turns, n_pairs);
     pays = peak_search_take(scan, turns, static_cast<size_t>(n_pairs), first, least * divisor);
   }
   free(turns);
-  if (pays) peak_search_write(scan, psi, divisor, found, cc, cell_psi);
-  return pays;
+  if (!pays) return false;
+  if (holds_all) kept_turns_note_paid(scan, T);
+  peak_search_write(scan, psi, divisor, found, cc, cell_psi);
+  return true;
 }
 
 }  // namespace
@@ -254,6 +260,7 @@ HostScan* host_scan_new(int nx, int ny, int T_nx, int T_ny, int n_angles, double
   take_spectra_and_scratch(scan);
   if (searches) {
     peak_search_new(scan, cell);
+    kept_turns_new(scan, n_templates);
   } else {
     scan->maps = score_maps_new(scan);
   }
@@ -271,6 +278,7 @@ void host_scan_free(HostScan* scan) {
     for (double* energies : {region.x_energy, region.y_energy}) free(energies);
   score_maps_free(scan->maps);
   peak_search_free(scan->search);
+  kept_turns_free(scan);
   free(scan->scratch);
   free(scan);
 }

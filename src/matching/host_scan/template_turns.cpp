@@ -68,7 +68,7 @@ int append_turn(Turn turn, bool has_half_turn, TurnPair* pairs, int n_pairs) {
     pairs[n_pairs - 1].has_second = true;
     return n_pairs;
   }
-  pairs[n_pairs] = {turn, {}, false, has_half_turn};
+  pairs[n_pairs] = {turn, {}, false, has_half_turn, n_pairs};
   return n_pairs + 1;
 }
 

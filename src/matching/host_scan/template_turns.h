@@ -36,10 +36,11 @@ struct Turn {
   int angle, half_turn;
 };
 
-/// Two turns that share a complex transform, or one. has_half_turns: of both turns, or of neither.
+/// Two turns that share a complex transform, or one. has_half_turns: of both turns, or of neither. place: among all pairs.
 struct TurnPair {
   Turn first, second;
   bool has_second, has_half_turns;
+  int place;
 };
 
 /// Groups the angles psi of the boxes, ascending, into pairs, at most as many as there are angles, each angle once:
