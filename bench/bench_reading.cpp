@@ -40,6 +40,13 @@ std::vector<uint8_t> counts(int most) {
   return values;
 }
 
+// A whole number as an IEEE half.
+uint16_t half_bits(uint8_t v) {
+  if (v == 0) return 0;
+  const int exponent = 31 - __builtin_clz(v);
+  return static_cast<uint16_t>((exponent + 15) << 10 | ((v << (10 - exponent)) & 0x3ff));
+}
+
 void write_mrc(const std::string& name, int mode, const std::vector<uint8_t>& values) {
   MRC_HEAD head{};
   mrc_init_head(&head);
@@ -53,7 +60,7 @@ void write_mrc(const std::string& name, int mode, const std::vector<uint8_t>& va
       const uint8_t v = values[y * kSide + x];
       const auto f = static_cast<float>(v);
       const auto s = static_cast<int16_t>(v);
-      const _Float16 h = v;
+      const uint16_t h = half_bits(v);
       const auto* bytes = reinterpret_cast<const char*>(mode == 2    ? static_cast<const void*>(&f)
                                                         : mode == 1  ? static_cast<const void*>(&s)
                                                         : mode == 12 ? static_cast<const void*>(&h)

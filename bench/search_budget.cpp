@@ -357,7 +357,7 @@ Setting random_setting(unsigned seed) {
   s.name = "seed " + std::to_string(seed);
   s.seed = seed;
   s.side = 2 * static_cast<int>(spread(128, 512));
-  s.box = static_cast<int>(spread(8, s.side / 4 + 0.99));
+  s.box = static_cast<int>(spread(8, s.side * 0.25 + 0.99));
   s.cell = std::max(3, static_cast<int>(s.box * between(0.15, 0.6)));
   s.templates = static_cast<int>(between(1, 4));
   s.shape = static_cast<Shape>(static_cast<int>(between(0, 4)));

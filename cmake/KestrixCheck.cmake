@@ -13,9 +13,11 @@ find_program(CLANG_TIDY NAMES clang-tidy clang-tidy-14)
 add_custom_target(check-format
   COMMAND ${CLANG_FORMAT} --dry-run --Werror ${KESTRIX_CHECKED}
   COMMENT "clang-format" VERBATIM)
+list(JOIN KESTRIX_TIDIED "\n" KESTRIX_TIDIED_LINES)
+file(WRITE ${CMAKE_BINARY_DIR}/tidied.txt "${KESTRIX_TIDIED_LINES}\n")
 add_custom_target(check-tidy
-  COMMAND printf "%s\\n" ${KESTRIX_TIDIED} | xargs -P 2 -n 4 ${CLANG_TIDY} -p ${CMAKE_BINARY_DIR} --quiet
-  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy")
+  COMMAND xargs -a ${CMAKE_BINARY_DIR}/tidied.txt -P 2 -n 4 ${CLANG_TIDY} -p ${CMAKE_BINARY_DIR} --quiet
+  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} COMMENT "clang-tidy" VERBATIM)
 add_custom_target(check-arrows
   COMMAND ${CMAKE_SOURCE_DIR}/tools/arrows.sh --check COMMENT "arrows between rooms" VERBATIM)
 add_custom_target(check-documents

@@ -83,7 +83,7 @@ TEST(ScorePeaks, AreTheOpenLocalMaximaTakenFromTheHighestDown) {
         for (int dy = -1; dy <= 1; dy++)
           for (int dx = -1; dx <= 1; dx++) {
             const float v = sign * map[static_cast<size_t>(i)],
-                        other = sign * map[static_cast<size_t>(i + dy * nx + dx)];
+                        other = sign * map[static_cast<size_t>(i) + dy * nx + dx];
             const bool before = dy < 0 || (dy == 0 && dx < 0);
             if (dy != 0 || dx != 0) top = top && (before ? v > other : v >= other);
           }
@@ -145,7 +145,7 @@ TEST(RobustIce, ClosesWideAreasAndLeavesSmallSpots) {
   const auto disc = [&](std::vector<float>& map, int cx, int cy, double radius, float value) {
     for (int y = 0; y < ny; y++)
       for (int x = 0; x < nx; x++)
-        if (std::hypot(x - cx, y - cy) <= radius) map[static_cast<size_t>(y * nx + x)] = value;
+        if (std::hypot(x - cx, y - cy) <= radius) map[static_cast<size_t>(y) * nx + x] = value;
   };
   disc(deviation, 40, 40, 20, 3);      // wider than 0.6 of 20 pixels: ice
   disc(deviation, 120, 40, 9, 3);      // one strong particle
@@ -154,7 +154,7 @@ TEST(RobustIce, ClosesWideAreasAndLeavesSmallSpots) {
   disc(average, 60, 120, 14, -0.7f);   // as deep as the rim, with nothing in it
   const RobustIceLimits limits =
       find_robust_ice({nx, ny, nx, ny, 20, 8}, average.data(), deviation.data(), bad.data(), open.data());
-  const auto is_bad = [&](int x, int y) { return bad[static_cast<size_t>(y * nx + x)] != 0; };
+  const auto is_bad = [&](int x, int y) { return bad[static_cast<size_t>(y) * nx + x] != 0; };
   EXPECT_TRUE(is_bad(40, 40) && is_bad(55, 40) && is_bad(150, 120) && is_bad(162, 120));
   EXPECT_FALSE(is_bad(120, 40) || is_bad(60, 120) || is_bad(100, 100));
   size_t is_open = 0;
@@ -164,7 +164,7 @@ TEST(RobustIce, ClosesWideAreasAndLeavesSmallSpots) {
       for (int v = std::max(0, y - 8); v <= std::min(ny - 1, y + 8); v++)
         for (int u = std::max(0, x - 8); u <= std::min(nx - 1, x + 8); u++)
           close = close || (is_bad(u, v) && (u - x) * (u - x) + (v - y) * (v - y) <= 64);
-      ASSERT_EQ(close ? 0 : 1, open[static_cast<size_t>(y * nx + x)]) << x << " " << y;
+      ASSERT_EQ(close ? 0 : 1, open[static_cast<size_t>(y) * nx + x]) << x << " " << y;
       is_open += !close;
     }
   EXPECT_NEAR(static_cast<double>(is_open) / static_cast<double>(n), limits.open, 1e-6);
@@ -182,7 +182,7 @@ TEST_P(SizeBands, GaussiansAndRoundTemplatesAreTheConvolutionsOfTheMirroredImage
       i = ((i % (2 * side)) + 2 * side) % (2 * side);
       return i < side ? i : 2 * side - 1 - i;
     };
-    return static_cast<double>(image[static_cast<size_t>(fold(y, ny) * nx + fold(x, nx))]);
+    return static_cast<double>(image[static_cast<size_t>(fold(y, ny)) * nx + fold(x, nx)]);
   };
   MirrorPad pad = mirror_pad_new(nx, ny, GetParam());
   const auto in = to_device(image), out = unwritten(n);
@@ -198,7 +198,7 @@ TEST_P(SizeBands, GaussiansAndRoundTemplatesAreTheConvolutionsOfTheMirroredImage
     for (int x = 0; x < nx; x++)
       for (int dy = -14; dy <= 14; dy++)
         for (int dx = -14; dx <= 14; dx++) {
-          const size_t i = static_cast<size_t>(y * nx + x);
+          const size_t i = static_cast<size_t>(y) * nx + x;
           blurred[i] += mirrored(x + dx, y + dy) * std::exp(-(dx * dx + dy * dy) / (2 * deviation * deviation)) /
                         (2 * M_PI * deviation * deviation);
           // The template's centre lies half a pixel before the pixel.
@@ -229,8 +229,8 @@ TEST_P(SizeBands, ClosedAreasLeakNothingIntoABand) {
   for (const float dirt : {0.0f, 500.0f}) {
     for (int y = 0; y < 20; y++)
       for (int x = 0; x < 25; x++) {
-        image[static_cast<size_t>(y * nx + x)] = dirt;
-        open[static_cast<size_t>(y * nx + x)] = 0;
+        image[static_cast<size_t>(y) * nx + x] = dirt;
+        open[static_cast<size_t>(y) * nx + x] = 0;
       }
     const auto in = to_device(image), d_open = to_device(open), out = unwritten(n);
     size_band_take(&band, &pad, in.get(), d_open.get(), false);

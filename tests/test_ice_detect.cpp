@@ -14,7 +14,7 @@ std::vector<unsigned> searched(const std::vector<float>& lave, const std::vector
   const auto a = to_device(lave), s = to_device(lsigma), grid_lave = unwritten(n), grid_lsigma = unwritten(n);
   const auto grid = to_device(std::vector<unsigned>(n, 12345u));
   hcuda_find_sigma_grids(a.get(), s.get(), grid.get(), grid_lave.get(), grid_lsigma.get(), Nx, Ny, box, -1.5f, 1, 2);
-  const std::vector<unsigned> found = to_host(grid, n);
+  std::vector<unsigned> found = to_host(grid, n);
   for (size_t c = 0; c < n; c++) {
     const size_t pixel = found[c] > 0 ? found[c] : pixel_index(c % across * box, c / across * box, Nx);
     EXPECT_TRUE(same_bits({to_host(grid_lave, n)[c], to_host(grid_lsigma, n)[c]}, {lave[pixel], lsigma[pixel]}));

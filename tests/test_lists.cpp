@@ -219,7 +219,7 @@ TEST_F(Lists, DrawMarksEachCentre) {
   Picture picture = picture_of(40, 40, std::vector<uint8_t>(1600, 7));
   draw_circle(&picture, 20, 20, 10, {255, 0, 0});
   draw_box(&picture, 1, 1, 35, {0, 0, 255});  // most of it beside the picture
-  const auto red = [&](int x, int y) { return picture.rgb[static_cast<size_t>(3 * (40 * y + x))] == 255; };
+  const auto red = [&](int x, int y) { return picture.rgb[static_cast<size_t>(40 * y + x) * 3] == 255; };
   EXPECT_TRUE(red(30, 20) && red(20, 9) && red(9, 20) && red(27, 27));
   EXPECT_FALSE(red(20, 20) || red(32, 20) || red(27, 20));
   EXPECT_EQ(255, picture.rgb[3 * (40 * 5 + 36) + 2]);

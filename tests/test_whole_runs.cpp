@@ -52,7 +52,7 @@ TEST_F(RunOutput, WritesTheListsAndTheImagesAskedForAndNothingElse) {
   simulate("--nx 700 --ny 640 --templates 3 --ice 1");
   const std::string lists = "_nonunique.box _quorlin.box _quorlin.star _rejected.box _rejected.star ";
   const struct {
-    std::string option, outputs, image = "";  // the one among them
+    std::string option, outputs, image{};  // the one among them
   } cases[] = {{"", lists},
                {"--detect_ice 0 --write_star 0 --write_bg_mic 1 --write_lsigma_mic 1", "_nonunique.box _quorlin.box "},
                {"--write_pref_mic", "_nonunique.box _pref.mrc " + lists.substr(15), "_pref.mrc"},

@@ -244,8 +244,9 @@ void tame_outliers(float* image, int nx, int ny, int stride, const char* name) {
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < ny; y++)
     for (int x = 0; x < nx; x++) {
-      float& v = image[static_cast<size_t>(y) * stride + x];
-      v = std::isfinite(v) ? std::clamp(v, scale.median - reach, scale.median + reach) : scale.median;
+      const size_t i = static_cast<size_t>(y) * stride + x;
+      const float v = image[i];
+      image[i] = std::isfinite(v) ? std::clamp(v, scale.median - reach, scale.median + reach) : scale.median;
     }
 }
 

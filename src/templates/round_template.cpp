@@ -136,8 +136,8 @@ void draw_round_template(const RoundTemplate& t, int side, float* image) {
     for (int x = 0; x < side; x++) {
       const double at = std::hypot(x - centre, y - centre) / static_cast<double>(t.step);
       const int i = static_cast<int>(at);
-      float& pixel = image[static_cast<size_t>(y) * side + x];
-      pixel = i + 1 < t.n ? t.values[i] + static_cast<float>(at - i) * (t.values[i + 1] - t.values[i]) : 0.0f;
+      image[static_cast<size_t>(y) * side + x] =
+          i + 1 < t.n ? t.values[i] + static_cast<float>(at - i) * (t.values[i + 1] - t.values[i]) : 0.0f;
     }
   }
 }

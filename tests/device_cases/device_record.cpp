@@ -7,7 +7,13 @@
 
 namespace {
 
-bool same_bits(float a, float b) { return memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b)); }
+uint32_t bits_of(float v) {
+  uint32_t bits;
+  memcpy(&bits, &v, sizeof bits);
+  return bits;
+}
+
+bool same_bits(float a, float b) { return bits_of(a) == bits_of(b) || (std::isnan(a) && std::isnan(b)); }
 
 double rms_of(const std::vector<float>& values) {
   double sum = 0;

@@ -182,9 +182,11 @@ void add_eman2(Join* join, const Joined& joined) {
     return;
   }
   OutputFile file(file_in_folder(join, joined, ".box"));
-  for (const ListPick& pick : joined.picks)
-    fprintf(file.stream(), "%.0f\t%.0f\t%d\t%d\n", pick.x - pick.width / 2, pick.y - pick.height / 2, pick.width,
-            pick.height);
+  for (const ListPick& pick : joined.picks) {
+    const int left = pick.width / 2;
+    const int below = pick.height / 2;
+    fprintf(file.stream(), "%.0f\t%.0f\t%d\t%d\n", pick.x - left, pick.y - below, pick.width, pick.height);
+  }
   file.finish();
 }
 

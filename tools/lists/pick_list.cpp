@@ -33,14 +33,16 @@ std::string read_numbers(const std::vector<std::string_view>& words, size_t coun
 std::string box_pick(const std::vector<std::string_view>& words, ListPick* pick) {
   if (words.size() < 4) return "a box needs x, y, width and height, and here are " + std::to_string(words.size());
   double numbers[7] = {0, 0, 0, 0, NAN, 0, 0};
-  const std::string problem = read_numbers(words, std::min<size_t>(words.size(), 7), numbers);
+  std::string problem = read_numbers(words, std::min<size_t>(words.size(), 7), numbers);
   if (!problem.empty()) return problem;
   for (int i = 0; i < 4; i++)
     if (!is_coordinate(numbers[i])) return "a box can't be there";
   pick->width = saturating_int(numbers[2]);
   pick->height = saturating_int(numbers[3]);
-  pick->x = numbers[0] + pick->width / 2;
-  pick->y = numbers[1] + pick->height / 2;
+  const int left = pick->width / 2;
+  const int below = pick->height / 2;
+  pick->x = numbers[0] + left;
+  pick->y = numbers[1] + below;
   pick->score = static_cast<float>(numbers[4]);
   pick->template_number = saturating_int(numbers[5]);
   pick->psi = static_cast<float>(numbers[6]);

@@ -62,6 +62,7 @@ std::vector<float> image_quantiles(const ShrunkImage& image, const std::vector<d
   for (size_t i = 0; i < image.values.size(); i += step) sample.push_back(image.values[i]);
   std::sort(sample.begin(), sample.end());
   std::vector<float> quantiles;
+  quantiles.reserve(shares.size());
   for (const double share : shares)
     quantiles.push_back(sample.empty() ? 0
                                        : sample[static_cast<size_t>(share * static_cast<double>(sample.size() - 1))]);
@@ -73,6 +74,6 @@ std::vector<uint8_t> grey_levels(const ShrunkImage& image, float low, float high
   if (!(high > low)) return levels;
   const float scale = 255.0f / (high - low);
   for (size_t i = 0; i < levels.size(); i++)
-    levels[i] = static_cast<uint8_t>(std::clamp((image.values[i] - low) * scale, 0.0f, 255.0f) + 0.5f);
+    levels[i] = static_cast<uint8_t>(std::lround(std::clamp((image.values[i] - low) * scale, 0.0f, 255.0f)));
   return levels;
 }

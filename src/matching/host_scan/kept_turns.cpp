@@ -146,7 +146,8 @@ void kept_turns_new(HostScan* scan, int n_templates) {
     kept->pair_values += kept_count(kept->blocks[scan->regions[r].across]) * column_values(kept, scan->regions[r]);
   }
   const size_t pairs = (static_cast<size_t>(scan->n_angles) + kAnglesOfPair - 1) / kAnglesOfPair;
-  const size_t fitting = kBytesKept / (pairs * kept->pair_values * sizeof(LaneValue));
+  const size_t template_bytes = pairs * kept->pair_values * sizeof(LaneValue);
+  const size_t fitting = template_bytes > 0 ? kBytesKept / template_bytes : 0;
   kept->most_bytes = fitting * kLeastPartKept >= static_cast<size_t>(n_templates) ? kBytesKept : 0;
   kept->templates = host_new<KeptTemplate>(kMostTemplates);
   scan->kept = kept;

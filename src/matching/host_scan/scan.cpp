@@ -31,7 +31,7 @@ constexpr float kHalfTurnScore = 1e-6f;
 // Fewer angles don't pay for the transforms of a divided micrograph.
 constexpr int kFewAngles = 8;
 
-size_t cells_of_side(int n, int cell) { return static_cast<size_t>((n - 1) / cell + 1); }
+size_t cells_of_side(int n, int cell) { return static_cast<size_t>((n - 1) / cell) + 1; }
 
 // Divides the axes for a search of n_templates templates if that pays, or in any case. Returns whether it did.
 bool divide_axes(HostScan* scan, double band, int cell, int n_templates, bool in_any_case) {
