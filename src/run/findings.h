@@ -4,7 +4,7 @@
 #include "particles/score_cutoff.h"
 
 /// What was matched.
-enum TemplateUsed { kGivenTemplates, kDisc, kBall, kLearned };
+enum TemplateUsed { kGivenTemplates, kDisc, kBall, kLearned, kSessionMean };
 
 /// Facts of one micrograph.
 struct PickFindings {
