@@ -93,12 +93,23 @@ void set_size_findings(Run* run) {
   const SizeScanResult& found = run->autos.found;
   PickFindings& findings = run->findings;
   if (run->para.auto_template)
-    findings.matched = !found.learned ? kBall : shares_learned(run) ? kSessionMean : kLearned;
+    findings.matched = !found.learned ? kBall : findings.by_session ? kSessionMean : kLearned;
   findings.size = found.share * run->para.diameter;
   findings.size_at_end = found.share <= kSizeShares[0] || found.share >= kSizeShares[kSizes - 1];
   findings.score_unit = found.score_unit;
   const SizeScanSettings& settings = run->autos.sizes.settings;
   if (run->para.auto_picks) findings.min_dist_px = peak_distance(settings, found.share * settings.diameter);
+}
+
+// By what the session shares where a micrograph needs that, else by itself.
+SizeScanResult match_or_scan(Run* run) {
+  if (shares_learned(run)) {
+    SizeScanResult matched = match_learned(run);
+    run->findings.by_session = !has_enough_alone(run, matched);
+    if (run->findings.by_session) return matched;
+    size_scan_result_free(&matched);
+  }
+  return scan_sizes(&run->autos.sizes, &run->pad, run->device.d_mic, run->autos.d_open, is_all_open(run));
 }
 
 // Scans for dark particles or, where templates aren't inverted, for bright ones, and leaves the template in the
@@ -108,9 +119,7 @@ SizeScanResult scan_for_contrast(Run* run) {
   AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   if (bright) hcuda_invert_inplace(d_mic, work_pixels(run));
-  SizeScanResult found = shares_learned(run)
-                             ? match_learned(run)
-                             : scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, is_all_open(run));
+  SizeScanResult found = match_or_scan(run);
   if (!bright) return found;
   hcuda_invert_inplace(d_mic, work_pixels(run));
   if (found.usable) hm_invert_inplace(found.found.values, static_cast<unsigned long>(found.found.n));
@@ -137,7 +146,7 @@ void set_cutoff(Run* run, const PeakList& peaks, const PeakList& decoys) {
   PickFindings& findings = run->findings;
   const float size = findings.size > 0 ? findings.size : run->para.diameter;
   const float apart = size / (static_cast<float>(run->para.shrink) * run->para.apixM);
-  const ScoreCutoff found = shares_learned(run) ? session_cutoff(run, peaks, decoys, apart)
+  const ScoreCutoff found = findings.by_session ? session_cutoff(run, peaks, decoys, apart)
                                                 : find_cutoff(peaks, decoys, run->sizes.work_nx, apart);
   findings.least = found.least;
   if (run->para.auto_cutoff) {
@@ -343,7 +352,7 @@ void tell_findings(const Run* run, const char* mic) {
   }
   if (run->para.auto_cutoff && f.rule == kNoParticles)
     safety_note(mic, "peaks don't stand out against chance; nothing is picked.");
-  else if (f.size_at_end && !shares_learned(run))
+  else if (f.size_at_end && !f.by_session)
     safety_note(mic, "particles of %.0f Å fit best, an end of the sizes tried; is --diameter %g right?",
                 static_cast<double>(f.size), static_cast<double>(run->para.diameter));
   if (f.closed > kMostlyClosed)

@@ -12,6 +12,9 @@ namespace {
 // A micrograph has particles where chance alone reaches its number of peaks more rarely.
 constexpr double kRareChance = 0.01;
 
+// With so many peaks it needs no others: its own scores then say more about it than the session's.
+constexpr int kEnoughAlone = 40;
+
 // The probability of `count` or more where `expected` are expected (Poisson).
 double chance_of(int count, double expected) {
   double rest = 1;
@@ -28,6 +31,14 @@ RoundTemplate in_pixels(const RoundTemplate& found, float apix) {
   RoundTemplate t{host_new<float>(n), found.n, found.step / apix};
   std::copy_n(found.values, n, t.values);
   return t;
+}
+
+// Peaks that reach the session's cutoff and no higher decoy stands beside.
+int count_peaks(const Run* run, const PeakList& peaks, const PeakList& decoys, float apart) {
+  PeakList left = without_beaten(peaks, decoys, run->sizes.work_nx, apart);
+  const int count = peaks_from(left, run->learned.cutoff);
+  peak_list_free(&left);
+  return count;
 }
 
 }  // namespace
@@ -64,11 +75,14 @@ SizeScanResult match_learned(Run* run) {
   return result;
 }
 
+bool has_enough_alone(const Run* run, const SizeScanResult& matched) {
+  const float size = matched.share * run->autos.sizes.settings.diameter;
+  return count_peaks(run, matched.peaks, matched.decoys, size) >= kEnoughAlone;
+}
+
 ScoreCutoff session_cutoff(const Run* run, const PeakList& peaks, const PeakList& decoys, float apart) {
   const LearnedPicks& learned = run->learned;
-  PeakList left = without_beaten(peaks, decoys, run->sizes.work_nx, apart);
-  const int count = peaks_from(left, learned.cutoff);
-  peak_list_free(&left);
+  const int count = count_peaks(run, peaks, decoys, apart);
   if (count > 0 && chance_of(count, learned.decoys) < kRareChance)
     return {kSessionCutoff, learned.cutoff, learned.least};
   return {kNoParticles, std::numeric_limits<float>::infinity(), learned.least};

@@ -27,8 +27,12 @@ void learned_picks_free(LearnedPicks* learned);
 /// Whether the run's micrographs are picked by what was learned.
 bool shares_learned(const Run* run);
 
-/// Peaks and decoys of the micrograph at hand by run->learned. Others as scan_sizes has them.
+/// Peaks and decoys of the micrograph at hand by run->learned, dark particles in d_mic; all else as scan_sizes has it.
 SizeScanResult match_learned(Run* run);
+
+/// Whether a micrograph shows so many peaks above the session's cutoff that it tells size, template and cutoff better by
+/// itself. matched: of match_learned.
+bool has_enough_alone(const Run* run, const SizeScanResult& matched);
 
 /// The session's cutoff for a micrograph whose peaks and decoys compete within `apart` pixels: none where as many peaks
 /// may be chance.
