@@ -75,6 +75,13 @@ TEST_F(RunLearned, FindsMoreOnSparseMicrographsAndNothingOnTheEmptyOne) {
   remove_file("sim_003_quorlin.star");
   good_session("--learn_from 2 --do_unfinished 1");
   EXPECT_TRUE(found == lists() && learned == content("kestrix_learned.star")) << "gone on with";
+  for (int i = 1; i <= 12; i++) {
+    Image inverted = read_image(path(stem(i) + ".mrc"));
+    for (float& pixel : inverted.data) pixel = 1000 - pixel;
+    mrcf_write_xyz_data(path(stem(i) + ".mrc").c_str(), inverted.data.data(), inverted.head.nx, inverted.head.ny, 1);
+  }
+  good_session("--learn_from 12 --learned bright.star --dont_invertT 1");
+  EXPECT_NEAR(shared.first, right_and_all().first, 3) << "bright particles";
   for (int i = 2; i <= 12; i++) remove_file(stem(i) + ".mrc");
   remove_file("sim_001.mrc");
   copy_file("empty_001.mrc", "sim_001.mrc");

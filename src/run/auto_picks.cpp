@@ -116,7 +116,6 @@ SizeScanResult match_or_scan(Run* run) {
 // micrograph's contrast.
 SizeScanResult scan_for_contrast(Run* run) {
   const bool bright = run->para.dont_invertT != 0;
-  AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   if (bright) hcuda_invert_inplace(d_mic, work_pixels(run));
   SizeScanResult found = match_or_scan(run);
