@@ -7,10 +7,6 @@
 
 namespace {
 
-// A mean is taken of this many peaks at least, and in the band of a size this much larger than the ball's.
-constexpr int kFewestAveraged = 10;
-constexpr float kMeanSize = 1.25f;
-
 float ball_size(const Run* run, int i) { return kSizeShares[i] * run->autos.sizes.settings.diameter; }
 
 float mean_size(const Run* run) { return kMeanSize * ball_size(run, run->learning->best); }

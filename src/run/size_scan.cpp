@@ -14,10 +14,6 @@ namespace {
 
 constexpr char unit[] = "size_scan";
 
-// A mean is taken of this many peaks at least, and in the band of a size this much larger than the ball's.
-constexpr int kFewestAveraged = 10;
-constexpr float kMeanSize = 1.25f;
-
 // Share of a size that two particles keep between them.
 constexpr float kApart = 0.8f;
 

@@ -10,6 +10,10 @@
 constexpr int kSizes = 4;
 constexpr float kSizeShares[kSizes] = {0.64f, 0.8f, 1.0f, 1.25f};
 
+/// A mean is taken of this many peaks at least, and in the band of a size this much larger than the ball's.
+constexpr int kFewestAveraged = 10;
+constexpr float kMeanSize = 1.25f;
+
 /// What the scan goes by. Lengths in working pixels.
 struct SizeScanSettings {
   float diameter;        // expected
