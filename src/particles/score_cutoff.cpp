@@ -21,24 +21,6 @@ constexpr double kBalanceSigma = 5.0;
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-// Which of the list's peaks are left when those nearer than the distance to a higher one of the others are taken out.
-PeakList without_beaten(const PeakList& list, const PeakList& others, int nx, float distance) {
-  PeakList left{host_new<ScorePeak>(static_cast<size_t>(list.n)), 0};
-  int rows = 1;
-  for (const PeakList* one : {&list, &others})
-    for (int i = 0; i < one->n; i++) rows = std::max(rows, one->peaks[i].pixel / nx + 1);
-  PointGrid higher = point_grid_new(nx, rows, distance, others.n);
-  int next = 0;
-  for (int i = 0; i < list.n; i++) {
-    for (; next < others.n && others.peaks[next].score > list.peaks[i].score; next++)
-      point_grid_add(&higher, others.peaks[next].pixel % nx, others.peaks[next].pixel / nx);
-    if (!is_point_near(higher, list.peaks[i].pixel % nx, list.peaks[i].pixel / nx))
-      left.peaks[left.n++] = list.peaks[i];
-  }
-  point_grid_free(&higher);
-  return left;
-}
-
 double deviation_of(const PeakList& list) {
   double sum = 0;
   double squares = 0;
@@ -158,6 +140,23 @@ ScoreCutoff cutoff_of_counts(const PeakList& peaks, const PeakList& decoys, floa
 
 }  // namespace
 
+PeakList without_beaten(const PeakList& list, const PeakList& others, int nx, float distance) {
+  PeakList left{host_new<ScorePeak>(static_cast<size_t>(list.n)), 0};
+  int rows = 1;
+  for (const PeakList* one : {&list, &others})
+    for (int i = 0; i < one->n; i++) rows = std::max(rows, one->peaks[i].pixel / nx + 1);
+  PointGrid higher = point_grid_new(nx, rows, distance, others.n);
+  int next = 0;
+  for (int i = 0; i < list.n; i++) {
+    for (; next < others.n && others.peaks[next].score > list.peaks[i].score; next++)
+      point_grid_add(&higher, others.peaks[next].pixel % nx, others.peaks[next].pixel / nx);
+    if (!is_point_near(higher, list.peaks[i].pixel % nx, list.peaks[i].pixel / nx))
+      left.peaks[left.n++] = list.peaks[i];
+  }
+  point_grid_free(&higher);
+  return left;
+}
+
 float score_valley(const PeakList& peaks) {
   if (peaks.n < 2) return 0;
   const double width = 0.7 * 1.06 * deviation_of(peaks) * std::pow(peaks.n, -0.2);
@@ -197,6 +196,10 @@ const char* cutoff_rule_name(CutoffRule rule) {
       return "best balance against decoys";
     case kGivenCutoff:
       return "--cc_cutoff";
+    case kMostSigmas:
+      return "peaks stand out most against decoys";
+    case kSessionCutoff:
+      return "learned from the session";
     default:
       return "no particles";
   }

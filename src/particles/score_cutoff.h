@@ -6,10 +6,12 @@
 
 /// By which rule a cutoff was found.
 enum CutoffRule {
-  kNoParticles,  // peaks don't stand out against decoys: nothing is picked
-  kValley,       // where the scores of particles and those of noise divide, or above for few decoys' sake
-  kBestBalance,  // where the expected balance of precision and recall is best
-  kGivenCutoff   // the user's
+  kNoParticles,   // peaks don't stand out against decoys: nothing is picked
+  kValley,        // where the scores of particles and those of noise divide, or above for few decoys' sake
+  kBestBalance,   // where the expected balance of precision and recall is best
+  kGivenCutoff,   // the user's
+  kMostSigmas,    // where peaks of many micrographs stand out most against decoys
+  kSessionCutoff  // shared by the session's micrographs
 };
 
 struct ScoreCutoff {
@@ -21,6 +23,10 @@ struct ScoreCutoff {
 /// The cutoff of peaks and decoys of an image of nx pixels a row. Of a peak and a decoy nearer than `distance` the lower
 /// one is left out of the counts.
 ScoreCutoff find_cutoff(const PeakList& peaks, const PeakList& decoys, int nx, float distance);
+
+/// Which of a list's peaks, in their order, are left when those nearer than `distance` to a higher one of the others are
+/// taken out. The caller frees the list.
+PeakList without_beaten(const PeakList& list, const PeakList& others, int nx, float distance);
 
 /// The score between the two highest modes of the peaks' scores where their density is least, or where there is only
 /// one mode Otsu's threshold. 0 for fewer than two peaks.

@@ -18,6 +18,7 @@
 #include "platform/failure.h"
 #include "platform/host_memory.h"
 #include "process2d_raw.h"
+#include "run/session_learning.h"
 #include "str_utils.h"
 
 namespace {
@@ -58,11 +59,6 @@ float share_closed(const Run* run) {
   return 1.0f - static_cast<float>(open) / (static_cast<float>(nx) * static_cast<float>(ny));
 }
 
-bool is_all_open(const Run* run) {
-  const float* open = run->autos.host_open;
-  return std::all_of(open, open + work_pixels(run), [](float v) { return v != 0.0f; });
-}
-
 SizeScanSettings scan_settings(const Run* run) {
   const Kestrix_Para& para = run->para;
   const float apix = static_cast<float>(para.shrink) * para.apixM;
@@ -96,7 +92,8 @@ void replace_template(Run* run, const RoundTemplate& found) {
 void set_size_findings(Run* run) {
   const SizeScanResult& found = run->autos.found;
   PickFindings& findings = run->findings;
-  if (run->para.auto_template) findings.matched = found.learned ? kLearned : kBall;
+  if (run->para.auto_template)
+    findings.matched = !found.learned ? kBall : findings.by_session ? kSessionMean : kLearned;
   findings.size = found.share * run->para.diameter;
   findings.size_at_end = found.share <= kSizeShares[0] || found.share >= kSizeShares[kSizes - 1];
   findings.score_unit = found.score_unit;
@@ -104,14 +101,24 @@ void set_size_findings(Run* run) {
   if (run->para.auto_picks) findings.min_dist_px = peak_distance(settings, found.share * settings.diameter);
 }
 
+// By what the session shares where a micrograph needs that, else by itself.
+SizeScanResult match_or_scan(Run* run) {
+  if (shares_learned(run)) {
+    SizeScanResult matched = match_learned(run);
+    run->findings.by_session = !has_enough_alone(run, matched);
+    if (run->findings.by_session) return matched;
+    size_scan_result_free(&matched);
+  }
+  return scan_sizes(&run->autos.sizes, &run->pad, run->device.d_mic, run->autos.d_open, is_all_open(run));
+}
+
 // Scans for dark particles or, where templates aren't inverted, for bright ones, and leaves the template in the
 // micrograph's contrast.
 SizeScanResult scan_for_contrast(Run* run) {
   const bool bright = run->para.dont_invertT != 0;
-  AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   if (bright) hcuda_invert_inplace(d_mic, work_pixels(run));
-  SizeScanResult found = scan_sizes(&autos.sizes, &run->pad, d_mic, autos.d_open, is_all_open(run));
+  SizeScanResult found = match_or_scan(run);
   if (!bright) return found;
   hcuda_invert_inplace(d_mic, work_pixels(run));
   if (found.usable) hm_invert_inplace(found.found.values, static_cast<unsigned long>(found.found.n));
@@ -138,7 +145,8 @@ void set_cutoff(Run* run, const PeakList& peaks, const PeakList& decoys) {
   PickFindings& findings = run->findings;
   const float size = findings.size > 0 ? findings.size : run->para.diameter;
   const float apart = size / (static_cast<float>(run->para.shrink) * run->para.apixM);
-  const ScoreCutoff found = find_cutoff(peaks, decoys, run->sizes.work_nx, apart);
+  const ScoreCutoff found = findings.by_session ? session_cutoff(run, peaks, decoys, apart)
+                                                : find_cutoff(peaks, decoys, run->sizes.work_nx, apart);
   findings.least = found.least;
   if (run->para.auto_cutoff) {
     findings.rule = found.rule;
@@ -174,6 +182,11 @@ void write_candidates(Run* run, FILE* nonunique, const PeakList& peaks, int t, c
 
 }  // namespace
 
+bool is_all_open(const Run* run) {
+  const float* open = run->autos.host_open;
+  return std::all_of(open, open + work_pixels(run), [](float v) { return v != 0.0f; });
+}
+
 const char* template_used_name(TemplateUsed used) {
   switch (used) {
     case kDisc:
@@ -182,6 +195,8 @@ const char* template_used_name(TemplateUsed used) {
       return "ball";
     case kLearned:
       return "mean of the micrograph's own particles";
+    case kSessionMean:
+      return "mean of the session's particles";
     default:
       return "given templates";
   }
@@ -269,6 +284,10 @@ void learn_template(Run* run, const char* mic, bool usable) {
   AutoBuffers& autos = run->autos;
   float* d_mic = run->device.d_mic;
   size_scan_result_free(&autos.found);
+  if (run->learning) {
+    if (usable) take_into_learning(run);
+    return;
+  }
   if (usable) autos.found = scan_for_contrast(run);
   if (!autos.found.usable) {
     // The disc again, where an earlier micrograph's template has taken its place.
@@ -333,7 +352,7 @@ void tell_findings(const Run* run, const char* mic) {
   }
   if (run->para.auto_cutoff && f.rule == kNoParticles)
     safety_note(mic, "peaks don't stand out against chance; nothing is picked.");
-  else if (f.size_at_end)
+  else if (f.size_at_end && !f.by_session)
     safety_note(mic, "particles of %.0f Å fit best, an end of the sizes tried; is --diameter %g right?",
                 static_cast<double>(f.size), static_cast<double>(run->para.diameter));
   if (f.closed > kMostlyClosed)

@@ -25,6 +25,9 @@ void tame_outliers(float* image, int nx, int ny, int stride, const char* name);
 /// normalises by it. For after the cells have been closed.
 void set_open_area(Run* run);
 
+/// Whether nothing of the open area is closed.
+bool is_all_open(const Run* run);
+
 /// Finds size and template on the normalised working image d_mic, and makes it the one that is matched: d_mic becomes
 /// its band with --auto; without, the template takes the automatic one's place.
 /// usable: whether the image can be looked at; if not, nothing is found.

@@ -4,7 +4,7 @@
 #include "particles/score_cutoff.h"
 
 /// What was matched.
-enum TemplateUsed { kGivenTemplates, kDisc, kBall, kLearned };
+enum TemplateUsed { kGivenTemplates, kDisc, kBall, kLearned, kSessionMean };
 
 /// Facts of one micrograph.
 struct PickFindings {
@@ -18,6 +18,7 @@ struct PickFindings {
   float min_dist_px;  // least distance of two picks, working pixels
   bool distinct;      // candidates keep that distance already
   float closed;       // share of the micrograph closed to picking, 0 to 1
+  bool by_session;    // size, template and cutoff are those that the session shares
   int picks;          // peaks that reached the cutoff, before borders and excluded places
   // What the lists hold:
   int cells_closed;  // cells of the grid that are closed to picking

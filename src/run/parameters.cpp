@@ -120,6 +120,21 @@ const Option options[] = {
      &Given::auto_cutoff,
      {"Picks that need no tuning", "auto_cutoff", "[0|1]",
       "Find each micrograph's cutoff from its scores; one without particles gets empty lists"}},
+    {"learn_from",
+     &P::learn_from,
+     WITH_VALUE,
+     nullptr,
+     {"Picks that need no tuning", "learn_from", "N",
+      "With --auto: look at N micrographs, spread over the list, for the size, template and cutoff that all of them "
+      "share; "
+      "for sparse micrographs of low signal"}},
+    {"learned",
+     &P::learned,
+     WITH_VALUE,
+     nullptr,
+     {"Picks that need no tuning", "learned", "FILE",
+      "What was learned, [kestrix_learned.star] among the outputs; a FILE that is there is read, and nothing learned "
+      "anew"}},
     {"write_learned",
      &P::write_learned,
      FLAG,
@@ -456,6 +471,7 @@ void kestrix_init_parameters(int argc, Kestrix_Para* para) {
   para->odir = null_text();
   para->summary = null_text();
   para->shard = null_text();
+  para->learned = null_text();
   para->write_rejected_box = 1;
   para->write_star = 1;
   para->local_edge_width = 8.0f;
@@ -529,9 +545,10 @@ void kestrix_free_parameters(Kestrix_Para* para) {
   free(para->odir);
   free(para->summary);
   free(para->shard);
+  free(para->learned);
   para->files = nullptr;
   para->T = para->excluded_suffix = para->global_excluded_box = nullptr;
-  para->micrographs = para->odir = para->summary = para->shard = nullptr;
+  para->micrographs = para->odir = para->summary = para->shard = para->learned = nullptr;
 }
 
 void kestrix_speed2shrink(int& speed, int& shrink) {

@@ -83,6 +83,8 @@ struct Kestrix_Para {
   int robust_ice;      // close ice pixel by pixel, by limits that the micrograph sets
   int learn_template;  // match what the micrograph itself shows in place of the automatic template
   int auto_cutoff;     // find the cutoff of each micrograph from its scores
+  int learn_from;      // micrographs from which the session's size, template and cutoff are learned; 0: none
+  char* learned;       // file of what was learned, or "NULL"
   int write_learned;   // write _learned.mrcs
   int keeps_min_dist;  // 1: min_dist is the user's
   int keeps_cutoff;    // 1: cc_cutoff is the user's

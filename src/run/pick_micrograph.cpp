@@ -357,6 +357,17 @@ bool is_finished_before(const Kestrix_Para* para, const char* mic) {
   return is_finished(&names, para);
 }
 
+bool look_at_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image) {
+  MicrographNames names;
+  set_names(&names, mic, &run->para);
+  run->findings = findings_before(&run->para);
+  if (!image) image = open_micrograph(&run->para, mic, "main");
+  if (!fits_run(run, image->head())) return false;
+  const bool readable = read_micrograph(run, *image, mic);
+  condition_micrograph(run, &names, read_excluded(run, &names), readable);
+  return true;
+}
+
 PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image) {
   time_push();
   printf("\n");

@@ -40,6 +40,10 @@ bool is_finished_before(const Kestrix_Para* para, const char* mic);
 /// image: the micrograph's, where it is open already
 PickState pick_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image = nullptr);
 
+/// Looks at a micrograph for run->learning, and writes nothing. Returns false where the preparation is for others' size.
+/// image: as above.
+bool look_at_micrograph(Run* run, const char* mic, std::unique_ptr<ImageFile> image = nullptr);
+
 /// Frees what prepare_run has made; the parameters and the tally stay. Before another preparation, for micrographs of
 /// another size, the parameters must be made as they were before the last.
 void release_run(Run* run);

@@ -193,12 +193,17 @@ void release_run(Run* run) {
   hcuda_release_sum_scratch();
   const Kestrix_Para para = run->para;
   const RunTally tally = run->tally;
+  const LearnedPicks learned = run->learned;
+  SessionLearning* learning = run->learning;
   *run = {};
   run->para = para;
   run->tally = tally;
+  run->learned = learned;
+  run->learning = learning;
 }
 
 void free_run(Run* run) {
   release_run(run);
+  learned_picks_free(&run->learned);
   kestrix_free_parameters(&run->para);
 }

@@ -6,6 +6,7 @@
 #include "mrcfile.h"
 #include "quorlin56.h"
 #include "run/findings.h"
+#include "run/learned_picks.h"
 #include "run/parameters.h"
 #include "run/size_scan.h"
 #include "run/tally.h"
@@ -56,6 +57,8 @@ struct AutoBuffers {
   float* host_map[4];  // the same on the host
 };
 
+struct SessionLearning;
+
 struct Run {
   Kestrix_Para para;
   MRC_HEAD first_head;  // of the first readable micrograph
@@ -69,6 +72,9 @@ struct Run {
   RunTally tally;
   AutoBuffers autos;
   PickFindings findings;  // of the micrograph at hand
+  // Kept from one preparation to the next:
+  LearnedPicks learned;       // what the session's micrographs share; all zero: nothing
+  SessionLearning* learning;  // not owned: what micrographs are looked at for; null: they are picked
 };
 
 /// Sets the sizes that follow from the first micrograph's header and the parameters, all but the templates'. Ends the

@@ -14,33 +14,18 @@ namespace {
 
 constexpr char unit[] = "size_scan";
 
-// A mean is taken of this many peaks at least, and in the band of a size this much larger than the ball's.
-constexpr int kFewestAveraged = 10;
-constexpr float kMeanSize = 1.25f;
-
 // Share of a size that two particles keep between them.
 constexpr float kApart = 0.8f;
-
-/// Peaks and decoys of one template, and by how much the former exceed the latter.
-struct Trial {
-  PeakList peaks, decoys;
-  double excess;
-  float score_unit;
-};
-
-void trial_free(Trial* trial) {
-  peak_list_free(&trial->peaks);
-  peak_list_free(&trial->decoys);
-}
 
 size_t pixels_of(const SizeScan* scan) { return static_cast<size_t>(scan->nx) * static_cast<size_t>(scan->ny); }
 
 // Correlates d_band with a window and takes the peaks and decoys of the map, apart as particles of `size` are.
-Trial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float size) {
+SizeTrial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float size) {
   correlate_with_window(pad, window, scan->d_band, scan->d_scores);
   CHECK_DEVICE(cudaMemcpy(scan->host, scan->d_scores, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
   const RobustScale scale = robust_scale(scan->host, scan->host_open, scan->nx, scan->ny);
-  Trial trial{};
+  SizeTrial trial{};
+  trial.usable = true;
   if (!(scale.deviation > 0) || !std::isfinite(scale.deviation)) return trial;
   trial.score_unit = 1.0f / scale.deviation;
   const PeakArea area = peak_area(scan->settings, scan->nx, scan->host_open, peak_distance(scan->settings, size));
@@ -50,17 +35,21 @@ Trial try_window(SizeScan* scan, MirrorPad* pad, const DiscWindow* window, float
   return trial;
 }
 
+SizeTrial try_in_band(SizeScan* scan, MirrorPad* pad, const RoundTemplate& t, float size) {
+  DiscWindow window = radial_window_new(pad, t.values, t.n, t.step);
+  const SizeTrial trial = try_window(scan, pad, &window, size);
+  disc_window_free(&window);
+  return trial;
+}
+
 // Tries the mean of the best peaks against the ball that found them, and takes it into the result if it is better.
 void try_mean(SizeScan* scan, MirrorPad* pad, SizeScanResult* result) {
   const float size = result->share * scan->settings.diameter;
   const float band_size = kMeanSize * size;
   const int count = std::max(peaks_from(result->peaks, score_valley(result->peaks)), kFewestAveraged);
-  if (result->peaks.n == 0 || !size_band_make(&scan->band, pad, band_size, scan->d_band)) return;
-  CHECK_DEVICE(cudaMemcpy(scan->host, scan->d_band, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
+  if (result->peaks.n == 0 || !band_to_host(scan, pad, band_size)) return;
   RoundTemplate mean = mean_template(scan->host, scan->nx, scan->ny, result->peaks, count, band_size);
-  DiscWindow window = radial_window_new(pad, mean.values, mean.n, mean.step);
-  Trial trial = try_window(scan, pad, &window, size);
-  disc_window_free(&window);
+  SizeTrial trial = try_in_band(scan, pad, mean, size);
   if (trial.excess > result->excess) {
     std::swap(result->peaks, trial.peaks);
     std::swap(result->decoys, trial.decoys);
@@ -71,10 +60,37 @@ void try_mean(SizeScan* scan, MirrorPad* pad, SizeScanResult* result) {
     result->learned = true;
   }
   round_template_free(&mean);
-  trial_free(&trial);
+  size_trial_free(&trial);
 }
 
 }  // namespace
+
+bool band_to_host(SizeScan* scan, MirrorPad* pad, float band_size) {
+  if (!size_band_make(&scan->band, pad, band_size, scan->d_band)) return false;
+  CHECK_DEVICE(cudaMemcpy(scan->host, scan->d_band, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
+  return true;
+}
+
+void begin_trials(SizeScan* scan, MirrorPad* pad, const float* image, const float* open, bool all_open) {
+  CHECK_DEVICE(cudaMemcpy(scan->host_open, open, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
+  size_band_take(&scan->band, pad, image, open, all_open);
+}
+
+SizeTrial try_ball(SizeScan* scan, MirrorPad* pad, int i) {
+  const float size = kSizeShares[i] * scan->settings.diameter;
+  if (!size_band_make(&scan->band, pad, size, scan->d_band)) return {};
+  return try_window(scan, pad, &scan->balls[i], size);
+}
+
+SizeTrial try_round_template(SizeScan* scan, MirrorPad* pad, const RoundTemplate& t, float size, float band_size) {
+  if (!size_band_make(&scan->band, pad, band_size, scan->d_band)) return {};
+  return try_in_band(scan, pad, t, size);
+}
+
+void size_trial_free(SizeTrial* trial) {
+  peak_list_free(&trial->peaks);
+  peak_list_free(&trial->decoys);
+}
 
 PeakArea peak_area(const SizeScanSettings& settings, int nx, const float* open, float least_distance) {
   const int border = std::max(1, static_cast<int>(std::ceil(settings.diameter / 2)));
@@ -114,17 +130,15 @@ void size_scan_free(SizeScan* scan) {
 }
 
 SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, const float* open, bool all_open) {
-  CHECK_DEVICE(cudaMemcpy(scan->host_open, open, pixels_of(scan) * sizeof(float), cudaMemcpyDeviceToHost));
-  size_band_take(&scan->band, pad, image, open, all_open);
+  begin_trials(scan, pad, image, open, all_open);
   SizeScanResult result{};
   result.share = 1;
   int best = -1;
   for (int i = 0; i < kSizes; i++) {
-    const float size = kSizeShares[i] * scan->settings.diameter;
     if (scan->settings.only_ball && kSizeShares[i] != 1.0f) continue;
-    if (!size_band_make(&scan->band, pad, size, scan->d_band)) continue;
+    SizeTrial trial = try_ball(scan, pad, i);
+    if (!trial.usable) continue;
     result.usable = true;
-    Trial trial = try_window(scan, pad, &scan->balls[i], size);
     if (best < 0 || trial.excess > result.excess) {
       std::swap(result.peaks, trial.peaks);
       std::swap(result.decoys, trial.decoys);
@@ -132,7 +146,7 @@ SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, co
       result.score_unit = trial.score_unit;
       best = i;
     }
-    trial_free(&trial);
+    size_trial_free(&trial);
   }
   if (best < 0) return result;
   result.share = kSizeShares[best];

@@ -10,6 +10,10 @@
 constexpr int kSizes = 4;
 constexpr float kSizeShares[kSizes] = {0.64f, 0.8f, 1.0f, 1.25f};
 
+/// A mean is taken of this many peaks at least, and in the band of a size this much larger than the ball's.
+constexpr int kFewestAveraged = 10;
+constexpr float kMeanSize = 1.25f;
+
 /// What the scan goes by. Lengths in working pixels.
 struct SizeScanSettings {
   float diameter;        // expected
@@ -42,6 +46,14 @@ struct SizeScanResult {
   PeakList peaks, decoys;  // of its map
 };
 
+/// Peaks and decoys of one template, and by how much the former exceed the latter.
+struct SizeTrial {
+  bool usable;  // whether the band has any variation; if not, all else is empty
+  PeakList peaks, decoys;
+  double excess;     // in shares of the expected diameter
+  float score_unit;  // score over the correlation's value
+};
+
 /// Allocates and prepares for images of pad's size; released with size_scan_free. Ends the run on a device error.
 SizeScan size_scan_new(MirrorPad* pad, const SizeScanSettings& settings);
 void size_scan_free(SizeScan* scan);
@@ -52,6 +64,20 @@ void size_scan_free(SizeScan* scan);
 SizeScanResult scan_sizes(SizeScan* scan, MirrorPad* pad, const float* image, const float* open, bool all_open);
 
 void size_scan_result_free(SizeScanResult* result);
+
+/// Takes the image (device, nx*ny) that the trials below are of, and its open area as scan_sizes does. Both must stay.
+void begin_trials(SizeScan* scan, MirrorPad* pad, const float* image, const float* open, bool all_open);
+
+/// Tries the ball of kSizeShares[i]. The caller frees the result with size_trial_free.
+SizeTrial try_ball(SizeScan* scan, MirrorPad* pad, int i);
+
+/// Tries a round template, steps in pixels, for particles of `size` pixels in the band of band_size. Result as above.
+SizeTrial try_round_template(SizeScan* scan, MirrorPad* pad, const RoundTemplate& t, float size, float band_size);
+
+void size_trial_free(SizeTrial* trial);
+
+/// Brings the band for `size` pixels to scan->host. Returns false where it has no variation.
+bool band_to_host(SizeScan* scan, MirrorPad* pad, float size);
 
 /// Where peaks of particles of the settings count in images nx wide: half a diameter and more from the borders. open:
 /// host, as the map.

@@ -5,6 +5,7 @@
 
 #include "platform/failure.h"
 #include "run/stage_timer.h"
+#include "session/learning.h"
 #include "session/micrograph_list.h"
 #include "str_utils.h"
 
@@ -34,6 +35,7 @@ Shard read_run(int argc, char** argv, Run* run) {
   report_command_line(argc, argv, run);
   check_output_names(list.data(), static_cast<int>(list.size()), &para);
   make_output_folder(para.odir);
+  read_learned(run);
   return shard;
 }
 
@@ -44,6 +46,7 @@ void begin_run(int argc, char** argv, Run* run) {
     KESTRIX_FATAL(
         "--check, --keep_going, --summary and --watch work on one device: give --gid a single number, and a part of "
         "the list to a process for each device");
+  refuse_to_learn(run, "A run on several devices");
   prepare_run(run);
   time_pop("PREPARATION");
 }

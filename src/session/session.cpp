@@ -15,6 +15,7 @@
 #include "run/stage_timer.h"
 #include "session/begin_run.h"
 #include "session/check.h"
+#include "session/learning.h"
 #include "session/watch.h"
 #include "str_utils.h"
 
@@ -128,6 +129,7 @@ SessionEnd pick_session(int argc, char** argv) {
   if (run.para.check) {
     end = {-1, check_micrographs(&run.para) ? 0 : kSomeFailed};
   } else {
+    learn_for_session(&run);
     Session session(&run, shard);
     end = run.para.watch > 0 ? session.watch() : session.pick_list();
   }

@@ -56,29 +56,6 @@ void add_surroundings(const float* image, int nx, int ny, int pixel, int reach, 
   }
 }
 
-// The radial mean at whole radii 0 .. reach.
-void radial_mean(const float* image, int nx, int ny, const PeakList& peaks, int count, int reach, double* mean) {
-  const auto rings = static_cast<size_t>(reach) + 1;
-  auto* sums = host_new<double>(2 * kShares * rings);
-  std::fill_n(sums, 2 * kShares * rings, 0.0);
-#pragma omp parallel for schedule(dynamic)
-  for (int share = 0; share < kShares; share++) {
-    double* own = sums + 2 * static_cast<size_t>(share) * rings;
-    for (int i = share; i < count; i += kShares)
-      add_surroundings(image, nx, ny, peaks.peaks[i].pixel, reach, own, own + rings);
-  }
-  for (size_t r = 0; r < rings; r++) {
-    double sum = 0;
-    double weight = 0;
-    for (size_t share = 0; share < kShares; share++) {
-      sum += sums[2 * share * rings + r];
-      weight += sums[(2 * share + 1) * rings + r];
-    }
-    mean[r] = weight > 0 ? sum / weight : 0;
-  }
-  free(sums);
-}
-
 // Mean over the disc's area from the soft edge's end outwards.
 double value_outside(const double* mean, int reach, double size) {
   double sum = 0;
@@ -107,15 +84,48 @@ RoundTemplate ball_template(float size) {
   return t;
 }
 
-RoundTemplate mean_template(const float* image, int nx, int ny, const PeakList& peaks, int count, float size) {
-  RoundTemplate t = template_new(size);
+RadialSums radial_sums_new(float size) {
   const int reach = static_cast<int>(kExtent * size) + 2;
-  auto* mean = host_new<double>(static_cast<size_t>(reach) + 1);
-  radial_mean(image, nx, ny, peaks, std::min(count, peaks.n), reach, mean);
-  const double outside = value_outside(mean, reach, static_cast<double>(size));
+  const auto rings = static_cast<size_t>(reach) + 1;
+  RadialSums sums{host_new<double>(rings), host_new<double>(rings), reach};
+  std::fill_n(sums.sums, rings, 0.0);
+  std::fill_n(sums.weights, rings, 0.0);
+  return sums;
+}
+
+void radial_sums_free(RadialSums* sums) {
+  free(sums->sums);
+  free(sums->weights);
+  *sums = RadialSums{};
+}
+
+void add_to_radial_sums(RadialSums* to, const float* image, int nx, int ny, const PeakList& peaks, int count) {
+  const auto rings = static_cast<size_t>(to->reach) + 1;
+  auto* sums = host_new<double>(2 * kShares * rings);
+  std::fill_n(sums, 2 * kShares * rings, 0.0);
+#pragma omp parallel for schedule(dynamic)
+  for (int share = 0; share < kShares; share++) {
+    double* own = sums + 2 * static_cast<size_t>(share) * rings;
+    for (int i = share; i < count; i += kShares)
+      add_surroundings(image, nx, ny, peaks.peaks[i].pixel, to->reach, own, own + rings);
+  }
+  for (size_t r = 0; r < rings; r++) {
+    for (size_t share = 0; share < kShares; share++) {
+      to->sums[r] += sums[2 * share * rings + r];
+      to->weights[r] += sums[(2 * share + 1) * rings + r];
+    }
+  }
+  free(sums);
+}
+
+RoundTemplate mean_of_sums(const RadialSums& sums, float size) {
+  RoundTemplate t = template_new(size);
+  auto* mean = host_new<double>(static_cast<size_t>(sums.reach) + 1);
+  for (int r = 0; r <= sums.reach; r++) mean[r] = sums.weights[r] > 0 ? sums.sums[r] / sums.weights[r] : 0;
+  const double outside = value_outside(mean, sums.reach, static_cast<double>(size));
   for (int i = 0; i < t.n; i++) {
     const double r = static_cast<double>(kStep) * i;
-    const int ring = std::min(static_cast<int>(r), reach - 1);
+    const int ring = std::min(static_cast<int>(r), sums.reach - 1);
     const double value = mean[ring] + (r - ring) * (mean[ring + 1] - mean[ring]);
     const double edge =
         1 / (1 + std::exp((r - kEdge * static_cast<double>(size)) / (kEdgeWidth * static_cast<double>(size))));
@@ -124,6 +134,14 @@ RoundTemplate mean_template(const float* image, int nx, int ny, const PeakList& 
   free(mean);
   normalise_over_disc(&t);
   return t;
+}
+
+RoundTemplate mean_template(const float* image, int nx, int ny, const PeakList& peaks, int count, float size) {
+  RadialSums sums = radial_sums_new(size);
+  add_to_radial_sums(&sums, image, nx, ny, peaks, std::min(count, peaks.n));
+  const RoundTemplate mean = mean_of_sums(sums, size);
+  radial_sums_free(&sums);
+  return mean;
 }
 
 int round_template_side(const RoundTemplate& t) {

@@ -22,6 +22,23 @@ RoundTemplate ball_template(float size);
 /// has no variation.
 RoundTemplate mean_template(const float* image, int nx, int ny, const PeakList& peaks, int count, float size);
 
+/// Sums of many images' pixels around peaks, by whole radii.
+struct RadialSums {
+  double* sums;
+  double* weights;
+  int reach;  // the largest radius, pixels
+};
+
+/// For a mean_template of `size`. Freed with radial_sums_free.
+RadialSums radial_sums_new(float size);
+void radial_sums_free(RadialSums* sums);
+
+/// Adds what the image (host, nx*ny) shows around its first `count` peaks; the same on any number of threads.
+void add_to_radial_sums(RadialSums* sums, const float* image, int nx, int ny, const PeakList& peaks, int count);
+
+/// The mean_template of all that was added.
+RoundTemplate mean_of_sums(const RadialSums& sums, float size);
+
 /// The template as an image of side*side pixels, centred at ((side - 1) / 2, (side - 1) / 2).
 void draw_round_template(const RoundTemplate& t, int side, float* image);
 

@@ -15,6 +15,7 @@
 #include "session/check.h"
 #include "session/command_line.h"
 #include "session/devices.h"
+#include "session/learning.h"
 #include "session/micrograph_list.h"
 
 namespace {
@@ -243,6 +244,7 @@ SessionEnd lead_session(const RankPlace& place, int argc, char** argv) {
     share_texts(place, {});
     return end;
   }
+  refuse_to_learn(&run, "kestrix_mpi");
   Book book(run.para, shard);
   share_texts(place, texts);
   FirstRank rank(place, &run, &book);
