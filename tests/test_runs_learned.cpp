@@ -44,7 +44,7 @@ class RunLearned : public WholeRun {
     return all + content("empty_001_quorlin.box");
   }
 
-  /// A run must end with status 1 by a message that holds the words, and leave the file of what was learned as it is.
+  /// A run must end with status 1 by a message that holds the words.
   void expect_refused(const std::string& options, const std::string& words) const {
     const ProgramRun run = session(options);
     EXPECT_EQ(1, run.status) << options << run.output;
@@ -108,6 +108,7 @@ TEST_F(RunLearned, RefusesFilesThatAreDamagedOrOfAnotherRunAndWhatCannotShare) {
   expect_refused("--learned kestrix_learned.star --dont_invertT 1", "bright particles");
   expect_refused(with("_kestrixCutoff ", "_kestrixCutoff x"), "it is damaged, _kestrixCutoff is x");
   expect_refused(with("_kestrixBandSize ", "_kestrixBandSize -"), "_kestrixBandSize is -");
+  expect_refused(with("_kestrixSizeShare ", "_kestrixSizeShare 9"), "_kestrixSizeShare is 9");
   expect_refused(with("_kestrixRule ", "_kestrixRule no"), "_kestrixRule is no");
   expect_refused(with("data_kestrix_learned\n", "data_other\n"), "no block data_kestrix_learned");
   for (const double share : {0.0, 0.3, 0.6, 0.95}) {

@@ -24,6 +24,9 @@ constexpr char kProfile[] = "kestrix_learned_profile";
 // Radii of a profile at the most: templates are smaller than working images.
 constexpr size_t kMostRadii = 1 << 20;
 
+// No value of a whole file comes near it, and it fits an int.
+constexpr double kMost = 1e9;
+
 constexpr struct {
   CutoffRule rule;
   const char* word;
@@ -59,11 +62,11 @@ class LearnedReader {
     learned.micrographs = static_cast<int>(number("_kestrixMicrographs", -1));
     learned.peaks = static_cast<int>(number("_kestrixPeaks", -1));
     if (learned.rule == kNoParticles) return learned;
-    learned.share = number("_kestrixSizeShare", 0);
+    learned.share = share();
     learned.mean = word("_kestrixTemplate") == "mean";
     learned.band_size = number("_kestrixBandSize", 0);
     learned.cutoff = number("_kestrixCutoff", 0);
-    learned.least = number("_kestrixLeastScore", -1e30);
+    learned.least = number("_kestrixLeastScore", -kMost);
     learned.decoys = value(word("_kestrixDecoys"), "_kestrixDecoys", 0);
     learned.found = profile(number("_kestrixRadiusStep", 0));
     return learned;
@@ -86,7 +89,7 @@ class LearnedReader {
   double value(const std::string& text, const char* label, double above) const {
     char* end = nullptr;
     const double read = strtod(text.c_str(), &end);
-    if (end == text.c_str() || *end != '\0' || !std::isfinite(read) || !(read > above) || read > 1e30)
+    if (end == text.c_str() || *end != '\0' || !std::isfinite(read) || !(read > above) || read > kMost)
       refuse(name_, std::string("it is damaged, ") + label + " is " + text);
     return read;
   }
@@ -100,6 +103,13 @@ class LearnedReader {
     refuse(name_, "it is damaged, _kestrixRule is " + text);
   }
 
+  float share() const {
+    const float read = number("_kestrixSizeShare", 0);
+    for (const float known : kSizeShares)
+      if (std::fabs(read - known) < 1e-4f) return known;
+    refuse(name_, "it is damaged, _kestrixSizeShare is " + word("_kestrixSizeShare"));
+  }
+
   RoundTemplate profile(float step) const {
     const StarBlock& values = block(kProfile);
     const int column = values.column("_kestrixValue");
@@ -108,7 +118,7 @@ class LearnedReader {
       refuse(name_, "it is damaged, its profile isn't whole");
     RoundTemplate t{host_new<float>(n), static_cast<int>(n), step};
     for (size_t i = 0; i < n; i++)
-      t.values[i] = static_cast<float>(value(values.rows[i][static_cast<size_t>(column)], "_kestrixValue", -1e30));
+      t.values[i] = static_cast<float>(value(values.rows[i][static_cast<size_t>(column)], "_kestrixValue", -kMost));
     return t;
   }
 

@@ -102,7 +102,7 @@ void tell(const LearnedPicks& learned, const std::string& file) {
                 learned.micrographs);
     return;
   }
-  safety_note(file.c_str(), "learned from %d micrographs: particles of %.0f A, %s, cutoff %.3f, which %d peaks reach.",
+  safety_note(file.c_str(), "learned from %d micrographs: particles of %.0f Å, %s, cutoff %.3f, which %d peaks reach.",
               learned.micrographs, static_cast<double>(learned.share * learned.diameter),
               learned.mean ? "matched with their mean" : "matched with the ball", static_cast<double>(learned.cutoff),
               learned.peaks);
