@@ -2,9 +2,9 @@
 # Times whole runs on simulated micrographs and prints a table of ratios to what was measured in the same run:
 #   bench/picking.sh [--quick] [--no-relion] [OUTPUT]        (default output: build/bench/picking.txt)
 # --quick leaves out the larger sizes and the other speeds. RELION (Debian package relion) is timed beside it on the
-# same micrograph with the same references where it is installed.
+# same micrograph with the same references where it is installed. Lists are of 3 micrographs, and those of a session of 15.
 #
-# Columns: READ NORM PICK are the program's own stage times per micrograph in seconds (median of the micrographs), then
+# Columns: READ NORM PICK are the program's own stage times per micrograph in seconds (median of the last three), then
 #   norm/pair   NORM over one transform pair of the padded image (same threads)
 #   pick/floor  PICK over the inverse transforms of all angles and templates, each core running its own, planned by FFTW
 #               as well as it can (automatic template: one transform)
@@ -36,8 +36,14 @@ simulate() {
     --apixT 2.68 --seed 7 >/dev/null
 }
 
-# median of the values of one stage in a log
-stage() { awk -v stage="$1:" '$2 == stage { print $3 + 0 }' "$2" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+# The same micrographs again and again: session NAME OF COUNT
+session() {
+  local i
+  for ((i = 0; i < $3; i++)); do ln -s "$2_00$((i % 3 + 1)).mrc" "$work/$1_$(printf %03d $((i + 1))).mrc"; done
+}
+
+# median of the last values of one stage in a log
+stage() { awk -v stage="$1:" '$2 == stage { print $3 + 0 }' "$2" | tail -n 3 | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
 # row LABEL NAME SPEED SHRINK THREADS TRANSFORMS OPTIONS...
 row() {
@@ -45,7 +51,7 @@ row() {
   shift 6
   export OMP_NUM_THREADS=$threads
   /usr/bin/time -f %M -o "$work/peak" build/kestrix --apixM 1.34 --diameter 260 --speed "$speed" "$@" \
-    "$work/$name"_00[123].mrc >"$work/log"
+    "$work/$name"_0??.mrc >"$work/log"
   build/bench/kestrix_floors "$work/${name}_001.mrc" "$shrink" "$transforms" "$work/wisdom" >"$work/floors"
   awk -v label="$label" -v threads="$threads" -v r="$(stage READING "$work/log")" \
     -v n="$(stage NORMALIZATION "$work/log")" -v p="$(stage PICKING "$work/log")" -v peak="$(cat "$work/peak")" '
@@ -62,12 +68,13 @@ seconds() {
   awk -v a="$start" -v b="$(date +%s.%N)" 'BEGIN { print b - a }'
 }
 
-# Per micrograph without start-up: what two more micrographs take beyond one, halved. $1 label, $2 one, $3 three.
+# Per micrograph without start-up: what two more micrographs take beyond one, halved; in a session what three take beyond
+# twelve. The seconds for 1 and 3 of RELION's, for 1, 3, 12 and 15 of ours.
 peer_row() {
-  awk -v label="$1" -v one="$2" -v three="$3" -v ours_one="$4" -v ours_three="$5" 'BEGIN {
-    peer = (three - one) / 2; ours = (ours_three - ours_one) / 2
-    printf "%-34s %9.2f s per micrograph, ours %.3f s: %.0f times; with start-up %.0f times\n", label, peer, ours,
-      peer / ours, one / ours_one }' | tee -a "$out"
+  awk -v label="$1" -v one="$2" -v three="$3" -v ours_one="$4" -v ours_three="$5" -v twelve="$6" -v fifteen="$7" 'BEGIN {
+    peer = (three - one) / 2; ours = (ours_three - ours_one) / 2; session = (fifteen - twelve) / 3
+    printf "%-24s %7.2f s per micrograph, ours %.3f s: %.0f times; in a session %.3f s: %.0f times; with start-up %.0f times\n",
+      label, peer, ours, peer / ours, session, peer / session, one / ours_one }' | tee -a "$out"
 }
 
 autopick() { # THREADS MICROGRAPHS...
@@ -99,10 +106,12 @@ mkdir -p "$(dirname "$out")"
 : >"$out"
 printf '%-34s %7s %7s %7s %7s %9s %10s %9s %9s\n' run threads READ NORM PICK norm/pair pick/floor all/read 'peak MiB' | tee -a "$out"
 simulate b 4096 4096 2
+session s b 15
 templates=(--T "$work/b_templates.mrcs" --apixT 2.68)
 for threads in 1 2; do
   row "(a) automatic, 4096 x 4096" b 2 4 $threads 1
   row "(b) 8 templates, 4096 x 4096" b 2 4 $threads 576 "${templates[@]}"
+  row "(b) in a session" s 2 4 $threads 576 "${templates[@]}"
 done
 simulate i 4096 4096 1
 row "(b) int16" i 2 4 2 576 "${templates[@]}"
@@ -119,10 +128,12 @@ fi
 if [ $relion -eq 1 ] && command -v relion_autopick >/dev/null; then
   for n in 1 3; do star_list $n; done
   mics=("$work"/b_00[123].mrc)
+  more=("$work"/s_0??.mrc)
   for threads in 1 2; do
     peer_row "RELION, $threads process(es)" "$(seconds autopick $threads "${mics[0]}")" \
       "$(seconds autopick $threads "${mics[@]}")" "$(seconds ours $threads "${mics[0]}")" \
-      "$(seconds ours $threads "${mics[@]}")"
+      "$(seconds ours $threads "${mics[@]}")" "$(seconds ours $threads "${more[@]:0:12}")" \
+      "$(seconds ours $threads "${more[@]}")"
   done
 else
   echo "RELION: not timed (Debian package relion)" | tee -a "$out"
