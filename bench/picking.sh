@@ -2,7 +2,7 @@
 # Times whole runs on simulated micrographs and prints a table of ratios to what was measured in the same run:
 #   bench/picking.sh [--quick] [--no-relion] [OUTPUT]        (default output: build/bench/picking.txt)
 # --quick leaves out the larger sizes and the other speeds. RELION (Debian package relion) is timed beside it on the
-# same micrograph with the same references where it is installed. Lists are of 3 micrographs, and those of a session of 15.
+# same micrograph with the same references where it is installed. Lists are of 3 micrographs, and those of a session of 30.
 #
 # Columns: READ NORM PICK are the program's own stage times per micrograph in seconds (median of the last three), then
 #   norm/pair   NORM over one transform pair of the padded image (same threads)
@@ -68,11 +68,11 @@ seconds() {
   awk -v a="$start" -v b="$(date +%s.%N)" 'BEGIN { print b - a }'
 }
 
-# Per micrograph without start-up: what two more micrographs take beyond one, halved; in a session what three take beyond
-# twelve. The seconds for 1 and 3 of RELION's, for 1, 3, 12 and 15 of ours.
+# Per micrograph without start-up: what two more micrographs take beyond one, halved; in a session what eighteen take beyond
+# twelve. The seconds for 1 and 3 of RELION's, for 1, 3, 12 and 30 of ours.
 peer_row() {
-  awk -v label="$1" -v one="$2" -v three="$3" -v ours_one="$4" -v ours_three="$5" -v twelve="$6" -v fifteen="$7" 'BEGIN {
-    peer = (three - one) / 2; ours = (ours_three - ours_one) / 2; session = (fifteen - twelve) / 3
+  awk -v label="$1" -v one="$2" -v three="$3" -v ours_one="$4" -v ours_three="$5" -v twelve="$6" -v thirty="$7" 'BEGIN {
+    peer = (three - one) / 2; ours = (ours_three - ours_one) / 2; session = (thirty - twelve) / 18
     printf "%-24s %7.2f s per micrograph, ours %.3f s: %.0f times; in a session %.3f s: %.0f times; with start-up %.0f times\n",
       label, peer, ours, peer / ours, session, peer / session, one / ours_one }' | tee -a "$out"
 }
@@ -106,7 +106,7 @@ mkdir -p "$(dirname "$out")"
 : >"$out"
 printf '%-34s %7s %7s %7s %7s %9s %10s %9s %9s\n' run threads READ NORM PICK norm/pair pick/floor all/read 'peak MiB' | tee -a "$out"
 simulate b 4096 4096 2
-session s b 15
+session s b 30
 templates=(--T "$work/b_templates.mrcs" --apixT 2.68)
 for threads in 1 2; do
   row "(a) automatic, 4096 x 4096" b 2 4 $threads 1
