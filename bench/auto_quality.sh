@@ -7,37 +7,10 @@
 # without it this part is skipped, which is said. F1 is the mean over micrographs; a pick is right within a quarter of the
 # particle's diameter, one pick a mark. Last, what is left when parts of --auto are switched off.
 set -eu
-seed=1
-data=../shared/data
-build=build
-while [ $# -gt 0 ]; do
-  case $1 in
-    --seed) seed=$2; shift ;;
-    --data) data=$2; shift ;;
-    *) build=$1 ;;
-  esac
-  shift
-done
-cd "$(dirname "$0")/.."
-build=$(cd "$build" && pwd)
-data=$(cd "$data" 2>/dev/null && pwd || true)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-export OMP_NUM_THREADS=${OMP_NUM_THREADS:-1}
+# shellcheck source=bench/quality.sh
+. "$(dirname "$0")/quality.sh"
 shapes="body ball shell barrel rod"
 dirty="--ice 10 --carbon 0.12"
-
-# make NAME SEED OPTIONS...: one micrograph of the simulated kind; where ice would be darker than black, of another seed
-make() {
-  local name=$1 first=$2
-  shift 2
-  for other in 0 10000 20000 30000; do
-    "$build/kestrix_simulate" --prefix "$work/${name}_" --number 1 --nx 2560 --ny 2400 --apix 2 --diameter 200 --mode 6 \
-      --templates 0 --seed $((first + other)) "$@" >/dev/null 2>"$work/refused" && return
-  done
-  cat "$work/refused" >&2
-  return 1
-}
 
 simulate() {
   for dirt in clean dirty; do

@@ -6,37 +6,8 @@
 # Real: the micrographs of FOLDER, where it is; without it this part is skipped, which is said. Columns: F1, precision and
 # recall over all micrographs of the session, and picks on its empty ones, by --auto 1 and with --learn_from.
 set -eu
-seed=1
-data=../shared/data
-from=24
-build=build
-while [ $# -gt 0 ]; do
-  case $1 in
-    --seed) seed=$2; shift ;;
-    --data) data=$2; shift ;;
-    --from) from=$2; shift ;;
-    *) build=$1 ;;
-  esac
-  shift
-done
-cd "$(dirname "$0")/.."
-build=$(cd "$build" && pwd)
-data=$(cd "$data" 2>/dev/null && pwd || true)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-export OMP_NUM_THREADS=${OMP_NUM_THREADS:-1}
-
-# make NAME SEED OPTIONS...: one micrograph; where ice would be darker than black, of another seed
-make() {
-  local name=$1 first=$2
-  shift 2
-  for other in 0 10000 20000 30000 40000; do
-    "$build/kestrix_simulate" --prefix "$work/$name" --number 1 --nx 2560 --ny 2400 --apix 2 --diameter 200 --mode 6 \
-      --templates 0 --seed $((first + other)) "$@" >/dev/null 2>"$work/refused" && return
-  done
-  cat "$work/refused" >&2
-  return 1
-}
+# shellcheck source=bench/quality.sh
+. "$(dirname "$0")/quality.sh"
 
 # pooled: scores of micrographs, a line each, as F1 (precision / recall), and picks on empty ones
 pooled() {
@@ -70,7 +41,7 @@ sparse() {
   for i in $(seq 1 24); do
     local count=$((8 + i * 7 % 5))
     case $i in 4 | 10 | 15 | 21) count=0 ;; esac
-    make "m$(printf %02d "$i")_" $((100000 * seed + 100 * number + i)) --shape "$1" --snr "$2" --count $count "${@:3}"
+    make "m$(printf %02d "$i")" $((100000 * seed + 100 * number + i)) --shape "$1" --snr "$2" --count $count "${@:3}"
   done
 }
 
@@ -92,7 +63,7 @@ simulated() {
   session_row "all empty, ice and carbon"
   for shape in body barrel; do
     for i in 1 2 3 4 5 6 7 8; do
-      make "m0${i}_" $((100000 * seed + 9000 + i)) --shape $shape --snr 0.025 --coverage 0.2
+      make "m0${i}" $((100000 * seed + 9000 + i)) --shape $shape --snr 0.025 --coverage 0.2
     done
     session_row "ordinary, some 140 particles, $shape"
   done
