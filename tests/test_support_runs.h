@@ -28,10 +28,10 @@ class WholeRun : public FolderTest {
   }
 
   /// Runs the program with the arguments as they are, in the folder. A sanitizer's finding counts as a failure, as
-  /// does a run of more than a minute.
+  /// does a run of more than four minutes (one takes seconds, a device that is emulated a minute and more).
   ProgramRun kestrix(const std::string& arguments, const std::string& environment = "OMP_NUM_THREADS=1") const {
     const std::string sanitizers = "ASAN_OPTIONS=exitcode=99 UBSAN_OPTIONS=exitcode=99 ";
-    ProgramRun run = run_program(path("."), sanitizers + environment + " timeout 60 " KESTRIX_PROGRAM " " + arguments);
+    ProgramRun run = run_program(path("."), sanitizers + environment + " timeout 240 " KESTRIX_PROGRAM " " + arguments);
     EXPECT_LT(run.status, 99) << arguments << ": " << run.errors;
     EXPECT_GE(run.status, 0) << arguments << ": " << run.errors;
     return run;
